@@ -1,0 +1,246 @@
+#include "htmlcache_ext.h"
+
+#include "GlobalDirectives.h"
+#include "HostProbes.h"
+#include "ModuleState.h"
+#include "PageCacheConfig.h"
+#include "host/vesk_host.h"
+
+#include "VDebug.h"
+#include "VException.h"
+#include "VGlobals.h"
+#include "VHTMLCache.h"
+#include "VPrivilegesDropper.h"
+
+#include <QFileInfo>
+#include <QLocale>
+
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <memory>
+
+const char* const PageCacheName = "Vesk Page Cache";
+const char* const PageCacheVersion = "2021.4.6";
+
+PageCacheConfig pageCacheConfig;
+ModuleState moduleState;
+
+namespace {
+
+const char* const NoUidMessage =
+    "Unable to locate the httpd uid from ini files. Vesk Page Cache is disabled";
+const char* const NoGidMessage =
+    "Unable to locate the httpd gid from ini files. Vesk Page Cache is disabled";
+const char* const CliMessage = "Vesk Page Cache is disabled in CLI/CGI run";
+
+void refuse(const QString& text, int level)
+{
+    VLOG(moduleState.logStream, level) << text;
+    moduleState.enabled = false;
+    disableExtension(text);
+}
+
+// The log file and the store are made as the web server's user, so that
+// workers that run as that user can write them later.
+std::unique_ptr<VPrivilegesDropper> dropPrivileges(long uid, long gid)
+{
+    if (webSapiCheck() == 0 && !isPlainCgi())
+        return std::unique_ptr<VPrivilegesDropper>(new VPrivilegesDropper(uid, gid));
+    return nullptr;
+}
+
+// Answers false when start-up must stop here.
+bool openLog()
+{
+    char* logPath = nullptr;
+    composePath(&logPath, "pagecache.log", LogDirBase);
+    std::unique_ptr<VPrivilegesDropper> dropper;
+    try {
+        const long uid = httpdUid();
+        if (uid == -1) {
+            refuse(QString::fromLatin1(NoUidMessage), 3);
+            free(logPath);
+            return false;
+        }
+        const long gid = httpdGid();
+        if (gid == -1) {
+            refuse(QString::fromLatin1(NoGidMessage), 3);
+            free(logPath);
+            return false;
+        }
+        dropper = dropPrivileges(uid, gid);
+        moduleState.logStream = VDebug::registerStream("Page-Cache", logPath);
+        free(logPath);
+        logPath = nullptr;
+        VDebug::setDebugLevel(moduleState.logStream, int(pageCacheConfig.log_verbosity_level));
+        dropper.reset();
+    } catch (const VException& e) {
+        dropper.reset();
+        free(logPath);
+        refuse(QStringLiteral("Vesk Page Cache is disabled: ") + QString::fromLatin1(e.what()), 3);
+        return false;
+    }
+    return true;
+}
+
+void logParameters()
+{
+    const VDebug::StreamId log = moduleState.logStream;
+    const PageCacheConfig& c = pageCacheConfig;
+    VLOG(log, 5) << "Initializing Vesk Page cache with following parameters:";
+    VLOG(log, 5) << "enable:" << int(c.enable);
+    VLOG(log, 5) << "savePath:" << c.save_path;
+    VLOG(log, 5) << "dirDepth:" << c.dir_depth;
+    VLOG(log, 5) << "dependencies_file:" << c.dependencies_file;
+    VLOG(log, 5) << "log_verbosity_level:" << c.log_verbosity_level;
+    VLOG(log, 5) << "compression_enable:" << int(c.compression_enable);
+    VLOG(log, 5) << "clean_frequency:" << c.clean_frequency;
+    VLOG(log, 5) << "log_rotation_size:" << c.log_rotation_size;
+}
+
+void resolvePaths()
+{
+    composePath(&moduleState.resolvedRulesFile, pageCacheConfig.dependencies_file, ConfDirBase);
+    composePath(&moduleState.resolvedSavePath, pageCacheConfig.save_path, TempDirBase);
+    moduleState.rulesFilePath = QString::fromUtf8(moduleState.resolvedRulesFile);
+    const char* pidDir = nullptr;
+    if (findDirective("vesk.pid_dir", strlen("vesk.pid_dir"), &pidDir) == 0 && pidDir)
+        VGlobals::setPidDirectory(pidDir);
+}
+
+} // namespace
+
+int extensionStartup()
+{
+    if (vesk_startup_module() != 0)
+        vesk_error(VESK_E_CORE_WARNING, "Vesk Extension Manager: Cannot load %s module", PageCacheName);
+    return 0;
+}
+
+int moduleStartup()
+{
+    vesk_register_ini_entries();
+    applyGlobalDirectives();
+    QLocale::setDefault(QLocale(QLocale::English, QLocale::system().country()));
+
+    if (!openLog())
+        return 0;
+    if (!pageCacheConfig.enable) {
+        refuse(QString(), 3);
+        return 0;
+    }
+    moduleState.serverInfo = VeskServerInfo(installDir(), webserverType(), moduleState.logStream);
+    moduleState.serverInfo.setServerNumber(int(nodeId()));
+    if (!pageCacheConfig.enable_cli && webSapiCheck() == -1) {
+        refuse(QString::fromLatin1(CliMessage), 3);
+        pageCacheConfig.pulse_enable = false;
+        return 0;
+    }
+    logParameters();
+    resolvePaths();
+
+    std::unique_ptr<VPrivilegesDropper> dropper;
+    try {
+        dropper = dropPrivileges(httpdUid(), httpdGid());
+        VDebug::setRotationSize(moduleState.logStream, int(pageCacheConfig.log_rotation_size));
+        moduleState.enabled = pageCacheConfig.enable;
+        reloadRules(true);
+        dropper.reset();
+    } catch (const VException& e) {
+        dropper.reset();
+        refuse(QString::fromLatin1(e.what()), 0);
+        return 0;
+    }
+    pageCacheConfig.outputHandlerLevel = -1;
+    return 0;
+}
+
+int moduleShutdown()
+{
+    VHTMLCache::instance()->shutdown();
+    VHTMLCache::destroyInstance();
+    vesk_unregister_ini_entries();
+    free(moduleState.resolvedRulesFile);
+    moduleState.resolvedRulesFile = nullptr;
+    free(moduleState.resolvedSavePath);
+    moduleState.resolvedSavePath = nullptr;
+    VDebug::unregisterStream(moduleState.logStream);
+    moduleState.logStream = 0;
+    return 0;
+}
+
+int requestStartup()
+{
+    if (isDaemonMode())
+        return 0;
+    return 0;
+}
+
+int requestShutdown()
+{
+    if (isDaemonMode())
+        return 0;
+    return 0;
+}
+
+void reloadRules(bool isStartup)
+{
+    const VDebug::StreamId log = moduleState.logStream;
+    if (!isStartup)
+        VLOG(log, 3) << "Reloading rules File..";
+    if (!moduleState.enabled)
+        return;
+    const QFileInfo rulesFile(moduleState.rulesFilePath);
+    // Taken before anything can fail: a broken file is retried only when
+    // its date moves on.
+    moduleState.rulesFileDate = rulesFile.lastModified();
+    VLOG(log, 3) << "Rules File:" << moduleState.rulesFilePath;
+    if (!rulesFile.isReadable())
+        throw VException(QStringLiteral("Failed to open Rules File: %1").arg(moduleState.rulesFilePath));
+    VHTMLCache::destroyInstance();
+    VHTMLCache* cache = VHTMLCache::instance();
+    if (!cache->load(moduleState.resolvedSavePath, pageCacheConfig.dir_depth,
+                     moduleState.resolvedRulesFile, pageCacheConfig.clean_frequency, false,
+                     pageCacheConfig.max_cached_rules, isStartup)) {
+        VLOG(log, 0) << cache->lastError();
+    }
+}
+
+void disableExtension(const QString& reason)
+{
+    VeskExtensionInfo manager;
+    if (!vesk_get_extension("Vesk Extension Manager", &manager) || !manager.handle)
+        return;
+    typedef void (*SetExtensionDisabled)(const char*, const char*);
+    const auto setDisabled =
+        reinterpret_cast<SetExtensionDisabled>(dlsym(manager.handle, "set_extension_disabled"));
+    if (setDisabled)
+        setDisabled(PageCacheName, reason.toLatin1().constData());
+}
+
+bool isPageCacheStatisticsEnabled()
+{
+    // The length counts the terminating zero as part of the key, so a table
+    // keyed by the plain name never finds it: the record channel stays shut.
+    static const char name[] = "vesk_statistics.pagecache.enable";
+    const char* value = nullptr;
+    if (findDirective(name, sizeof name, &value) != 0 || !value)
+        return false;
+    return strtol(value, nullptr, 10) != 0;
+}
+
+void moduleInfo()
+{
+    const PageCacheConfig& c = pageCacheConfig;
+    vesk_info_table_start();
+    vesk_info_table_row("Version", PageCacheVersion);
+    vesk_info_table_row("Enable", moduleState.enabled ? "Yes" : "No");
+    vesk_info_table_row("Cache dependencies file", moduleState.resolvedRulesFile);
+    vesk_info_table_row("Log verbosity level", QByteArray::number(qint64(c.log_verbosity_level)).constData());
+    vesk_info_table_row("Disk storage directory structure depth", QByteArray::number(qint64(c.dir_depth)).constData());
+    vesk_info_table_row("Disk storage save path", moduleState.resolvedSavePath);
+    vesk_info_table_row("Compression enable", c.compression_enable ? "1" : "0");
+    vesk_info_table_row("Cache cleaning frequency", QByteArray::number(qint64(c.clean_frequency)).constData());
+    vesk_info_table_end();
+}

@@ -1,0 +1,47 @@
+#pragma once
+
+// Configuration that lives outside php.ini: VeskGlobalDirectives.ini in the
+// configuration directory and the ini files of a scan directory, shared by
+// the product's components. Accepted pairs are also handed to the engine's
+// configuration, so that php.ini readers see them too.
+
+#include <cstddef>
+
+// Indexes of the base directories that composePath() resolves against.
+enum BaseDirectory {
+    InstallDirBase = 0,
+    PidDirBase = 1,
+    TempDirBase = 2,
+    ConfDirBase = 3,
+    LogDirBase = 4,
+    DataDirBase = 5,
+    IniScanDirBase = 6,
+};
+
+// Reads the directive files anew. Answers 0, or -1 on a refusal; the table
+// then holds what was read up to that point.
+int loadGlobalDirectives();
+// The ini parser's callback: keeps plain entries of the product's prefixes.
+void acceptDirective(const char* key, size_t keyLength, const char* value, size_t valueLength,
+                     int callbackType, void* arg);
+// Gives every loaded pair to the engine directive of that name, if one is registered.
+int applyGlobalDirectives();
+
+// 0 and the value, or -1. The table first, then the engine's configuration.
+int findDirective(const char* name, size_t length, const char** value);
+const char* iniFromEngine(const char* name, size_t length);
+
+// Resolves `path` against a base directory into a fresh C-heap block: an
+// absolute path is copied as it stands. Answers the length written, or 0
+// with `out` untouched when the base directory isn't configured.
+int composePath(char** out, const char* path, int baseIndex);
+
+long httpdUid();
+long httpdGid();
+const char* installDir();
+const char* tempDir();
+long nodeId();
+const char* webserverType();
+long statisticsEnabled();
+const char* statsdConnectionString();
+const char* internalPorts();

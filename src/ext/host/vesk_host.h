@@ -1,0 +1,80 @@
+#pragma once
+
+// The engine operations the extension uses, in plain C++ types. Only
+// vesk_host.cpp and vesk_entry.cpp see the engine's own headers; everything
+// else reaches the engine through these names.
+
+#include <cstddef>
+#include <cstdio>
+#include <string>
+
+// Error types, as the engine numbers them.
+enum : int {
+    VESK_E_ERROR = 1,
+    VESK_E_WARNING = 2,
+    VESK_E_CORE_WARNING = 32,
+};
+
+// Directive scopes, as the engine numbers them.
+enum : int {
+    VESK_INI_SYSTEM = 4,
+    VESK_INI_ALL = 7,
+};
+
+// The callback type of a plain "key = value" entry of an ini file.
+enum : int { VESK_INI_PARSER_ENTRY = 1 };
+
+// One entry of the engine's extension list.
+struct VeskExtensionInfo
+{
+    const char* name;
+    const char* author;
+    void* handle;       // the shared object it was loaded from, or null
+    int resourceNumber; // its slot in the executor's reserved words, or -1
+};
+
+// Loading and configuration.
+int vesk_startup_module();
+bool vesk_get_extension(const char* name, VeskExtensionInfo* out);
+int vesk_register_ini_entries();
+void vesk_unregister_ini_entries();
+long vesk_ini_long(const char* name, size_t length);
+// A value of the engine's configuration (php.ini, -d, and what was added
+// below), or null. `length` counts the bytes of the key that are compared.
+const char* vesk_get_configuration_directive(const char* name, size_t length);
+void vesk_add_configuration_directive(const char* name, size_t nameLength,
+                                      const char* value, size_t valueLength);
+
+typedef void (*VeskIniCallback)(const char* key, size_t keyLength, const char* value,
+                                size_t valueLength, int callbackType, void* arg);
+// Parses an open ini file with the engine's own parser; the file is closed.
+// Answers 0, or -1 when the file doesn't parse.
+int vesk_parse_ini_file(FILE* file, const char* path, VeskIniCallback callback, void* arg);
+
+enum class VeskIniApply { Applied, NoEntry, Refused };
+// Gives a value to a registered directive through its own update handler,
+// as if it had stood in php.ini.
+VeskIniApply vesk_apply_ini_entry(const char* name, size_t nameLength, const char* value,
+                                  size_t valueLength);
+
+// Error reporting towards the script's author.
+void vesk_error(int type, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// Server API and request.
+const char* vesk_sapi_name();
+bool vesk_sapi_has_getenv();
+// The server's variable of this request (HTTP_HOST, REQUEST_URI, ...), or null.
+const char* vesk_sapi_getenv(const char* name);
+const char* vesk_request_query_string();
+const char* vesk_request_cookie_data();
+// Reads the whole request body, leaving the stream rewound. False without one.
+bool vesk_read_request_body(std::string* body);
+char* vesk_estrndup(const char* text, size_t length);
+void vesk_efree(void* block);
+// Decodes %xx and '+' in place; answers the new length.
+size_t vesk_url_decode(char* text, size_t length);
+
+// The information page.
+void vesk_info_table_start();
+void vesk_info_table_row(const char* name, const char* value);
+void vesk_info_table_end();

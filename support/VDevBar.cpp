@@ -1,0 +1,7 @@
+#include "VDevBar.h"
+
+VDevBar* VDevBar::instance()
+{
+    static VDevBar bar;
+    return &bar;
+}

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <QDateTime>
+
+// The developer toolbar's side of a request. The toolbar itself is another
+// component; when it collects for the current request it marks the time here,
+// and the page cache keeps out of the way while that mark stands.
+class VDevBar
+{
+public:
+    static VDevBar* instance();
+
+    // Null except while the toolbar collects for the request.
+    QDateTime collectionStarted() const { return m_collectionStarted; }
+    void startCollection() { m_collectionStarted = QDateTime::currentDateTime(); }
+    void stopCollection() { m_collectionStarted = QDateTime(); }
+
+private:
+    QDateTime m_collectionStarted;
+};

@@ -1,0 +1,24 @@
+#include "VTime.h"
+
+#include <time.h>
+
+VTime::VTime() : m_start(nowMicroseconds())
+{
+}
+
+void VTime::start()
+{
+    m_start = nowMicroseconds();
+}
+
+qint64 VTime::elapsed() const
+{
+    return nowMicroseconds() - m_start;
+}
+
+qint64 VTime::nowMicroseconds()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return qint64(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}

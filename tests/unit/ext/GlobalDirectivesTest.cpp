@@ -1,0 +1,312 @@
+#include "FakeHost.h"
+
+#include "GlobalDirectives.h"
+#include "HostProbes.h"
+#include "host/vesk_host.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+#include <cstdlib>
+
+namespace {
+
+void writeFile(const QString& path, const QByteArray& text)
+{
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(text);
+}
+
+class GlobalDirectivesTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        FakeHost::instance().reset();
+        unsetenv("PHP_INI_SCAN_DIR");
+        ASSERT_TRUE(confDir.isValid());
+        conf = QFile::encodeName(confDir.path()).toStdString();
+    }
+    void TearDown() override { unsetenv("PHP_INI_SCAN_DIR"); }
+
+    FakeHost& host() { return FakeHost::instance(); }
+    std::string value(const char* name)
+    {
+        const char* found = nullptr;
+        if (findDirective(name, strlen(name), &found) != 0)
+            return "<absent>";
+        return found;
+    }
+    bool parsed(const std::string& suffix)
+    {
+        for (const std::string& path : host().parsedFiles) {
+            if (path.size() >= suffix.size()
+                && path.compare(path.size() - suffix.size(), suffix.size(), suffix) == 0)
+                return true;
+        }
+        return false;
+    }
+
+    QTemporaryDir confDir;
+    std::string conf;
+};
+
+TEST_F(GlobalDirectivesTest, GlobalFileInConfDirIsReadWithOnlyTheProductsPrefixes)
+{
+    writeFile(confDir.filePath("VeskGlobalDirectives.ini"),
+              "[general]\n"
+              "vesk.httpd_uid = 33\n"
+              "vesk = 1\n"
+              "tlm. = 1\n"
+              "tlm.x = 2\n"
+              "opcache.memory_consumption = 64\n"
+              "mysql.host = elsewhere\n"
+              "vesk_flag\n");
+    host().configuration["vesk.conf_dir"] = conf;
+    ASSERT_EQ(0, loadGlobalDirectives());
+
+    EXPECT_EQ("33", value("vesk.httpd_uid"));
+    EXPECT_EQ("2", value("tlm.x"));
+    EXPECT_EQ("64", value("opcache.memory_consumption"));
+    // Keys of four characters are dropped before the prefix is even looked at.
+    EXPECT_EQ("<absent>", value("vesk"));
+    EXPECT_EQ("<absent>", value("tlm."));
+    EXPECT_EQ("<absent>", value("mysql.host"));
+    // An entry without a value is no directive.
+    EXPECT_EQ("<absent>", value("vesk_flag"));
+    // Accepted pairs reach the engine's configuration as well.
+    EXPECT_EQ("33", host().configuration["vesk.httpd_uid"]);
+    EXPECT_TRUE(host().errors.empty());
+}
+
+TEST_F(GlobalDirectivesTest, ScanDirectoryRunsWithoutGlobalFileAndReadsOnlyIniFiles)
+{
+    QDir(confDir.path()).mkpath(QStringLiteral("scan/dir.ini"));
+    writeFile(confDir.filePath("scan/10-a.ini"), "vesk.node_id = 7\n");
+    writeFile(confDir.filePath("scan/20-b.ini.bak"), "vesk.node_id = 99\nvesk.from_bak = 1\n");
+    writeFile(confDir.filePath("scan/notes.txt"), "vesk.from_txt = 1\n");
+    host().configuration["vesk.conf_dir"] = conf;
+    host().configuration["vesk.ini_scandir"] = "scan";
+
+    ASSERT_EQ(0, loadGlobalDirectives());
+    EXPECT_EQ(7, nodeId());
+    EXPECT_EQ("<absent>", value("vesk.from_bak"));
+    EXPECT_EQ("<absent>", value("vesk.from_txt"));
+    EXPECT_TRUE(parsed("scan/10-a.ini"));
+    EXPECT_FALSE(parsed("dir.ini"));
+    EXPECT_TRUE(host().errors.empty());
+}
+
+TEST_F(GlobalDirectivesTest, EnvironmentScanDirWinsOverTheDirectives)
+{
+    QDir(confDir.path()).mkpath(QStringLiteral("env"));
+    writeFile(confDir.filePath("env/a.ini"), "vesk.webserver_type = nginx\n");
+    setenv("PHP_INI_SCAN_DIR", (conf + "/env").c_str(), 1);
+    // Both would be refusals if they were consulted: no conf dir is set.
+    host().configuration["vesk.ini_scandir"] = "scan";
+    host().configuration["vesk.ini_file"] = "one.ini";
+
+    ASSERT_EQ(0, loadGlobalDirectives());
+    EXPECT_STREQ("nginx", webserverType());
+    EXPECT_TRUE(host().errors.empty());
+}
+
+TEST_F(GlobalDirectivesTest, SingleIniFileUnderConfDir)
+{
+    writeFile(confDir.filePath("one.ini"), "vesk.temp_dir = /var/tmp/vesk\n");
+    host().configuration["vesk.conf_dir"] = conf;
+    host().configuration["vesk.ini_file"] = "one.ini";
+    ASSERT_EQ(0, loadGlobalDirectives());
+    EXPECT_STREQ("/var/tmp/vesk", tempDir());
+}
+
+TEST_F(GlobalDirectivesTest, RefusalsNameWhatIsMissing)
+{
+    host().configuration["vesk.ini_scandir"] = "scan";
+    EXPECT_EQ(-1, loadGlobalDirectives());
+    ASSERT_EQ(1u, host().errors.size());
+    EXPECT_EQ(VESK_E_ERROR, host().errors[0].first);
+    EXPECT_EQ("vesk.ini_scandir was specified (scan), but vesk.conf_dir was not: can't locate the scandir",
+              host().errors[0].second);
+
+    host().reset();
+    host().configuration["vesk.ini_file"] = "x.ini";
+    EXPECT_EQ(-1, loadGlobalDirectives());
+    ASSERT_EQ(1u, host().errors.size());
+    EXPECT_EQ("vesk.ini_file was specified (x.ini), but vesk.conf_dir was not: can't locate the ini file",
+              host().errors[0].second);
+
+    host().reset();
+    host().configuration["vesk.conf_dir"] = conf;
+    host().configuration["vesk.ini_scandir"] = std::string(4095, 'd');
+    EXPECT_EQ(-1, loadGlobalDirectives());
+    ASSERT_EQ(1u, host().errors.size());
+    EXPECT_EQ(0u, host().errors[0].second.find("scandir path too long (vesk.conf_dir: "));
+
+    host().reset();
+    host().configuration["vesk.conf_dir"] = conf;
+    host().configuration["vesk.ini_scandir"] = "missing";
+    EXPECT_EQ(-1, loadGlobalDirectives());
+    ASSERT_EQ(1u, host().errors.size());
+    EXPECT_EQ(VESK_E_WARNING, host().errors[0].first);
+    EXPECT_EQ("Failed to open the scandir [" + conf + "/missing]: No such file or directory",
+              host().errors[0].second);
+}
+
+TEST_F(GlobalDirectivesTest, TableComesBeforeEngineAndGettersHaveTheirDefaults)
+{
+    writeFile(confDir.filePath("VeskGlobalDirectives.ini"), "vesk.httpd_uid = 48\n");
+    host().configuration["vesk.conf_dir"] = conf;
+    ASSERT_EQ(0, loadGlobalDirectives());
+    host().configuration["vesk.httpd_uid"] = "1000"; // a later php.ini value
+    EXPECT_EQ(48, httpdUid());
+    // A missing group falls back to the user.
+    EXPECT_EQ(48, httpdGid());
+    EXPECT_STREQ("10081,10082,10083", internalPorts());
+    EXPECT_EQ(nullptr, installDir());
+    EXPECT_EQ(0, nodeId());
+
+    host().reset();
+    ASSERT_EQ(0, loadGlobalDirectives());
+    EXPECT_EQ(-1, httpdUid());
+    EXPECT_EQ(-1, httpdGid());
+    host().configuration["vesk.httpd_uid"] = "33";
+    host().configuration["vesk.httpd_gid"] = "34";
+    EXPECT_EQ(33, httpdUid());
+    EXPECT_EQ(34, httpdGid());
+}
+
+TEST_F(GlobalDirectivesTest, ApplyGivesPairsToRegisteredDirectivesOnly)
+{
+    writeFile(confDir.filePath("VeskGlobalDirectives.ini"),
+              "vesk_pagecache.dir_depth = 3\nvesk.log_dir = /var/log/vesk\n");
+    host().configuration["vesk.conf_dir"] = conf;
+    host().registeredDirectives = {"vesk_pagecache.dir_depth"};
+    ASSERT_EQ(0, loadGlobalDirectives());
+    applyGlobalDirectives();
+    EXPECT_EQ((std::map<std::string, std::string>{{"vesk_pagecache.dir_depth", "3"}}), host().applied);
+    // The unregistered pair stays for lookups.
+    EXPECT_EQ("/var/log/vesk", value("vesk.log_dir"));
+}
+
+TEST_F(GlobalDirectivesTest, ComposePath)
+{
+    host().configuration["vesk.log_dir"] = "/var/log/vesk";
+    ASSERT_EQ(0, loadGlobalDirectives());
+
+    char* out = nullptr;
+    EXPECT_EQ(int(strlen("/var/log/vesk/pagecache.log")), composePath(&out, "pagecache.log", LogDirBase));
+    EXPECT_STREQ("/var/log/vesk/pagecache.log", out);
+    free(out);
+
+    out = nullptr;
+    EXPECT_EQ(int(strlen("/etc/rules.xml")), composePath(&out, "/etc/rules.xml", ConfDirBase));
+    EXPECT_STREQ("/etc/rules.xml", out);
+    free(out);
+
+    char untouched[] = "kept";
+    out = untouched;
+    EXPECT_EQ(0, composePath(&out, "rules.xml", ConfDirBase));
+    EXPECT_EQ(untouched, out);
+
+    out = nullptr;
+    composePath(&out, nullptr, LogDirBase);
+    EXPECT_STREQ("/var/log/vesk/", out);
+    free(out);
+}
+
+class HostProbesTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        FakeHost::instance().reset();
+        ASSERT_EQ(0, loadGlobalDirectives());
+    }
+    FakeHost& host() { return FakeHost::instance(); }
+};
+
+TEST_F(HostProbesTest, WebServerApis)
+{
+    for (const char* web : {"apache", "apache2filter", "apache2handler", "fpm-fcgi", "cli-server"}) {
+        host().sapiName = web;
+        EXPECT_EQ(0, webSapiCheck()) << web;
+    }
+    for (const char* other : {"cli", "phpdbg", "embed"}) {
+        host().sapiName = other;
+        EXPECT_EQ(-1, webSapiCheck()) << other;
+    }
+    // The test's standard input is no listening socket: plain CGI.
+    host().sapiName = "cgi-fcgi";
+    EXPECT_EQ(-1, webSapiCheck());
+    host().sapiName = "fpm-fcgi";
+    EXPECT_TRUE(isFpm());
+    EXPECT_TRUE(isFastCgiHost());
+}
+
+TEST_F(HostProbesTest, CurrentUrl)
+{
+    host().serverVariables = {{"HTTP_HOST", "example.com"}, {"SERVER_PORT", "80"},
+                              {"REQUEST_URI", "/a/b?x=1"}};
+    EXPECT_STREQ("http://example.com:80/a/b?x=1", currentUrl());
+
+    host().serverVariables["HTTP_HOST"] = "example.com:8080";
+    host().serverVariables["HTTPS"] = "on";
+    EXPECT_STREQ("https://example.com:8080/a/b?x=1", currentUrl());
+
+    host().serverVariables["HTTPS"] = "OFF";
+    EXPECT_STREQ("http://example.com:8080/a/b?x=1", currentUrl());
+
+    host().serverVariables.erase("HTTP_HOST");
+    EXPECT_STREQ("", currentUrl());
+    host().hasGetenv = false;
+    EXPECT_STREQ("", currentUrl());
+}
+
+TEST_F(HostProbesTest, InternalRequestByPort)
+{
+    host().serverVariables = {{"HTTP_HOST", "localhost"}, {"SERVER_PORT", "10081"},
+                              {"REQUEST_URI", "/status"}};
+    EXPECT_EQ(1, isInternalRequest());
+    host().serverVariables["HTTP_HOST"] = "localhost:8080";
+    EXPECT_EQ(0, isInternalRequest());
+    host().configuration["vesk.internal_ports"] = "9000,8080";
+    EXPECT_EQ(1, isInternalRequest());
+}
+
+TEST_F(HostProbesTest, RequestParameterFromQueryCookieAndBody)
+{
+    host().hasQueryString = true;
+    host().queryString = "a=1&start_debug=yes%21&b";
+    host().cookieData = "theme=dark; session= abc+def";
+    host().hasBody = true;
+    host().body = "posted=x%20y";
+
+    char* value = requestParameter("start_debug", 11, 0);
+    ASSERT_NE(nullptr, value);
+    EXPECT_STREQ("yes!", value);
+    vesk_efree(value);
+
+    value = requestParameter("session", 7, 0);
+    ASSERT_NE(nullptr, value);
+    EXPECT_STREQ(" abc def", value);
+    vesk_efree(value);
+
+    EXPECT_EQ(nullptr, requestParameter("posted", 6, 0));
+    value = requestParameter("posted", 6, 1);
+    ASSERT_NE(nullptr, value);
+    EXPECT_STREQ("x y", value);
+    vesk_efree(value);
+
+    // Names match whole, byte for byte.
+    EXPECT_EQ(nullptr, requestParameter("start", 5, 0));
+    EXPECT_EQ(1, isDebugSessionRequest());
+    host().queryString = "XDEBUG_SESSIONS=1";
+    host().cookieData.clear();
+    EXPECT_EQ(0, isDebugSessionRequest());
+}
+
+} // namespace
