@@ -1,0 +1,61 @@
+"""Start-up of the extension under real server APIs."""
+import os
+import subprocess
+import unittest
+
+import harness
+
+SITE = os.path.join(harness.SOURCE_ROOT, "examples", "site")
+
+
+class BuiltinServerStartup(unittest.TestCase):
+    def setUp(self):
+        self.workspace = harness.Workspace()
+        self.addCleanup(self.workspace.remove)
+
+    def start(self, workers=0, **directives):
+        server = harness.BuiltinServer(self.workspace, SITE, self.workspace.directives(**directives),
+                                       workers=workers)
+        self.addCleanup(server.stop)
+        return server
+
+    def test_builtin_server_is_a_web_run_and_logs_its_parameters(self):
+        server = self.start(vesk_pagecache__log_verbosity_level="5")
+        status, _, body = server.get("/info.php")
+        self.assertEqual(200, status)
+        self.assertIn(b"Enable => Yes", body)
+        log = self.workspace.log()
+        self.assertIn("TRACE] Initializing Vesk Page cache with following parameters: \n", log)
+        self.assertIn("TRACE] dependencies_file: pagecache_rules.xml \n", log)
+        self.assertIn("INFO] Rules File: %s \n" % self.workspace.path("conf", "pagecache_rules.xml"), log)
+        self.assertNotIn("disabled", log)
+
+    def test_forked_workers_share_the_start_up_and_serve(self):
+        server = self.start(workers=2, vesk_pagecache__log_verbosity_level="3")
+        for _ in range(6):
+            status, _, body = server.get("/info.php")
+            self.assertEqual(200, status)
+            self.assertIn(b"Enable => Yes", body)
+        # Start-up runs once, before the workers are forked.
+        self.assertEqual(1, self.workspace.log().count("Rules File:"))
+
+    def test_missing_log_directory_refuses_the_cache_but_serves_pages(self):
+        server = self.start(vesk__log_dir=self.workspace.path("no-such-dir"))
+        status, _, body = server.get("/info.php")
+        self.assertEqual(200, status)
+        self.assertIn(b"Enable => No", body)
+        with open(self.workspace.path("server.out"), encoding="latin-1") as f:
+            self.assertIn("Vesk Page Cache is disabled: Failed to open the log file", f.read())
+
+
+class CommandLine(unittest.TestCase):
+    def test_php_m_lists_module_and_engine_extension(self):
+        output = subprocess.run(harness.php_command({}) + ["-m"], capture_output=True, text=True,
+                                timeout=30, check=True).stdout
+        modules, engine = output.split("[Zend Modules]")
+        self.assertIn("\nVesk Page Cache\n", modules)
+        self.assertIn("\nVesk Page Cache\n", engine)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,22 @@
+--TEST--
+A rules file that can't be read refuses the cache at start-up and PHP runs on
+--INI--
+vesk.httpd_uid=0
+vesk.log_dir=${VESK_TEST_DIR}/log
+vesk.conf_dir=${VESK_TEST_DIR}/conf
+vesk.temp_dir=${VESK_TEST_DIR}/tmp
+vesk_pagecache.enable_cli=1
+vesk_pagecache.dependencies_file=missing.xml
+vesk_pagecache.log_verbosity_level=3
+--FILE--
+<?php
+require __DIR__ . '/log.inc';
+echo str_replace(getenv('VESK_TEST_DIR'), 'DIR', implode("\n", vesk_log_lines())), "\n";
+echo implode("\n", array_slice(vesk_info_rows(), 1, 1)), "\n";
+echo "still running\n";
+?>
+--EXPECT--
+INFO Rules File: DIR/conf/missing.xml 
+ERROR Failed to open Rules File: DIR/conf/missing.xml 
+Enable => No
+still running
