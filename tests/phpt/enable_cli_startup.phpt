@@ -24,3 +24,8 @@ TRACE compression_enable: 1
 TRACE clean_frequency: 300 
 TRACE log_rotation_size: 20 
 INFO Rules File: %s/conf/pagecache_rules.xml 
+TRACE Validating dependencies file %s/conf/pagecache_rules.xml with schema file at %s/conf/pagecache_rules_schema.xsd 
+TRACE XML validation OK 
+DEBUG Adding case sensitive regex - http://<default-server>/(?:index\.php)? 
+INFO New rules list: 
+INFO         Home page 

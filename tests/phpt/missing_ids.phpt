@@ -12,7 +12,8 @@ vesk_pagecache.log_verbosity_level=3
 require __DIR__ . '/log.inc';
 // This process has a user id and no group id: it runs.
 echo implode("\n", array_slice(vesk_info_rows(), 1, 1)), "\n";
-var_dump(count(vesk_log_lines()));
+var_dump(count(preg_grep('/^INFO Rules File: /', vesk_log_lines())));
+var_dump(count(preg_grep('/httpd gid/', vesk_log_lines())));
 
 // A child without either: the message goes to standard error before any
 // log file exists, and PHP still runs the script.
@@ -27,6 +28,7 @@ var_dump(file_exists(getenv('VESK_TEST_DIR') . '/log/pagecache.log'));
 --EXPECT--
 Enable => Yes
 int(1)
+int(0)
 ran
 INFO Unable to locate the httpd uid from ini files. Vesk Page Cache is disabled 
 bool(false)

@@ -6,6 +6,7 @@
 #include "PageCacheConfig.h"
 #include "host/vesk_host.h"
 
+#include "PageCacheLogStream.h"
 #include "VDebug.h"
 #include "VException.h"
 #include "VGlobals.h"
@@ -71,6 +72,7 @@ bool openLog()
         }
         dropper = dropPrivileges(uid, gid);
         moduleState.logStream = VDebug::registerStream("Page-Cache", logPath);
+        PageCacheLogStream = moduleState.logStream;
         free(logPath);
         logPath = nullptr;
         VDebug::setDebugLevel(moduleState.logStream, int(pageCacheConfig.log_verbosity_level));
@@ -167,6 +169,7 @@ int moduleShutdown()
     moduleState.resolvedSavePath = nullptr;
     VDebug::unregisterStream(moduleState.logStream);
     moduleState.logStream = 0;
+    PageCacheLogStream = 0;
     return 0;
 }
 

@@ -1,0 +1,217 @@
+#include "RulesFileReader.h"
+
+#include "PageCacheLogStream.h"
+#include "VException.h"
+#include "VPHPGlobal.h"
+
+namespace {
+
+bool isOff(const QString& word)
+{
+    return word == QLatin1String("false") || word == QLatin1String("0");
+}
+
+// All groups become non-capturing; groups that were already special stay so.
+void rewriteGroups(QString& text)
+{
+    text.replace(QLatin1String("("), QLatin1String("(?:"));
+    text.replace(QLatin1String("(?:?"), QLatin1String("(?"));
+}
+
+} // namespace
+
+QString RulesFileReader::attribute(QLatin1String name) const
+{
+    return attributes().value(name).toString();
+}
+
+bool RulesFileReader::nextStartWithin(QLatin1String element)
+{
+    while (!atEnd()) {
+        readNext();
+        if (isEndElement() && name() == element)
+            return false;
+        if (isStartElement())
+            return true;
+    }
+    return false;
+}
+
+void RulesFileReader::parse()
+{
+    try {
+        while (!atEnd()) {
+            readNext();
+            if (!isStartElement())
+                continue;
+            if (name() == QLatin1String("cache"))
+                parseCache();
+            else if (name() == QLatin1String("dont_cache"))
+                parseDontCache();
+        }
+    } catch (const VException& e) {
+        throw VException(QStringLiteral("Error while parsing cache configuration XML: %1")
+                             .arg(QString::fromLatin1(e.what())));
+    }
+    if (hasError())
+        throw VException(QStringLiteral("Syntax error while parsing cache configuration XML: %1")
+                             .arg(errorString()));
+}
+
+void RulesFileReader::parseDontCache()
+{
+    while (nextStartWithin(QLatin1String("dont_cache"))) {
+        if (name() == QLatin1String("url"))
+            blacklist.insert(attribute(QLatin1String("path")).toLocal8Bit());
+    }
+}
+
+void RulesFileReader::parseCache()
+{
+    while (nextStartWithin(QLatin1String("cache"))) {
+        if (name() == QLatin1String("url"))
+            parseUrl();
+        else if (name() == QLatin1String("response_rule"))
+            parseResponseRule();
+    }
+}
+
+void RulesFileReader::parseUrl()
+{
+    const QString schema = attribute(QLatin1String("schema"));
+    QString host = attribute(QLatin1String("host"));
+    QString path = attribute(QLatin1String("path"));
+    rewriteGroups(host);
+    // A doubly escaped "<default-server>" is unfolded in the host alone.
+    host.replace(QLatin1String("&lt;"), QLatin1String("<"));
+    host.replace(QLatin1String("&gt;"), QLatin1String(">"));
+    rewriteGroups(path);
+
+    VUrl url;
+    url.setSchema(schema.toLocal8Bit());
+    url.setHost(host.toLocal8Bit());
+    url.setPath(path.toLocal8Bit());
+    const QByteArray key = url.toString();
+    if (ruleTable.contains(key))
+        throw VException(QStringLiteral("Rule already exists for URL: %1").arg(QString::fromLocal8Bit(key)));
+
+    CacheRule rule;
+    rule.d->initialised = true;
+    bool ok = false;
+    const uint lifetime = attribute(QLatin1String("lifetime")).toUInt(&ok);
+    rule.d->lifetime = ok ? lifetime : 0;
+    const uint id = attribute(QLatin1String("id")).toUInt(&ok);
+    // Widened with its sign: ids from 2^31 up read as negative.
+    rule.id = ok ? qint64(qint32(id)) : 0;
+    rule.d->compress = !isOff(attribute(QLatin1String("compress")));
+    rule.d->enable = !isOff(attribute(QLatin1String("enable")));
+    const QString appId = attribute(QLatin1String("app_id"));
+    rule.d->appId = appId.isEmpty() ? -1 : appId.toInt();
+    const QString priority = attribute(QLatin1String("priority"));
+    if (!priority.isEmpty())
+        rule.priority = priority.toInt();
+    rule.url = url;
+
+    const QString matchType = attribute(QLatin1String("match_type"));
+    if (schema == QLatin1String("https?") && matchType == QLatin1String("exact")) {
+        // Stands under both schemes instead; the "https?" key itself stays out.
+        ruleTable.insert("http" + key.mid(6), rule);
+        ruleTable.insert("https" + key.mid(6), rule);
+    } else {
+        ruleTable.insert(key, rule);
+    }
+
+    const bool insensitive = matchType == QLatin1String("regex_match_i");
+    if (insensitive || matchType == QLatin1String("regex_match")) {
+        QRegExp regex;
+        regex.setPattern(QString::fromLatin1(key.constData()));
+        if (!regex.isValid())
+            throw VException(QStringLiteral("Invalid regular expression: %1").arg(QString::fromLocal8Bit(key)));
+        regex.setCaseSensitivity(insensitive ? Qt::CaseInsensitive : Qt::CaseSensitive);
+        if (insensitive)
+            VLOG(PageCacheLogStream, 4) << "Adding case insensitive regex -" << key;
+        else
+            VLOG(PageCacheLogStream, 4) << "Adding case sensitive regex -" << key;
+        regex.setMinimal(true);
+        patternList.append(regex);
+        ruleTable[key].regex = regex;
+    }
+
+    // Children address the rule through its key. Under "https?" with "exact"
+    // no rule stands there, and conditions make a default one of their own.
+    while (nextStartWithin(QLatin1String("url"))) {
+        if (name() == QLatin1String("conditions_OR_block")) {
+            while (nextStartWithin(QLatin1String("conditions_OR_block"))) {
+                if (name() != QLatin1String("conditions_AND_block"))
+                    continue;
+                ruleTable[key].d->conditionBlocks.append(ConditionsBlock());
+                while (nextStartWithin(QLatin1String("conditions_AND_block"))) {
+                    if (name() == QLatin1String("condition"))
+                        parseCondition(key, false);
+                }
+            }
+        } else if (name() == QLatin1String("split_by")) {
+            while (nextStartWithin(QLatin1String("split_by"))) {
+                if (name() == QLatin1String("split_condition"))
+                    parseCondition(key, true);
+            }
+        } else if (name() == QLatin1String("name")) {
+            const QString text = readElementText();
+            auto it = ruleTable.find(key);
+            if (it != ruleTable.end())
+                it->name = text;
+        }
+    }
+}
+
+void RulesFileReader::parseCondition(const QByteArray& key, bool split)
+{
+    VPHPGlobal* global = parseGlobal(attribute(QLatin1String("global")));
+    const QString value = attribute(QLatin1String("value"));
+    const QString word = split ? QStringLiteral("exists") : attribute(QLatin1String("type"));
+    VCondition* condition = ConditionFactory::instance()->create(word, global, value);
+    if (!condition)
+        throw VException(QStringLiteral("Failed to create condition"));
+
+    CacheRuleData* data = ruleTable[key].d.data();
+    const bool session = global->type() == PHP_SESSION;
+    ConditionsBlock* block = &data->splitBlock;
+    if (!split) {
+        if (data->conditionBlocks.isEmpty())
+            data->conditionBlocks.append(ConditionsBlock());
+        block = &data->conditionBlocks.last();
+    }
+    if (session)
+        block->hasSessionCondition = true;
+    block->conditions.append(QSharedPointer<VCondition>(condition));
+    if (session) {
+        if (split)
+            data->splitNeedsSession = true;
+        else
+            data->conditionsNeedSession = true;
+    }
+}
+
+void RulesFileReader::parseResponseRule()
+{
+    const int appId = attribute(QLatin1String("app_id")).toInt();
+    ResponseRule rule;
+    rule.setResponseCodes(attribute(QLatin1String("response_codes")));
+    while (nextStartWithin(QLatin1String("response_rule"))) {
+        if (name() != QLatin1String("response_headers"))
+            continue;
+        while (nextStartWithin(QLatin1String("response_headers"))) {
+            if (name() != QLatin1String("header"))
+                continue;
+            QSharedPointer<ResponseHeaderCheck> check(new ResponseHeaderCheck);
+            check->name = attribute(QLatin1String("name")).trimmed().toUtf8();
+            check->matchType = attribute(QLatin1String("match_type"));
+            check->op = ResponseHeaderCheck::operationOf(check->matchType);
+            const QString value = attribute(QLatin1String("value"));
+            check->value = value.trimmed();
+            check->regex = QRegExp(value, Qt::CaseSensitive);
+            rule.headerChecks.append(check);
+        }
+    }
+    responseRuleTable.insert(appId, rule);
+}

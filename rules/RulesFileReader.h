@@ -1,0 +1,44 @@
+#pragma once
+
+#include "CacheRule.h"
+#include "ResponseRule.h"
+
+#include <QHash>
+#include <QList>
+#include <QRegExp>
+#include <QSet>
+#include <QXmlStreamReader>
+
+// Reads the rules file into tables. A reader works once: a second parse on
+// the same object finds its own rules and fails, so a reload takes a new one.
+class RulesFileReader : public QXmlStreamReader
+{
+public:
+    RulesFileReader() = default;
+
+    // Reads from the device set with setDevice(). Throws VException; the
+    // tables then hold what was read up to the failure.
+    void parse();
+
+    const QList<QRegExp>& readPatterns() const { return patternList; }
+    const QHash<QByteArray, CacheRule>& readRules() const { return ruleTable; }
+    const QHash<int, ResponseRule>& readResponseRules() const { return responseRuleTable; }
+    const QSet<QByteArray>& readBlacklist() const { return blacklist; }
+
+protected:
+    QList<QRegExp> patternList;
+    QHash<QByteArray, CacheRule> ruleTable;
+    QHash<int, ResponseRule> responseRuleTable;
+    QSet<QByteArray> blacklist;
+
+private:
+    // Moves to the next start tag inside `element`; false at its end tag
+    // or at the end of the stream.
+    bool nextStartWithin(QLatin1String element);
+    QString attribute(QLatin1String name) const;
+    void parseDontCache();
+    void parseCache();
+    void parseUrl();
+    void parseCondition(const QByteArray& key, bool split);
+    void parseResponseRule();
+};

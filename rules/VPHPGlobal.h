@@ -1,0 +1,70 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+
+// Type numbers of the superglobals a rule may look at.
+enum VPHPGlobalType {
+    PHP_GET = 0,
+    PHP_POST = 1,
+    PHP_SESSION = 2,
+    PHP_COOKIE = 3,
+    PHP_SERVER = 4,
+};
+
+// The successive subscripts of a name such as "_COOKIE[a][b]".
+class VPHPGlobalsKey
+{
+public:
+    VPHPGlobalsKey() = default;
+    // Takes the subscripts of "[a][b]"-shaped text: "a" and "b", untrimmed.
+    explicit VPHPGlobalsKey(const QByteArray& subscripts);
+    virtual ~VPHPGlobalsKey();
+
+    QList<QByteArray> keys;
+};
+
+// A whole superglobal, read afresh at every question.
+class VPHPGlobal
+{
+public:
+    explicit VPHPGlobal(int type);
+    virtual ~VPHPGlobal();
+
+    // The serialised whole value.
+    virtual QByteArray value() const;
+    virtual bool exists() const;
+    // The superglobal's name, without subscripts.
+    virtual QByteArray name() const;
+
+    int type() const { return m_type; }
+
+private:
+    int m_type;
+    QByteArray m_name;
+};
+
+// One element of a superglobal, reached through its subscripts.
+class VPHPGlobalElement : public VPHPGlobal
+{
+public:
+    VPHPGlobalElement(int type, const VPHPGlobalsKey& key);
+    QByteArray value() const override;
+    bool exists() const override;
+
+    const VPHPGlobalsKey& key() const { return m_key; }
+
+private:
+    VPHPGlobalsKey m_key;
+};
+
+// The name of a type number, empty for an unknown number.
+QByteArray phpGlobalName(int type);
+// The type number of a superglobal's name, or -1.
+int phpGlobalType(const QByteArray& name);
+
+// A VPHPGlobal for empty subscripts, else a VPHPGlobalElement. The caller owns it.
+VPHPGlobal* makeGlobal(int type, const QByteArray& subscripts);
+// Parses "_SERVER[HTTP_HOST]" and the like. Throws VException with
+// "Unknown Global variable: %1" for a base name that isn't one of the five.
+VPHPGlobal* parseGlobal(const QString& text);

@@ -1,0 +1,182 @@
+#include "VRuleMatcher.h"
+
+#include "PageCacheLogStream.h"
+
+#include <QUrl>
+#include <algorithm>
+
+VRuleMatcher::VRuleMatcher()
+{
+    ruleCache.setMaxCost(100);
+}
+
+VRuleMatcher::~VRuleMatcher() = default;
+
+void VRuleMatcher::takeOverTables()
+{
+    patterns = patternList;
+    rulesByUrl = &ruleTable;
+    responseRules = &responseRuleTable;
+    orderedRules = ruleTable.values();
+    std::sort(orderedRules.begin(), orderedRules.end(), [](const CacheRule& a, const CacheRule& b) {
+        return a.d->appId > b.d->appId || (a.d->appId == b.d->appId && a.priority > b.priority);
+    });
+    VLOG(PageCacheLogStream, 3) << "New rules list:";
+    for (const CacheRule& rule : orderedRules)
+        VLOG(PageCacheLogStream, 3) << QStringLiteral("        ") + rule.name;
+    blacklistInForce = blacklist;
+}
+
+void VRuleMatcher::clearRuleCache()
+{
+    ruleCache.clear();
+}
+
+void VRuleMatcher::setMaxCachedRules(int count)
+{
+    ruleCache.setMaxCost(qMax(0, count));
+}
+
+CacheRule* VRuleMatcher::remember(const QByteArray& url, const CacheRule& rule)
+{
+    CacheRule* copy = new CacheRule(rule);
+    // A full cache evicts its least recently used entry; a cache of size 0
+    // destroys what it is given, so such a rule is kept aside instead.
+    if (ruleCache.maxCost() >= 1 && ruleCache.insert(url, copy, 1))
+        return copy;
+    unremembered.reset(new CacheRule(rule));
+    return unremembered.data();
+}
+
+CacheRule* VRuleMatcher::getOrderedMatchingRuleForUrl(const QByteArray& url)
+{
+    const VDebug::StreamId log = PageCacheLogStream;
+    if (CacheRule* known = ruleCache.object(url)) {
+        VLOG(log, 5) << "rule from rules cache found for:" << url;
+        return known->d->dontCache ? nullptr : known;
+    }
+    if (blacklistInForce.contains(url)) {
+        VLOG(log, 5) << url << "is in caching blacklist";
+        VLOG(log, 5) << "explicit don't cache rule set for:" << url;
+        remember(url, CacheRule::dontCacheRule());
+        return nullptr;
+    }
+
+    // What the exact and pattern tests need of the URL, worked out once.
+    const QUrl parsed(QString::fromLatin1(url.constData()), QUrl::TolerantMode);
+    const QString urlPath = parsed.path(QUrl::FullyDecoded).mid(1);
+    const QString urlHost = parsed.host(QUrl::FullyDecoded);
+    const int urlPort = parsed.port(80);
+    const int hostStart = url.indexOf("://") + 3;
+    const int slash = url.indexOf('/', hostStart);
+    const QString hostPart = QString::fromLatin1(url.mid(hostStart, slash - hostStart));
+    const QString pathPart = QString::fromLatin1(url.mid(slash + 1));
+
+    const QList<CacheRule> candidates = orderedRules;
+    for (const CacheRule& rule : candidates) {
+        VLOG(log, 5) << "VHTMLCache::getOrderedMatchingRuleForUrl checking url" << url << "against rule"
+                     << rule.name << "(" << rule.url.toString() << ")";
+        if (!rule.d->enable) {
+            VLOG(log, 5) << "rule disable";
+            continue;
+        }
+        const QByteArray ruleHostAndPort = rule.url.host();
+        const QList<QByteArray> hostPieces = ruleHostAndPort.split(':');
+        const QString ruleHost = QString::fromLatin1(hostPieces.first().constData());
+        const int rulePort = hostPieces.size() > 1 ? hostPieces.at(1).toInt() : 0;
+        const QString rulePath = QString::fromLatin1(rule.url.path().constData());
+        const bool pathMatches = urlPath == rulePath;
+        if (pathMatches && urlHost == ruleHost && (rulePort == 0 || rulePort == urlPort)) {
+            VLOG(log, 5) << "Exact match rule found for:" << url;
+            return remember(url, rule);
+        }
+        if (pathMatches && ruleHostAndPort.contains("<default-server>")) {
+            VLOG(log, 5) << "Exact match rule found for:" << url;
+            return remember(url, rule);
+        }
+        if (rule.regex.pattern().isEmpty())
+            continue;
+
+        VUrl copy = rule.url;
+        if (copy.host().contains("<default-server>")) {
+            VLOG(log, 5) << "Host is default-server. Will discard host in comparison";
+            copy.setHost(".*");
+        }
+        QRegExp hostExpr(QString::fromLatin1(copy.host().constData()), rule.regex.caseSensitivity());
+        QRegExp pathExpr(QString::fromLatin1(copy.path().constData()), rule.regex.caseSensitivity());
+        if (hostExpr.indexIn(hostPart) == 0 && pathExpr.exactMatch(pathPart)) {
+            VLOG(log, 5) << "Pattern match rule" << rule.name << "with pattern" << rule.regex.pattern()
+                         << "found for:" << url;
+            return remember(url, rule);
+        }
+    }
+    VLOG(log, 5) << "Explicit \"don't cache\" rule set for:" << url;
+    remember(url, CacheRule::dontCacheRule());
+    return nullptr;
+}
+
+QList<QRegExp> VRuleMatcher::matchingPatterns(const QByteArray& url) const
+{
+    QList<QRegExp> found;
+    const QString text = QString::fromLatin1(url.constData());
+    for (const QRegExp& pattern : patterns) {
+        QRegExp candidate(pattern);
+        if (candidate.indexIn(text) == 0) {
+            VLOG(PageCacheLogStream, 5) << "Checking match of" << url
+                                        << "with patterns list. Matched candidate" << pattern.pattern();
+            found.append(pattern);
+        } else {
+            VLOG(PageCacheLogStream, 5) << "Checking match of" << url
+                                        << "with patterns list. No match with" << pattern.pattern();
+        }
+    }
+    return found;
+}
+
+ResponseRule VRuleMatcher::responseRule(int appId) const
+{
+    return responseRules ? responseRules->value(appId) : ResponseRule();
+}
+
+bool VRuleMatcher::isStatusCacheable(int status, int appId) const
+{
+    const VDebug::StreamId log = PageCacheLogStream;
+    VLOG(log, 3) << "Checking if the request with response code" << status << "should be cached. App id" << appId;
+    const ResponseRule rule = responseRule(appId);
+    if (rule.hasCodePatterns()) {
+        if (rule.statusFits(status)) {
+            VLOG(log, 3) << "Accepted for cache - by response code rule";
+            return true;
+        }
+        VLOG(log, 3) << "Rejected for cache - by response code rule";
+        return false;
+    }
+    if (status == 200) {
+        VLOG(log, 3) << "Rule not found - considering status" << 200 << "as OK";
+        return true;
+    }
+    VLOG(log, 3) << "Rule not found - considering status" << status << "as rejection";
+    return false;
+}
+
+bool VRuleMatcher::areHeadersCacheable(const QLinkedList<QByteArray>& headers, int appId) const
+{
+    const VDebug::StreamId log = PageCacheLogStream;
+    const ResponseRule rule = responseRule(appId);
+    if (!rule.hasCodePatterns())
+        return true;
+    if (!rule.headersPass(headers, log)) {
+        VLOG(log, 3) << "Cache REJECTED by app response headers rules";
+        return false;
+    }
+    if (!rule.inheritGlobals)
+        return true;
+    const ResponseRule global = responseRule(-1);
+    if (!global.hasCodePatterns())
+        return true;
+    if (!global.headersPass(headers, log)) {
+        VLOG(log, 3) << "Cache REJECTED by global response headers rules";
+        return false;
+    }
+    return true;
+}

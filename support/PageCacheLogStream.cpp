@@ -1,0 +1,3 @@
+#include "PageCacheLogStream.h"
+
+VDebug::StreamId PageCacheLogStream = 0;
