@@ -1,0 +1,210 @@
+#include "RulesTestSupport.h"
+
+#include "VException.h"
+#include "VHTMLCache.h"
+
+#include <QDir>
+
+namespace {
+
+QByteArray parseError(const QByteArray& xml)
+{
+    try {
+        ParsedRules rules(xml);
+    } catch (const VException& e) {
+        return e.what();
+    }
+    return "<no error>";
+}
+
+TEST_F(RulesFixture, AttributeDefaults)
+{
+    ParsedRules rules(rulesXml(R"(
+      <url schema="http" host="h" path="a" compress="no" enable="FALSE" app_id="" lifetime="x" id="4294967295"/>
+      <url schema="http" host="h" path="b" compress="0" enable="false" app_id="abc" lifetime="60" id="7" priority="5"/>
+      <url schema="http" host="h" path="c" compress="false" enable="0" app_id="12" priority="zz"/>)"));
+    const CacheRule a = rules.rule("http://h/a");
+    EXPECT_TRUE(a.d->compress);
+    EXPECT_TRUE(a.d->enable);
+    EXPECT_EQ(-1, a.d->appId);
+    EXPECT_EQ(0u, a.d->lifetime);
+    EXPECT_EQ(-1, a.id); // widened with its sign
+    EXPECT_EQ(0, a.priority);
+    EXPECT_TRUE(a.d->initialised);
+    const CacheRule b = rules.rule("http://h/b");
+    EXPECT_FALSE(b.d->compress);
+    EXPECT_FALSE(b.d->enable);
+    EXPECT_EQ(0, b.d->appId);
+    EXPECT_EQ(60u, b.d->lifetime);
+    EXPECT_EQ(7, b.id);
+    EXPECT_EQ(5, b.priority);
+    const CacheRule c = rules.rule("http://h/c");
+    EXPECT_FALSE(c.d->compress);
+    EXPECT_FALSE(c.d->enable);
+    EXPECT_EQ(12, c.d->appId);
+    EXPECT_EQ(0, c.priority);
+}
+
+TEST_F(RulesFixture, HostAndPathRewriting)
+{
+    ParsedRules rules(rulesXml(R"(
+      <url schema="http" host="(a|b).test" path="(x|y)/z" match_type="regex_match"/>
+      <url schema="http" host="(?i)x" path="(?=y)q"/>
+      <url schema="http" host="&amp;lt;default-server&amp;gt;" path="&amp;lt;default-server&amp;gt;"/>)"));
+    EXPECT_TRUE(rules.hasRule("http://(?i)x/(?=y)q"));
+    EXPECT_TRUE(rules.hasRule("http://<default-server>/&lt;default-server&gt;"));
+    const CacheRule pattern = rules.rule("http://(?:a|b).test/(?:x|y)/z");
+    EXPECT_EQ(QStringLiteral("http://(?:a|b).test/(?:x|y)/z"), pattern.regex.pattern());
+    EXPECT_TRUE(pattern.regex.isMinimal());
+    EXPECT_EQ(1, rules.readPatterns().size());
+}
+
+TEST_F(RulesFixture, HttpsEitherExactStandsUnderBothSchemes)
+{
+    // "http" first: the expansion silently replaces it.
+    ParsedRules rules(rulesXml(R"(
+      <url schema="http" host="h" path="p" lifetime="1"><name>plain</name></url>
+      <url schema="https?" host="h" path="p" match_type="exact" lifetime="2"><name>either</name>
+        <conditions_OR_block><conditions_AND_block><condition global="_GET[a]" type="exists"/></conditions_AND_block></conditions_OR_block>
+      </url>)"));
+    EXPECT_EQ(2u, rules.rule("http://h/p").d->lifetime);
+    EXPECT_EQ(2u, rules.rule("https://h/p").d->lifetime);
+    // The name had no rule to go to; the condition made a default rule of its own.
+    EXPECT_EQ(QString(), rules.rule("https://h/p").name);
+    EXPECT_TRUE(rules.rule("http://h/p").d->conditionBlocks.isEmpty());
+    ASSERT_TRUE(rules.hasRule("https?://h/p"));
+    EXPECT_EQ(1, rules.rule("https?://h/p").d->conditionBlocks.size());
+    EXPECT_EQ(0u, rules.rule("https?://h/p").d->lifetime);
+
+    // The other order fails on the "http" key.
+    EXPECT_EQ(QByteArray("Error while parsing cache configuration XML: Rule already exists for URL: http://h/p"),
+              parseError(rulesXml(R"(
+      <url schema="https?" host="h" path="p" match_type="exact"/>
+      <url schema="http" host="h" path="p"/>)")));
+}
+
+struct FailureRow
+{
+    const char* name;
+    const char* body;
+    const char* error;
+};
+
+class ReaderFailures : public RulesFixture, public ::testing::WithParamInterface<FailureRow>
+{
+};
+
+TEST_P(ReaderFailures, ExactTextAndNoRulesInForce)
+{
+    const FailureRow& row = GetParam();
+    const QByteArray xml = rulesXml(row.body);
+    EXPECT_EQ(QByteArray(row.error), parseError(xml));
+    VRuleMatcher reader;
+    reader.addData(xml);
+    EXPECT_THROW(reader.parse(), VException);
+    EXPECT_TRUE(reader.rules().isEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, ReaderFailures,
+    ::testing::Values(
+        FailureRow{"duplicate", R"(<url schema="http" host="h" path="p"/><url schema="http" host="h" path="p" match_type="regex_match"/>)",
+                   "Error while parsing cache configuration XML: Rule already exists for URL: http://h/p"},
+        FailureRow{"invalidExpression", R"(<url schema="http" host="h" path="a[" match_type="regex_match"/>)",
+                   "Error while parsing cache configuration XML: Invalid regular expression: http://h/a["},
+        FailureRow{"unknownGlobal", R"(<url schema="http" host="h" path="p"><conditions_OR_block><conditions_AND_block>
+                   <condition global="_FILES[a]" type="exists"/></conditions_AND_block></conditions_OR_block></url>)",
+                   "Error while parsing cache configuration XML: Unknown Global variable: _FILES"},
+        FailureRow{"unknownSplitGlobal", R"(<url schema="http" host="h" path="p"><split_by><split_condition global="_ENV[a]"/></split_by></url>)",
+                   "Error while parsing cache configuration XML: Unknown Global variable: _ENV"},
+        FailureRow{"unknownWord", R"(<url schema="http" host="h" path="p"><conditions_OR_block><conditions_AND_block>
+                   <condition global="_GET[a]" type="like"/></conditions_AND_block></conditions_OR_block></url>)",
+                   "Error while parsing cache configuration XML: Failed to create condition"},
+        FailureRow{"syntax", R"(<url schema="http" host="h" path="p"></cache>)",
+                   "Syntax error while parsing cache configuration XML: Opening and ending tag mismatch."}),
+    [](const ::testing::TestParamInfo<FailureRow>& info) { return std::string(info.param.name); });
+
+TEST_F(RulesFixture, EmptySectionsLoadWithoutRules)
+{
+    ParsedRules rules(rulesXml(""));
+    EXPECT_TRUE(rules.rules().isEmpty());
+    EXPECT_TRUE(rules.readBlacklist().isEmpty());
+}
+
+// The whole load: schema validation, then the reader.
+class LoadTest : public RulesFixture
+{
+protected:
+    void TearDown() override
+    {
+        VHTMLCache::destroyInstance();
+        RulesFixture::TearDown();
+    }
+    QByteArray write(const QByteArray& xml, bool withSchema = true)
+    {
+        const QString path = dir.filePath(QStringLiteral("pagecache_rules.xml"));
+        QFile file(path);
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(xml);
+        if (withSchema)
+            QFile::copy(QStringLiteral(VESK_SOURCE_DIR "/conf/pagecache_rules_schema.xsd"),
+                        dir.filePath(QStringLiteral("pagecache_rules_schema.xsd")));
+        return QFile::encodeName(path);
+    }
+    bool load(const QByteArray& path)
+    {
+        VHTMLCache::destroyInstance();
+        return VHTMLCache::instance()->load("store", 2, path.constData(), 300, false, 100, false);
+    }
+};
+
+TEST_F(LoadTest, ShippedExampleLoads)
+{
+    QFile example(QStringLiteral(VESK_SOURCE_DIR "/conf/pagecache_rules.xml"));
+    ASSERT_TRUE(example.open(QIODevice::ReadOnly));
+    ASSERT_TRUE(load(write(example.readAll()))) << VHTMLCache::instance()->lastError().toStdString();
+    EXPECT_EQ(1, VHTMLCache::instance()->rules().size());
+    EXPECT_TRUE(log().contains("XML validation OK"));
+    EXPECT_TRUE(log().contains("New rules list: \n"));
+}
+
+TEST_F(LoadTest, MissingSchema)
+{
+    const QByteArray path = write(rulesXml(""), false);
+    EXPECT_FALSE(load(path));
+    EXPECT_EQ(QStringLiteral("Dependencies file error: Unable to find the schema file at ")
+                  + QDir(dir.path()).absolutePath() + QStringLiteral("/pagecache_rules_schema.xsd"),
+              VHTMLCache::instance()->lastError());
+}
+
+TEST_F(LoadTest, SchemaRefusesWhatTheReaderMustNeverSee)
+{
+    const char* refused[] = {
+        R"(<url schema="http" host="h" path="p"><conditions_OR_block><conditions_AND_block>
+           <condition global="_GET[a" type="exists"/></conditions_AND_block></conditions_OR_block></url>)",
+        R"(<url schema="http" host="h" path="p"><conditions_OR_block><conditions_AND_block>
+           <condition global="_GET[a]" type="like"/></conditions_AND_block></conditions_OR_block></url>)",
+        R"(<response_rule app_id="-1" response_codes="200"><response_headers>
+           <header name="Set-Cookie" match_type="present"/></response_headers></response_rule>)",
+        R"(<url schema="http" host="h" path="p" match_type="glob"/>)",
+    };
+    for (const char* body : refused) {
+        EXPECT_FALSE(load(write(rulesXml(body)))) << body;
+        EXPECT_TRUE(VHTMLCache::instance()->lastError().startsWith(
+            QStringLiteral("Dependencies file validation error on line ")))
+            << VHTMLCache::instance()->lastError().toStdString();
+        EXPECT_TRUE(VHTMLCache::instance()->lastError().contains(QStringLiteral(" during Vesk Page Cache startup. ")));
+        EXPECT_TRUE(VHTMLCache::instance()->rules().isEmpty());
+    }
+}
+
+TEST_F(LoadTest, ReaderFailureAfterValidationLeavesNoRules)
+{
+    EXPECT_FALSE(load(write(rulesXml(R"(<url schema="http" host="h" path="p"/><url schema="http" host="h" path="p"/>)"))));
+    EXPECT_EQ(QStringLiteral("Error while parsing cache configuration XML: Rule already exists for URL: http://h/p"),
+              VHTMLCache::instance()->lastError());
+    EXPECT_TRUE(VHTMLCache::instance()->rules().isEmpty());
+    EXPECT_EQ(nullptr, VHTMLCache::instance()->getOrderedMatchingRuleForUrl("http://h/p"));
+}
+
+} // namespace
