@@ -1,5 +1,6 @@
 #include "htmlcache_ext.h"
 
+#include "EngineValueSource.h"
 #include "GlobalDirectives.h"
 #include "HostProbes.h"
 #include "ModuleState.h"
@@ -122,6 +123,7 @@ int extensionStartup()
 
 int moduleStartup()
 {
+    VPHPEvaluatorsManager::setValueSource(EngineValueSource::instance());
     vesk_register_ini_entries();
     applyGlobalDirectives();
     QLocale::setDefault(QLocale(QLocale::English, QLocale::system().country()));

@@ -3,7 +3,9 @@
 #include "php.h"
 #include "php_ini.h"
 #include "SAPI.h"
+extern "C" {
 #include "ext/standard/url.h"
+}
 #include "zend_extensions.h"
 #include "zend_ini.h"
 #include "zend_ini_scanner.h"

@@ -78,3 +78,23 @@ size_t vesk_url_decode(char* text, size_t length);
 void vesk_info_table_start();
 void vesk_info_table_row(const char* name, const char* value);
 void vesk_info_table_end();
+
+// Superglobals, as rules read them. Each call looks the superglobal up
+// afresh (arming one the engine prepares only on demand) and walks `keys`:
+// array elements by string key, properties of stdClass objects; any other
+// object keeps its place and uses the key up.
+struct VeskKey
+{
+    const char* data;
+    size_t length;
+};
+// The element's text: integers in decimal, doubles with the engine's
+// precision, strings as they are, booleans as "true"/"false", anything else
+// serialised. False, with `text` empty, when the walk ends on nothing.
+bool vesk_global_element_text(const char* name, size_t nameLength, const VeskKey* keys,
+                              size_t keyCount, std::string* text);
+bool vesk_global_element_exists(const char* name, size_t nameLength, const VeskKey* keys,
+                                size_t keyCount);
+// The whole superglobal, serialised.
+bool vesk_global_serialized(const char* name, size_t nameLength, std::string* text);
+bool vesk_global_exists(const char* name, size_t nameLength);
