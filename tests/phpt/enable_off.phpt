@@ -14,8 +14,10 @@ var_dump(vesk_log_lines());
 echo implode("\n", array_slice(vesk_info_rows(), 1, 1)), "\n";
 ?>
 --EXPECT--
-array(1) {
+array(2) {
   [0]=>
   string(6) "INFO  "
+  [1]=>
+  string(26) "TRACE Cache is not active "
 }
 Enable => No
