@@ -1,6 +1,9 @@
 #include "VHTMLCache.h"
 
 #include "PageCacheLogStream.h"
+#include "QtIOCompressor.h"
+#include "VDiskStorage.h"
+#include "VMD5.h"
 #include "ParserErrorHandler.h"
 #include "VException.h"
 #include "VPHPGlobalsEvaluator.h"
@@ -46,13 +49,14 @@ bool VHTMLCache::load(const char* savePath, qint64 dirDepth, const char* rulesFi
                       qint64 cleanFrequency, bool cleanerDisabled, qint64 maxCachedRules,
                       bool startCleaner)
 {
-    Q_UNUSED(savePath);
-    Q_UNUSED(dirDepth);
     Q_UNUSED(cleanFrequency);
     Q_UNUSED(cleanerDisabled);
     Q_UNUSED(startCleaner);
     VPHPEvaluatorsManager::instance()->createEvaluators();
     clearRuleCache();
+    // A store of an earlier load stays allocated: a cleaner forked with it
+    // may still hold it.
+    storage = new VDiskStorage(VDiskStorage::VDiskStorageInit(long(dirDepth), savePath, 1, "HTML-Cache", false));
 
     // A generator replacing the file gets five seconds to put the new one in place.
     QFile file(QString::fromLocal8Bit(rulesFile));
@@ -131,5 +135,202 @@ bool VHTMLCache::validateRulesFile(const char* rulesFile)
 int VHTMLCache::shutdown()
 {
     VPHPEvaluatorsManager::destroyInstance();
+    delete storage;
+    storage = nullptr;
     return 1;
+}
+
+namespace {
+void readInto(VDiskStorage* storage, const QByteArray& ns, const QByteArray& key, CacheEntry& entry)
+{
+    if (!storage)
+        return;
+    int length = 0;
+    char* buffer = storage->read(ns, key, &length);
+    if (!buffer)
+        return;
+    entry.readRecord(QByteArray::fromRawData(buffer, length));
+    free(buffer);
+}
+} // namespace
+
+void VHTMLCache::readEntry(const QByteArray& ns, const QByteArray& key, CacheEntry& entry)
+{
+    readInto(storage, ns, key, entry);
+}
+
+void VHTMLCache::readCompressedEntry(const QByteArray& ns, const QByteArray& key, CacheEntry& entry)
+{
+    readInto(storage, ns, key + ".z", entry);
+}
+
+bool VHTMLCache::entryExists(const QByteArray& ns, const QByteArray& key, bool unused)
+{
+    return storage && storage->contains(ns, key, unused);
+}
+
+qint64 VHTMLCache::entryLastModified(const QByteArray& ns, const QByteArray& key)
+{
+    const long modified = storage ? storage->getLastModified(ns, key) : 0;
+    return modified < 0 ? 0 : modified;
+}
+
+bool VHTMLCache::removeEntry(const QByteArray& ns, const QByteArray& key)
+{
+    return storage && storage->remove(ns, key);
+}
+
+bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const QByteArray& url, const char* data,
+                             qint64 size, int status, const QLinkedList<QByteArray>& headers, quint32 lifetime,
+                             bool compress, bool alreadyCompressed)
+{
+    const VDebug::StreamId log = PageCacheLogStream;
+    if (!storage) {
+        VLOG(log, 0) << "failed to store output for" << key << "no store is open";
+        return false;
+    }
+    const QByteArray input = QByteArray::fromRawData(data, int(size));
+    QLinkedList<QByteArray> clearHeaders = headers;
+    QLinkedList<QByteArray> copyHeaders = headers;
+    QByteArray compressedBody;
+    bool storeCompressed = false;
+    if (alreadyCompressed) {
+        VLOG(log, 5) << "Storing output with size" << size << "that is already compressed";
+        compressedBody = input;
+        storeCompressed = true;
+    } else if (compress && QtIOCompressor::gzipAvailable()) {
+        VLOG(log, 5) << "Output size before compression:" << size;
+        compressedBody = ::compress(data, size);
+        VLOG(log, 5) << "Output size after compression:" << compressedBody.size();
+        VLOG(log, 5) << "Adding compression headers for compressed copy";
+        copyHeaders.append("Content-Encoding: gzip");
+        copyHeaders.append("Vary: Accept-Encoding");
+        storeCompressed = true;
+    }
+    char scratch = 0;
+    if (storeCompressed) {
+        CacheEntry entry;
+        entry.m_formatTag = CacheEntry::FormatTag;
+        entry.m_url = url;
+        entry.m_status = status;
+        entry.m_headers = copyHeaders;
+        entry.m_body = compressedBody;
+        const QByteArray compressedKey = key + ".z";
+        if (!storage->write(ns, compressedKey, entry.toRecord(), &scratch, int(lifetime), 0)) {
+            VLOG(log, 0) << "failed to store compressed output for" << compressedKey << storage->lastError.constData();
+            return false;
+        }
+    }
+    QByteArray clearBody = input;
+    if (alreadyCompressed) {
+        VLOG(log, 5) << "Decompressing output for clear format";
+        clearBody = decompress(data, size);
+        // The gzip copy alone stands for the page.
+        if (clearBody.isEmpty())
+            return true;
+        clearHeaders.removeAll("Content-Encoding: gzip");
+        // Spelled with blanks on purpose: an application's own
+        // "Vary: Accept-Encoding" stays in the clear copy.
+        clearHeaders.removeAll("Vary: Accept - Encoding");
+    }
+    CacheEntry entry;
+    entry.m_formatTag = CacheEntry::FormatTag;
+    entry.m_url = url;
+    entry.m_status = status;
+    entry.m_headers = clearHeaders;
+    entry.m_body = clearBody;
+    const bool stored = storage->write(ns, key, entry.toRecord(), &scratch, int(lifetime), 0);
+    if (!stored)
+        VLOG(log, 0) << "failed to store output for" << key << storage->lastError.constData();
+    return stored;
+}
+
+QDateTime VHTMLCache::parseHttpDate(const char* text)
+{
+    const QString value = QString::fromLatin1(text);
+    QDateTime date;
+    for (const char* format : {"ddd', 'dd' 'MMM' 'yyyy' 'hh:mm:ss' GMT'", "dddd', 'dd'-'MMM'-'yy' 'hh:mm:ss' GMT'",
+                               "ddd' 'MMM' 'd' 'hh:mm:ss' 'yyyy'"}) {
+        date = QDateTime::fromString(value, QLatin1String(format));
+        if (date.isValid())
+            return date;
+    }
+    return date;
+}
+
+bool VHTMLCache::clearNamespace(const QByteArray& ns)
+{
+    if (!storage)
+        return false;
+    const bool cleared = storage->clearNamespace(ns);
+    if (cleared)
+        return true;
+    m_lastError = storage->lastError.isNull() ? QString() : QString::fromUtf8(storage->lastError.constData());
+    VLOG(PageCacheLogStream, 0) << "Cannot clear namespace" << ns << "." << m_lastError;
+    return cleared;
+}
+
+QByteArray VHTMLCache::ruleNamespace(const CacheRule& rule)
+{
+    const VUrl url = rule.url;
+    return VMD5::hash(url.toString());
+}
+
+QByteArray VHTMLCache::patternNamespace(const QString& pattern)
+{
+    QString text = pattern;
+    text.replace(QLatin1String("("), QLatin1String("(?:"));
+    text.replace(QLatin1String("(?:?"), QLatin1String("(?"));
+    return VMD5::hash(text.toLocal8Bit());
+}
+
+bool VHTMLCache::clearRule(const CacheRule& rule)
+{
+    const bool cleared = storage && storage->clearNamespace(ruleNamespace(rule));
+    if (cleared)
+        VLOG(PageCacheLogStream, 3) << "Remove cached contents for rule" << rule.name;
+    else
+        VLOG(PageCacheLogStream, 0) << "Failed to remove cached contents for rule" << rule.name;
+    return cleared;
+}
+
+bool VHTMLCache::removeByRuleId(qint64 id)
+{
+    const QList<CacheRule> candidates = orderedRules;
+    for (const CacheRule& rule : candidates) {
+        if (rule.id == id)
+            return clearRule(rule);
+    }
+    return true;
+}
+
+bool VHTMLCache::removeByRuleName(const char* name)
+{
+    const QList<CacheRule> candidates = orderedRules;
+    for (const CacheRule& rule : candidates) {
+        if (rule.name.toLocal8Bit() == name)
+            return clearRule(rule);
+    }
+    return true;
+}
+
+bool VHTMLCache::removeByUri(const QByteArray& rule, const QByteArray& uri)
+{
+    // The key of a page split by its request URI alone.
+    const QByteArray key = VMD5::hash("_SERVER[REQUEST_URI]" + uri);
+    const QString name = QString::fromLatin1(rule.constData());
+    const QList<CacheRule> candidates = orderedRules;
+    for (const CacheRule& candidate : candidates) {
+        if (candidate.name != name)
+            continue;
+        const QByteArray ns = ruleNamespace(candidate);
+        if (!storage || !storage->contains(ns, key, false))
+            continue;
+        if (!storage->remove(ns, key)) {
+            VLOG(PageCacheLogStream, 0) << "Failed to remove cached contents for uri" << uri << "in rule"
+                                        << candidate.name;
+            return false;
+        }
+    }
+    return true;
 }

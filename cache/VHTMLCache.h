@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CacheEntry.h"
 #include "VRuleMatcher.h"
 
 #include <QString>
@@ -8,6 +9,8 @@
 // The one cache object of a worker process: the rules in force and the
 // store of pages. A reload of the rules file destroys it and makes a new
 // one, so no rule outlives the file it came from.
+class VDiskStorage;
+
 class VHTMLCache : public VRuleMatcher
 {
 public:
@@ -26,8 +29,36 @@ public:
 
     QString lastError() const { return m_lastError; }
 
+    // Pages. An entry that was not found keeps its format tag at 0.
+    void readEntry(const QByteArray& ns, const QByteArray& key, CacheEntry& entry);
+    // The gzip copy, stored under the key with ".z" behind it.
+    void readCompressedEntry(const QByteArray& ns, const QByteArray& key, CacheEntry& entry);
+    bool entryExists(const QByteArray& ns, const QByteArray& key, bool unused);
+    // When the entry expires, in seconds since 1970; 0 when unknown.
+    qint64 entryLastModified(const QByteArray& ns, const QByteArray& key);
+    bool removeEntry(const QByteArray& ns, const QByteArray& key);
+    // Stores a page: a gzip copy when `compress` (or when the body is gzip
+    // already), and the clear copy.
+    bool storeOutput(const QByteArray& ns, const QByteArray& key, const QByteArray& url, const char* data,
+                     qint64 size, int status, const QLinkedList<QByteArray>& headers, quint32 lifetime,
+                     bool compress, bool alreadyCompressed);
+    static QDateTime parseHttpDate(const char* text);
+
+    // Removal. The null namespace is every page.
+    bool clearNamespace(const QByteArray& ns);
+    bool removeByRuleId(qint64 id);
+    bool removeByRuleName(const char* name);
+    bool removeByUri(const QByteArray& rule, const QByteArray& uri);
+    // The namespace of the rules whose URL pattern was written as `pattern`.
+    static QByteArray patternNamespace(const QString& pattern);
+    static QByteArray ruleNamespace(const CacheRule& rule);
+
+    VDiskStorage* store() const { return storage; }
+
 private:
     VHTMLCache() = default;
+    bool clearRule(const CacheRule& rule);
 
+    VDiskStorage* storage = nullptr;
     QString m_lastError;
 };

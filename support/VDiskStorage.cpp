@@ -1,0 +1,416 @@
+#include "VDiskStorage.h"
+
+#include <QCryptographicHash>
+#include <QDirIterator>
+#include <QFileInfo>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+#include <zlib.h>
+
+namespace {
+
+const char Magic[4] = {'V', 'K', 'D', 'S'};
+const quint32 FormatVersion = 1;
+const char TempPrefix[] = ".tmp-";
+const char TrashPrefix[] = ".trash-";
+// A temporary file this old belongs to a writer that died.
+const qint64 StaleTempSeconds = 3600;
+
+struct Header
+{
+    qint64 writeTime = 0;
+    qint64 lifetime = 0;
+    quint64 length = 0;
+    quint32 valueCrc = 0;
+
+    bool expiredAt(qint64 now) const { return lifetime > 0 && now >= writeTime + lifetime; }
+};
+
+void put32(char* at, quint32 v)
+{
+    for (int i = 0; i < 4; ++i)
+        at[i] = char(v >> (8 * i));
+}
+
+void put64(char* at, quint64 v)
+{
+    for (int i = 0; i < 8; ++i)
+        at[i] = char(v >> (8 * i));
+}
+
+quint32 get32(const char* at)
+{
+    quint32 v = 0;
+    for (int i = 3; i >= 0; --i)
+        v = (v << 8) | quint8(at[i]);
+    return v;
+}
+
+quint64 get64(const char* at)
+{
+    quint64 v = 0;
+    for (int i = 7; i >= 0; --i)
+        v = (v << 8) | quint8(at[i]);
+    return v;
+}
+
+quint32 crc(const char* data, size_t size)
+{
+    uLong value = crc32(0L, Z_NULL, 0);
+    while (size > 0) {
+        const uInt chunk = uInt(qMin<size_t>(size, 1u << 30));
+        value = crc32(value, reinterpret_cast<const Bytef*>(data), chunk);
+        data += chunk;
+        size -= chunk;
+    }
+    return quint32(value);
+}
+
+QByteArray encodeHeader(const Header& h)
+{
+    QByteArray bytes(VDiskStorage::HeaderSize, '\0');
+    char* at = bytes.data();
+    memcpy(at, Magic, 4);
+    put32(at + 4, FormatVersion);
+    put64(at + 8, quint64(h.writeTime));
+    put64(at + 16, quint64(h.lifetime));
+    put64(at + 24, h.length);
+    put32(at + 32, h.valueCrc);
+    put32(at + 36, crc(at, 36));
+    return bytes;
+}
+
+// Reads and checks the header; false for anything doubtful.
+bool readHeader(int fd, Header* h)
+{
+    char bytes[VDiskStorage::HeaderSize];
+    if (pread(fd, bytes, sizeof bytes, 0) != ssize_t(sizeof bytes))
+        return false;
+    if (memcmp(bytes, Magic, 4) != 0 || get32(bytes + 4) != FormatVersion || get32(bytes + 36) != crc(bytes, 36))
+        return false;
+    h->writeTime = qint64(get64(bytes + 8));
+    h->lifetime = qint64(get64(bytes + 16));
+    h->length = get64(bytes + 24);
+    h->valueCrc = get32(bytes + 32);
+    struct stat st;
+    return fstat(fd, &st) == 0 && quint64(st.st_size) == quint64(VDiskStorage::HeaderSize) + h->length
+           && h->length <= quint64(INT_MAX);
+}
+
+// Names of namespaces and keys become file names: safe ones as they are,
+// anything else in hexadecimal, so no name can leave its directory.
+QByteArray fileName(const QByteArray& name)
+{
+    bool safe = !name.isEmpty() && name.size() <= 128 && isalnum(quint8(name.at(0)));
+    for (int i = 0; safe && i < name.size(); ++i) {
+        const char c = name.at(i);
+        safe = isalnum(quint8(c)) || c == '.' || c == '_' || c == '-';
+    }
+    if (safe)
+        return name;
+    if (name.size() > 100)
+        return "h-" + QCryptographicHash::hash(name, QCryptographicHash::Sha1).toHex();
+    return "x-" + name.toHex();
+}
+
+std::atomic<unsigned> tempCounter{0};
+
+QByteArray uniqueSuffix()
+{
+    return QByteArray::number(qint64(getpid())) + '-' + QByteArray::number(++tempCounter) + '-'
+           + QByteArray::number(qint64(time(nullptr)));
+}
+
+bool makeDirs(const QByteArray& path)
+{
+    if (mkdir(path.constData(), 0755) == 0 || errno == EEXIST)
+        return true;
+    if (errno != ENOENT)
+        return false;
+    const int slash = path.lastIndexOf('/');
+    if (slash <= 0 || !makeDirs(path.left(slash)))
+        return false;
+    return mkdir(path.constData(), 0755) == 0 || errno == EEXIST;
+}
+
+// Deletes a tree without following links; what can't go stays.
+void removeTree(const QByteArray& path)
+{
+    DIR* dir = opendir(path.constData());
+    if (dir) {
+        while (const struct dirent* entry = readdir(dir)) {
+            if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)
+                continue;
+            const QByteArray child = path + '/' + entry->d_name;
+            struct stat st;
+            if (lstat(child.constData(), &st) != 0)
+                continue;
+            if (S_ISDIR(st.st_mode))
+                removeTree(child);
+            else
+                unlink(child.constData());
+        }
+        closedir(dir);
+    }
+    rmdir(path.constData());
+}
+
+} // namespace
+
+VDiskStorageEnv::~VDiskStorageEnv() = default;
+
+bool VDiskStorageEnv::writeNewFile(const QByteArray& path, const QByteArray& header, const QByteArray& value,
+                                   QByteArray* error)
+{
+    const int fd = open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        *error = strerror(errno);
+        return false;
+    }
+    for (const QByteArray* part : {&header, &value}) {
+        const char* data = part->constData();
+        size_t left = size_t(part->size());
+        while (left > 0) {
+            const ssize_t n = ::write(fd, data, left);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0) {
+                *error = strerror(n < 0 ? errno : EIO);
+                close(fd);
+                unlink(path.constData());
+                return false;
+            }
+            data += n;
+            left -= size_t(n);
+        }
+    }
+    if (close(fd) != 0) {
+        *error = strerror(errno);
+        unlink(path.constData());
+        return false;
+    }
+    return true;
+}
+
+bool VDiskStorageEnv::renameFile(const QByteArray& from, const QByteArray& to, QByteArray* error)
+{
+    if (rename(from.constData(), to.constData()) == 0)
+        return true;
+    *error = strerror(errno);
+    return false;
+}
+
+qint64 VDiskStorageEnv::now()
+{
+    return qint64(time(nullptr));
+}
+
+VDiskStorageEnv* VDiskStorageEnv::system()
+{
+    static VDiskStorageEnv env;
+    return &env;
+}
+
+VDiskStorage::VDiskStorageInit::VDiskStorageInit(long dirDepth, const QByteArray& savePath, int,
+                                                 const QByteArray& name, bool)
+    : dirDepth(dirDepth), savePath(savePath), name(name)
+{
+}
+
+VDiskStorage::VDiskStorage(const VDiskStorageInit& init, VDiskStorageEnv* env)
+    : m_root(init.savePath + '/' + fileName(init.name)),
+      m_depth(int(qBound<long>(0, init.dirDepth, 16))),
+      m_env(env)
+{
+}
+
+VDiskStorage::~VDiskStorage() = default;
+
+bool VDiskStorage::fail(const QByteArray& what, const QByteArray& path, int error)
+{
+    lastError = what + ' ' + path + ": " + QByteArray(strerror(error));
+    return false;
+}
+
+QByteArray VDiskStorage::namespaceDir(const QByteArray& ns) const
+{
+    // Records of the null namespace lie in a directory of their own.
+    return m_root + '/' + (ns.isNull() ? QByteArray("_") : fileName(ns));
+}
+
+QByteArray VDiskStorage::recordPath(const QByteArray& ns, const QByteArray& key) const
+{
+    QByteArray path = namespaceDir(ns);
+    if (m_depth > 0) {
+        const QByteArray spread = QCryptographicHash::hash(key, QCryptographicHash::Md5).toHex();
+        for (int level = 0; level < m_depth; ++level)
+            path += '/' + spread.mid(level * 2, 2);
+    }
+    return path + '/' + fileName(key);
+}
+
+bool VDiskStorage::write(const QByteArray& ns, const QByteArray& key, const QByteArray& value, char* outFlag,
+                         int lifetime, int)
+{
+    if (outFlag)
+        *outFlag = 0;
+    const QByteArray path = recordPath(ns, key);
+    const QByteArray dir = path.left(path.lastIndexOf('/'));
+    Header h;
+    h.writeTime = m_env->now();
+    h.lifetime = qMax(0, lifetime);
+    h.length = quint64(value.size());
+    h.valueCrc = crc(value.constData(), size_t(value.size()));
+    const QByteArray header = encodeHeader(h);
+    // Written aside and renamed over the record: a reader sees the old or the
+    // new value whole. A clear may remove the directory meanwhile; then the
+    // write starts once more.
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        if (!makeDirs(dir))
+            return fail("Cannot create directory", dir, errno);
+        const QByteArray temp = dir + '/' + TempPrefix + uniqueSuffix();
+        QByteArray error;
+        if (!m_env->writeNewFile(temp, header, value, &error)) {
+            if (attempt < 2 && access(dir.constData(), F_OK) != 0)
+                continue;
+            lastError = "Cannot write " + temp + ": " + error;
+            return false;
+        }
+        if (m_env->renameFile(temp, path, &error)) {
+            if (outFlag)
+                *outFlag = 1;
+            return true;
+        }
+        unlink(temp.constData());
+        if (attempt < 2 && access(dir.constData(), F_OK) != 0)
+            continue;
+        lastError = "Cannot rename " + temp + " to " + path + ": " + error;
+        return false;
+    }
+    lastError = "Cannot write " + path + ": the directory keeps disappearing";
+    return false;
+}
+
+char* VDiskStorage::read(const QByteArray& ns, const QByteArray& key, int* length)
+{
+    const int fd = open(recordPath(ns, key).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return nullptr;
+    Header h;
+    char* buffer = nullptr;
+    if (readHeader(fd, &h) && !h.expiredAt(m_env->now())) {
+        buffer = static_cast<char*>(malloc(qMax<size_t>(size_t(h.length), 1)));
+        size_t done = 0;
+        while (buffer && done < h.length) {
+            const ssize_t n = pread(fd, buffer + done, size_t(h.length) - done, off_t(HeaderSize + done));
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
+                break;
+            done += size_t(n);
+        }
+        if (!buffer || done != h.length || crc(buffer, done) != h.valueCrc) {
+            free(buffer);
+            buffer = nullptr;
+        } else if (length) {
+            *length = int(h.length);
+        }
+    }
+    close(fd);
+    return buffer;
+}
+
+bool VDiskStorage::contains(const QByteArray& ns, const QByteArray& key, bool)
+{
+    const int fd = open(recordPath(ns, key).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    Header h;
+    const bool live = readHeader(fd, &h) && !h.expiredAt(m_env->now());
+    close(fd);
+    return live;
+}
+
+long VDiskStorage::getLastModified(const QByteArray& ns, const QByteArray& key)
+{
+    const int fd = open(recordPath(ns, key).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return -1;
+    Header h;
+    const bool ok = readHeader(fd, &h);
+    close(fd);
+    return ok ? long(h.writeTime + h.lifetime) : -1;
+}
+
+bool VDiskStorage::remove(const QByteArray& ns, const QByteArray& key)
+{
+    const QByteArray path = recordPath(ns, key);
+    // Gone already, by another worker's hand, is as good as removed.
+    if (unlink(path.constData()) == 0 || errno == ENOENT)
+        return true;
+    return fail("Cannot remove", path, errno);
+}
+
+bool VDiskStorage::clearNamespace(const QByteArray& ns)
+{
+    // The tree is moved out of the way in one step, so readers and writers
+    // see it either whole or gone, and then deleted at leisure.
+    const QByteArray victim = ns.isNull() ? m_root : namespaceDir(ns);
+    const QByteArray parent = ns.isNull() ? m_root.left(m_root.lastIndexOf('/')) : m_root;
+    const QByteArray trash = parent + '/' + TrashPrefix + uniqueSuffix();
+    if (rename(victim.constData(), trash.constData()) != 0) {
+        if (errno == ENOENT)
+            return true;
+        return fail("Cannot clear", victim, errno);
+    }
+    removeTree(trash);
+    return true;
+}
+
+bool VDiskStorage::cleanExpired()
+{
+    const qint64 now = m_env->now();
+    // Leftovers of clears that were interrupted.
+    QDirIterator trash(QString::fromLocal8Bit(m_root), QStringList{QString::fromLatin1(TrashPrefix) + '*'},
+                       QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot);
+    while (trash.hasNext())
+        removeTree(QFile::encodeName(trash.next()));
+
+    QDirIterator it(QString::fromLocal8Bit(m_root), QDir::Files | QDir::Hidden | QDir::NoSymLinks,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QByteArray path = QFile::encodeName(it.next());
+        const QByteArray name = path.mid(path.lastIndexOf('/') + 1);
+        struct stat st;
+        if (name.startsWith(TempPrefix)) {
+            if (lstat(path.constData(), &st) == 0 && now - qint64(st.st_mtime) > StaleTempSeconds)
+                unlink(path.constData());
+            continue;
+        }
+        const int fd = open(path.constData(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0)
+            continue;
+        Header h;
+        const bool valid = readHeader(fd, &h);
+        // Records arrive whole by rename, so one that doesn't check out was
+        // damaged (a crash before the data reached the disk) and is no use.
+        const bool drop = fstat(fd, &st) == 0 && (!valid || h.expiredAt(now));
+        close(fd);
+        // Only the file that was judged goes: if a writer renamed a fresh
+        // record over it meanwhile, that one stays. (A rename in the instant
+        // between this look and the unlink costs a miss, never a wrong page.)
+        struct stat current;
+        if (drop && lstat(path.constData(), &current) == 0 && current.st_ino == st.st_ino
+            && current.st_dev == st.st_dev)
+            unlink(path.constData());
+    }
+    return true;
+}

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <QByteArray>
+#include <QtGlobal>
+
+// The file operations of the store that tests may want to fail or to see
+// at another time. The default one is the operating system.
+class VDiskStorageEnv
+{
+public:
+    virtual ~VDiskStorageEnv();
+    // Creates `path`, which must not exist, holding `header` then `value`.
+    virtual bool writeNewFile(const QByteArray& path, const QByteArray& header, const QByteArray& value,
+                              QByteArray* error);
+    virtual bool renameFile(const QByteArray& from, const QByteArray& to, QByteArray* error);
+    // Seconds since 1970.
+    virtual qint64 now();
+
+    static VDiskStorageEnv* system();
+};
+
+// A key-value store on disk, shared by every process that opens the same
+// root: records by namespace and key, each with its own lifetime. See
+// cache/STORE_FORMAT.md for the layout.
+class VDiskStorage
+{
+public:
+    class VDiskStorageInit
+    {
+    public:
+        VDiskStorageInit(long dirDepth, const QByteArray& savePath, int unused, const QByteArray& name,
+                         bool unusedFlag);
+
+        long dirDepth;
+        QByteArray savePath;
+        QByteArray name;
+    };
+
+    explicit VDiskStorage(const VDiskStorageInit& init, VDiskStorageEnv* env = VDiskStorageEnv::system());
+    virtual ~VDiskStorage();
+
+    // The last write or clear failure, with the operating system's reason.
+    QByteArray lastError;
+
+    // A new malloc()ed copy of the live value, or null. The caller frees it.
+    virtual char* read(const QByteArray& ns, const QByteArray& key, int* length);
+    virtual bool remove(const QByteArray& ns, const QByteArray& key);
+    // Drops every record of a namespace; the null array drops them all.
+    virtual bool clearNamespace(const QByteArray& ns);
+    virtual bool contains(const QByteArray& ns, const QByteArray& key, bool unused);
+    // Replaces the record whole. A lifetime of 0 or less never expires.
+    virtual bool write(const QByteArray& ns, const QByteArray& key, const QByteArray& value, char* outFlag,
+                       int lifetime, int unused);
+    // Deletes expired records, and what interrupted writers and clears left.
+    virtual bool cleanExpired();
+    // When the record expires: its write time plus its lifetime, or -1.
+    long getLastModified(const QByteArray& ns, const QByteArray& key);
+
+    QByteArray root() const { return m_root; }
+    // Where a record lies; exposed for the tests of the format.
+    QByteArray recordPath(const QByteArray& ns, const QByteArray& key) const;
+
+    static const int HeaderSize = 40;
+
+private:
+    QByteArray namespaceDir(const QByteArray& ns) const;
+    bool fail(const QByteArray& what, const QByteArray& path, int error);
+
+    QByteArray m_root;
+    int m_depth;
+    VDiskStorageEnv* m_env;
+};

@@ -1,0 +1,276 @@
+#include "../rules/RulesTestSupport.h"
+
+#include "CacheEntry.h"
+#include "QtIOCompressor.h"
+#include "VDiskStorage.h"
+#include "VHTMLCache.h"
+#include "VMD5.h"
+
+#include <QBuffer>
+#include <QDataStream>
+#include <QLocale>
+#include <QtEndian>
+
+namespace {
+
+using Headers = QLinkedList<QByteArray>;
+
+QByteArray gzip(const QByteArray& data)
+{
+    return compress(data.constData(), data.size());
+}
+
+class CacheTest : public RulesFixture
+{
+protected:
+    void SetUp() override
+    {
+        RulesFixture::SetUp();
+        const QString rules = dir.filePath(QStringLiteral("pagecache_rules.xml"));
+        QFile file(rules);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(rulesXml(R"xml(
+          <url schema="http" host="h" path="one" id="1"><name>twice</name></url>
+          <url schema="http" host="h" path="two" id="2"><name>twice</name></url>
+          <url schema="http" host="h" path="(a|b)" id="3" match_type="regex_match"><name>pattern</name></url>)xml"));
+        file.close();
+        QFile::copy(QStringLiteral(VESK_SOURCE_DIR "/conf/pagecache_rules_schema.xsd"),
+                    dir.filePath(QStringLiteral("pagecache_rules_schema.xsd")));
+        savePath = QFile::encodeName(dir.filePath(QStringLiteral("store")));
+        cache = VHTMLCache::instance();
+        ASSERT_TRUE(cache->load(savePath.constData(), 1, QFile::encodeName(rules).constData(), 300, false, 100, false))
+            << cache->lastError().toStdString();
+    }
+    void TearDown() override
+    {
+        cache->shutdown();
+        VHTMLCache::destroyInstance();
+        RulesFixture::TearDown();
+    }
+    CacheEntry clear(const QByteArray& key)
+    {
+        CacheEntry entry;
+        cache->readEntry("ns", key, entry);
+        return entry;
+    }
+    CacheEntry gzipped(const QByteArray& key)
+    {
+        CacheEntry entry;
+        cache->readCompressedEntry("ns", key, entry);
+        return entry;
+    }
+    QByteArray ruleNs(const QByteArray& path) { return VMD5::hash("http://h/" + path); }
+
+    QByteArray savePath;
+    VHTMLCache* cache = nullptr;
+};
+
+TEST_F(CacheTest, RecordIsTheStreamOfItsFieldsAtVersion18)
+{
+    const Headers headers{"Content-Type: text/html", "X-A: 1"};
+    ASSERT_TRUE(cache->storeOutput("ns", "k", "http://h:80/one?x", "<p>body</p>", 11, 203, headers, 60, false, false));
+    const CacheEntry entry = clear("k");
+    EXPECT_EQ(2019, entry.formatTag());
+    EXPECT_EQ(QByteArray("http://h:80/one?x"), entry.url());
+    EXPECT_EQ(203, entry.status());
+    EXPECT_EQ(headers, entry.headers());
+    EXPECT_EQ(QByteArray("<p>body</p>"), entry.body());
+    EXPECT_EQ(Qt::LocalTime, entry.created().timeSpec());
+    EXPECT_LE(qAbs(entry.created().secsTo(QDateTime::currentDateTime())), 5);
+    EXPECT_EQ(0, gzipped("k").formatTag());
+
+    // The same fields streamed by hand make the same bytes.
+    QByteArray expected;
+    QDataStream out(&expected, QIODevice::WriteOnly);
+    out.setVersion(18);
+    out << qint32(2019) << entry.created() << QByteArray("http://h:80/one?x") << qint32(203) << quint32(2)
+        << QByteArray("Content-Type: text/html") << QByteArray("X-A: 1") << QByteArray("<p>body</p>");
+    int length = 0;
+    char* stored = cache->store()->read("ns", "k", &length);
+    ASSERT_NE(nullptr, stored);
+    EXPECT_EQ(expected, QByteArray(stored, length));
+    free(stored);
+    EXPECT_EQ(0x07E3, qFromBigEndian<qint32>(expected.constData()));
+}
+
+TEST_F(CacheTest, CompressedCopyBesideTheClearOne)
+{
+    const QByteArray body(1025, 'a');
+    ASSERT_TRUE(cache->storeOutput("ns", "k", "u", body.constData(), body.size(), 200, Headers{"X: 1"}, 60, true, false));
+    const CacheEntry copy = gzipped("k");
+    EXPECT_EQ((Headers{"X: 1", "Content-Encoding: gzip", "Vary: Accept-Encoding"}), copy.headers());
+    EXPECT_EQ(body, decompress(copy.body().constData(), copy.body().size()));
+    EXPECT_EQ((Headers{"X: 1"}), clear("k").headers());
+    EXPECT_EQ(body, clear("k").body());
+    EXPECT_TRUE(log().contains("Output size before compression: 1025 "));
+}
+
+TEST_F(CacheTest, AlreadyCompressedBodyIsStoredAsItCameAndClearedForTheClearCopy)
+{
+    const QByteArray page("<html>already</html>");
+    const QByteArray body = gzip(page);
+    const Headers headers{"Content-Encoding: gzip", "Vary: Accept-Encoding", "Vary: Accept - Encoding", "X: 1"};
+    ASSERT_TRUE(cache->storeOutput("ns", "k", "u", body.constData(), body.size(), 200, headers, 60, true, true));
+    EXPECT_EQ(body, gzipped("k").body());
+    EXPECT_EQ(headers, gzipped("k").headers());
+    EXPECT_EQ(page, clear("k").body());
+    EXPECT_EQ((Headers{"Vary: Accept-Encoding", "X: 1"}), clear("k").headers());
+    EXPECT_FALSE(log().contains("Output size before compression"));
+}
+
+TEST_F(CacheTest, UndecompressableGzipStandsAlone)
+{
+    const QByteArray body("not gzip at all");
+    EXPECT_TRUE(cache->storeOutput("ns", "k", "u", body.constData(), body.size(), 200, Headers{}, 60, false, true));
+    EXPECT_EQ(body, gzipped("k").body());
+    EXPECT_FALSE(cache->entryExists("ns", "k", false));
+    EXPECT_TRUE(log().contains("Unable to decompress response."));
+}
+
+TEST_F(CacheTest, FailedGzipWriteLeavesTheOlderClearRecord)
+{
+    ASSERT_TRUE(cache->storeOutput("ns", "k", "u", "old", 3, 200, Headers{}, 60, false, false));
+    // The gzip copy's place is taken by a directory: its write fails.
+    QDir().mkpath(QString::fromLocal8Bit(cache->store()->recordPath("ns", "k.z")));
+    const QByteArray body(2000, 'n');
+    EXPECT_FALSE(cache->storeOutput("ns", "k", "u", body.constData(), body.size(), 200, Headers{}, 60, true, false));
+    EXPECT_TRUE(log().contains("failed to store compressed output for k.z"));
+    EXPECT_EQ(QByteArray("old"), clear("k").body());
+}
+
+TEST_F(CacheTest, LastModifiedIsTheExpiryAndMissingIsZero)
+{
+    EXPECT_EQ(0, cache->entryLastModified("ns", "none"));
+    const qint64 before = QDateTime::currentSecsSinceEpoch();
+    ASSERT_TRUE(cache->storeOutput("ns", "k", "u", "b", 1, 200, Headers{}, 600, false, false));
+    const qint64 modified = cache->entryLastModified("ns", "k");
+    EXPECT_GE(modified, before + 600);
+    EXPECT_LE(modified, QDateTime::currentSecsSinceEpoch() + 600);
+    EXPECT_TRUE(cache->removeEntry("ns", "k"));
+    EXPECT_FALSE(cache->entryExists("ns", "k", false));
+}
+
+TEST_F(CacheTest, ParseHttpDateInItsThreeForms)
+{
+    QLocale::setDefault(QLocale(QLocale::English));
+    const QDateTime expected(QDate(1994, 11, 6), QTime(8, 49, 37));
+    EXPECT_EQ(expected, VHTMLCache::parseHttpDate("Sun, 06 Nov 1994 08:49:37 GMT"));
+    const QDateTime twoDigitYear = VHTMLCache::parseHttpDate("Sunday, 06-Nov-94 08:49:37 GMT");
+    EXPECT_EQ(QTime(8, 49, 37), twoDigitYear.time());
+    EXPECT_EQ(94, twoDigitYear.date().year() % 100);
+    EXPECT_EQ(11, twoDigitYear.date().month());
+    EXPECT_EQ(expected, VHTMLCache::parseHttpDate("Sun Nov 6 08:49:37 1994"));
+    EXPECT_FALSE(VHTMLCache::parseHttpDate("yesterday").isValid());
+}
+
+TEST_F(CacheTest, RemovalByRuleIdNameUriAndPattern)
+{
+    const QByteArray uriKey = VMD5::hash("_SERVER[REQUEST_URI]/p?x=1");
+    for (const char* path : {"one", "two", "(?:a|b)"}) {
+        ASSERT_TRUE(cache->store()->write(ruleNs(path), uriKey, "v", nullptr, 60, 0));
+        ASSERT_TRUE(cache->store()->write(ruleNs(path), "other", "v", nullptr, 60, 0));
+    }
+    auto has = [&](const char* path, const QByteArray& key) { return cache->entryExists(ruleNs(path), key, false); };
+
+    EXPECT_TRUE(cache->removeByRuleId(99));
+    EXPECT_TRUE(has("one", "other"));
+
+    // Both rules named "twice" are looked into by URI...
+    EXPECT_TRUE(cache->removeByUri("twice", "/p?x=1"));
+    EXPECT_FALSE(has("one", uriKey));
+    EXPECT_FALSE(has("two", uriKey));
+    EXPECT_TRUE(has("one", "other"));
+    EXPECT_TRUE(has("(?:a|b)", uriKey));
+    EXPECT_TRUE(cache->removeByUri("nobody", "/p?x=1"));
+
+    // ...but by name only the first one's pages go.
+    EXPECT_TRUE(cache->removeByRuleName("twice"));
+    EXPECT_FALSE(has("one", "other"));
+    EXPECT_TRUE(has("two", "other"));
+    EXPECT_TRUE(log().contains("Remove cached contents for rule twice"));
+
+    EXPECT_TRUE(cache->removeByRuleId(2));
+    EXPECT_FALSE(has("two", "other"));
+
+    // A pattern as a script writes it reaches the rule's namespace.
+    EXPECT_EQ(ruleNs("(?:a|b)"), VHTMLCache::patternNamespace(QStringLiteral("http://h/(a|b)")));
+    EXPECT_EQ(ruleNs("(?:a|b)"), VHTMLCache::patternNamespace(QStringLiteral("http://h/(?:a|b)")));
+    EXPECT_TRUE(cache->clearNamespace(VHTMLCache::patternNamespace(QStringLiteral("http://h/(a|b)"))));
+    EXPECT_FALSE(has("(?:a|b)", uriKey));
+
+    ASSERT_TRUE(cache->store()->write(ruleNs("one"), "k", "v", nullptr, 60, 0));
+    EXPECT_TRUE(cache->clearNamespace(QByteArray()));
+    EXPECT_FALSE(has("one", "k"));
+}
+
+class Messages
+{
+public:
+    Messages() { previous = qInstallMessageHandler(&Messages::handler); texts().clear(); }
+    ~Messages() { qInstallMessageHandler(previous); }
+    static QStringList& texts()
+    {
+        static QStringList list;
+        return list;
+    }
+
+private:
+    static void handler(QtMsgType, const QMessageLogContext&, const QString& text) { texts().append(text); }
+    QtMessageHandler previous;
+};
+
+TEST(QtIOCompressorTest, OpenModes)
+{
+    Messages messages;
+    QBuffer buffer;
+    QtIOCompressor both(&buffer);
+    EXPECT_FALSE(both.open(QIODevice::ReadWrite));
+    ASSERT_EQ(1, Messages::texts().size());
+    EXPECT_EQ(QStringLiteral("QtIOCompressor::open: QtIOCompressor can only be opened in the ReadOnly or WriteOnly modes"),
+              Messages::texts().first());
+    QtIOCompressor append(&buffer);
+    EXPECT_TRUE(append.open(QIODevice::WriteOnly | QIODevice::Append));
+    EXPECT_FALSE(append.open(QIODevice::WriteOnly));
+    EXPECT_EQ(QStringLiteral("QtIOCompressor::open: device already open"), Messages::texts().last());
+    EXPECT_TRUE(QtIOCompressor::gzipSupported("1.2.11"));
+    EXPECT_FALSE(QtIOCompressor::gzipSupported("1.1.4"));
+    EXPECT_FALSE(QtIOCompressor::gzipSupported("0.9"));
+    EXPECT_TRUE(QtIOCompressor::gzipSupported("2.0"));
+    EXPECT_FALSE(QtIOCompressor::gzipSupported("1."));
+}
+
+TEST(QtIOCompressorTest, ReadingFailuresAndTheEndOfTheStream)
+{
+    QByteArray garbage("this is no gzip stream");
+    QBuffer bad(&garbage);
+    QtIOCompressor failing(&bad);
+    failing.setStreamFormat(QtIOCompressor::GzipFormat);
+    ASSERT_TRUE(failing.open(QIODevice::ReadOnly));
+    char out[64];
+    EXPECT_EQ(-1, failing.read(out, sizeof out));
+    EXPECT_TRUE(failing.errorString().startsWith(QStringLiteral("Internal zlib error when decompressing: ")));
+    EXPECT_EQ(-1, failing.read(out, sizeof out));
+
+    QByteArray stream = gzip("hello") + "TAIL";
+    QBuffer good(&stream);
+    ASSERT_TRUE(good.open(QIODevice::ReadOnly));
+    QtIOCompressor reader(&good);
+    reader.setStreamFormat(QtIOCompressor::GzipFormat);
+    ASSERT_TRUE(reader.open(QIODevice::ReadOnly));
+    EXPECT_EQ(QByteArray("hello"), reader.readAll());
+    EXPECT_EQ(0, reader.read(out, sizeof out));
+    // What followed the stream went back to the device.
+    EXPECT_TRUE(good.readAll().contains("TAIL"));
+}
+
+TEST_F(RulesFixture, DecompressingNothingIsLogged)
+{
+    EXPECT_TRUE(decompress("", 0).isEmpty());
+    EXPECT_TRUE(log().contains("WARNING] Unable to decompress response."));
+    const QByteArray page(5000, 'p');
+    const QByteArray packed = compress(page.constData(), page.size());
+    EXPECT_EQ(QByteArray("\x1f\x8b", 2), packed.left(2));
+    EXPECT_EQ(page, decompress(packed.constData(), packed.size()));
+}
+
+} // namespace

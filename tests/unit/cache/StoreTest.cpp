@@ -1,0 +1,210 @@
+#include "VDiskStorage.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+#include <memory>
+#include <sys/stat.h>
+
+namespace {
+
+// A clock the test moves, and writes that can be made to fail.
+class TestEnv : public VDiskStorageEnv
+{
+public:
+    qint64 clock = 1700000000;
+    bool failWrites = false;
+    qint64 now() override { return clock; }
+    bool writeNewFile(const QByteArray& path, const QByteArray& header, const QByteArray& value,
+                      QByteArray* error) override
+    {
+        if (failWrites) {
+            *error = "No space left on device";
+            return false;
+        }
+        return VDiskStorageEnv::writeNewFile(path, header, value, error);
+    }
+};
+
+class StoreTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(dir.isValid());
+        store.reset(new VDiskStorage(VDiskStorage::VDiskStorageInit(2, root(), 1, "HTML-Cache", false), &env));
+    }
+    QByteArray root() const { return QFile::encodeName(dir.path()); }
+    QByteArray get(const QByteArray& ns, const QByteArray& key)
+    {
+        int length = -1;
+        char* data = store->read(ns, key, &length);
+        if (!data)
+            return "<none>";
+        const QByteArray value(data, length);
+        free(data);
+        return value;
+    }
+    bool put(const QByteArray& ns, const QByteArray& key, const QByteArray& value, int lifetime = 60)
+    {
+        char flag = 0;
+        return store->write(ns, key, value, &flag, lifetime, 0);
+    }
+    int filesUnder(const QByteArray& path) const
+    {
+        int count = 0;
+        QDirIterator it(QString::fromLocal8Bit(path), QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            it.next();
+            ++count;
+        }
+        return count;
+    }
+
+    QTemporaryDir dir;
+    TestEnv env;
+    std::unique_ptr<VDiskStorage> store;
+};
+
+TEST_F(StoreTest, RecordsLieUnderTheNamedTreeAtTheConfiguredDepth)
+{
+    ASSERT_TRUE(put("ns", "key", "value"));
+    const QByteArray path = store->recordPath("ns", "key");
+    EXPECT_TRUE(path.startsWith(root() + "/HTML-Cache/ns/"));
+    EXPECT_EQ(2, path.mid(root().size() + strlen("/HTML-Cache/ns/")).count('/'));
+    EXPECT_TRUE(QFile::exists(QString::fromLocal8Bit(path)));
+    EXPECT_EQ(QFile(QString::fromLocal8Bit(path)).size(), VDiskStorage::HeaderSize + 5);
+}
+
+TEST_F(StoreTest, ReadContainsAndLifetimes)
+{
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "key"));
+    EXPECT_FALSE(store->contains("ns", "key", false));
+    EXPECT_EQ(-1, store->getLastModified("ns", "key"));
+
+    ASSERT_TRUE(put("ns", "key", "first", 60));
+    EXPECT_EQ(QByteArray("first"), get("ns", "key"));
+    EXPECT_TRUE(store->contains("ns", "key", false));
+    EXPECT_EQ(env.clock + 60, store->getLastModified("ns", "key"));
+
+    // Expired before any cleaning.
+    env.clock += 60;
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "key"));
+    EXPECT_FALSE(store->contains("ns", "key", false));
+
+    // A new write replaces the value and restarts the lifetime.
+    ASSERT_TRUE(put("ns", "key", "second", 60));
+    env.clock += 59;
+    EXPECT_EQ(QByteArray("second"), get("ns", "key"));
+
+    // A lifetime of 0 never runs out.
+    ASSERT_TRUE(put("ns", "forever", "kept", 0));
+    env.clock += 100 * 365 * 86400LL;
+    EXPECT_EQ(QByteArray("kept"), get("ns", "forever"));
+}
+
+TEST_F(StoreTest, EmptyValuesAndTheNullNamespace)
+{
+    ASSERT_TRUE(put(QByteArray(), "key", QByteArray()));
+    EXPECT_EQ(QByteArray(""), get(QByteArray(), "key"));
+    EXPECT_TRUE(store->contains(QByteArray(), "key", false));
+}
+
+TEST_F(StoreTest, RemoveTakesOneKeyOnly)
+{
+    ASSERT_TRUE(put("ns", "key", "clear"));
+    ASSERT_TRUE(put("ns", "key.z", "gzip"));
+    EXPECT_TRUE(store->remove("ns", "key"));
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "key"));
+    EXPECT_EQ(QByteArray("gzip"), get("ns", "key.z"));
+    // Already gone is as good as removed.
+    EXPECT_TRUE(store->remove("ns", "key"));
+}
+
+TEST_F(StoreTest, ClearNamespace)
+{
+    ASSERT_TRUE(put("a", "1", "x"));
+    ASSERT_TRUE(put("a", "2", "x"));
+    ASSERT_TRUE(put("b", "1", "y"));
+    EXPECT_TRUE(store->clearNamespace("empty"));
+    EXPECT_TRUE(store->clearNamespace("a"));
+    EXPECT_EQ(QByteArray("<none>"), get("a", "1"));
+    EXPECT_EQ(QByteArray("y"), get("b", "1"));
+    ASSERT_TRUE(put("a", "3", "z"));
+    EXPECT_TRUE(store->clearNamespace(QByteArray()));
+    EXPECT_EQ(QByteArray("<none>"), get("b", "1"));
+    EXPECT_EQ(QByteArray("<none>"), get("a", "3"));
+    EXPECT_EQ(0, filesUnder(root()));
+    // The store goes on after a clear of everything.
+    ASSERT_TRUE(put("b", "1", "again"));
+    EXPECT_EQ(QByteArray("again"), get("b", "1"));
+}
+
+TEST_F(StoreTest, CleanExpiredDropsWhatIsOverAndWhatIsDamaged)
+{
+    ASSERT_TRUE(put("ns", "short", "x", 10));
+    ASSERT_TRUE(put("ns", "long", "y", 1000));
+    ASSERT_TRUE(put("ns", "torn", "zzzzzzzz", 1000));
+    QFile torn(QString::fromLocal8Bit(store->recordPath("ns", "torn")));
+    ASSERT_TRUE(torn.resize(VDiskStorage::HeaderSize + 3));
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "torn"));
+    EXPECT_FALSE(store->contains("ns", "torn", false));
+
+    env.clock += 10;
+    EXPECT_TRUE(store->cleanExpired());
+    EXPECT_FALSE(QFile::exists(QString::fromLocal8Bit(store->recordPath("ns", "short"))));
+    EXPECT_FALSE(QFile::exists(QString::fromLocal8Bit(store->recordPath("ns", "torn"))));
+    EXPECT_EQ(QByteArray("y"), get("ns", "long"));
+}
+
+TEST_F(StoreTest, DamagedValueIsNeverHandedOut)
+{
+    ASSERT_TRUE(put("ns", "key", "abcdef"));
+    QFile file(QString::fromLocal8Bit(store->recordPath("ns", "key")));
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    file.seek(VDiskStorage::HeaderSize + 2);
+    file.write("X");
+    file.close();
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "key"));
+}
+
+TEST_F(StoreTest, FailedWriteKeepsTheOldRecordAndSaysWhy)
+{
+    ASSERT_TRUE(put("ns", "key", "old"));
+    env.failWrites = true;
+    EXPECT_FALSE(put("ns", "key", "new"));
+    EXPECT_TRUE(store->lastError.contains("No space left on device")) << store->lastError.constData();
+    EXPECT_EQ(QByteArray("old"), get("ns", "key"));
+}
+
+TEST_F(StoreTest, NamesNeverLeaveTheRoot)
+{
+    for (const QByteArray& name : {QByteArray("../../escape"), QByteArray("/etc/passwd"), QByteArray(".."),
+                                   QByteArray("a/b"), QByteArray("\0x", 2), QByteArray(300, 'k')}) {
+        const QByteArray path = store->recordPath(name, name);
+        EXPECT_TRUE(path.startsWith(root() + "/HTML-Cache/")) << path.constData();
+        EXPECT_FALSE(path.mid(root().size()).contains("/../")) << path.constData();
+        EXPECT_FALSE(path.mid(root().size()).contains('\0'));
+        ASSERT_TRUE(put(name, name, "v"));
+        EXPECT_EQ(QByteArray("v"), get(name, name));
+    }
+    EXPECT_EQ(6, filesUnder(root() + "/HTML-Cache"));
+}
+
+TEST_F(StoreTest, UnusableRootFailsEachOperationCleanly)
+{
+    QFile blocker(QString::fromLocal8Bit(root() + "/HTML-Cache"));
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    EXPECT_FALSE(put("ns", "key", "v"));
+    EXPECT_TRUE(store->lastError.contains("Not a directory")) << store->lastError.constData();
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "key"));
+    EXPECT_FALSE(store->contains("ns", "key", false));
+    EXPECT_TRUE(store->remove("ns", "key") || !store->lastError.isEmpty());
+    EXPECT_TRUE(store->cleanExpired());
+}
+
+} // namespace
