@@ -30,8 +30,8 @@ protected:
         QFile file(rules);
         ASSERT_TRUE(file.open(QIODevice::WriteOnly));
         file.write(rulesXml(R"xml(
-          <url schema="http" host="h" path="one" id="1"><name>twice</name></url>
-          <url schema="http" host="h" path="two" id="2"><name>twice</name></url>
+          <url schema="http" host="h" path="one" id="1" priority="2"><name>twice</name></url>
+          <url schema="http" host="h" path="two" id="2" priority="1"><name>twice</name></url>
           <url schema="http" host="h" path="(a|b)" id="3" match_type="regex_match"><name>pattern</name></url>)xml"));
         file.close();
         QFile::copy(QStringLiteral(VESK_SOURCE_DIR "/conf/pagecache_rules_schema.xsd"),
