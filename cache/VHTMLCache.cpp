@@ -11,7 +11,9 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <cstring>
 #include <memory>
+#include <strings.h>
 #include <unistd.h>
 #include <xercesc/sax2/SAX2XMLReader.hpp>
 #include <xercesc/sax2/XMLReaderFactory.hpp>
@@ -243,6 +245,13 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
     if (!stored)
         VLOG(log, 0) << "failed to store output for" << key << storage->lastError.constData();
     return stored;
+}
+
+bool VHTMLCache::compressionWanted(qint64 size, bool allowed, const char* tidyCleanOutput)
+{
+    const bool tidy = tidyCleanOutput
+                      && (strcmp(tidyCleanOutput, "1") == 0 || strcasecmp(tidyCleanOutput, "On") == 0);
+    return size > 1024 && allowed && !tidy;
 }
 
 QDateTime VHTMLCache::parseHttpDate(const char* text)

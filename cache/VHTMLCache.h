@@ -43,6 +43,10 @@ public:
                      qint64 size, int status, const QLinkedList<QByteArray>& headers, quint32 lifetime,
                      bool compress, bool alreadyCompressed);
     static QDateTime parseHttpDate(const char* text);
+    // Whether a page gets a gzip copy: more than 1024 bytes, compression
+    // allowed for the request, and no tidy pass ("tidy.clean_output") that
+    // would rewrite the clear output after it was compressed.
+    static bool compressionWanted(qint64 size, bool allowed, const char* tidyCleanOutput);
 
     // Removal. The null namespace is every page.
     bool clearNamespace(const QByteArray& ns);

@@ -105,6 +105,16 @@ TEST_F(CacheTest, CompressedCopyBesideTheClearOne)
     EXPECT_TRUE(log().contains("Output size before compression: 1025 "));
 }
 
+TEST(CompressionGate, SizeRequestAndTidy)
+{
+    EXPECT_FALSE(VHTMLCache::compressionWanted(1024, true, nullptr));
+    EXPECT_TRUE(VHTMLCache::compressionWanted(1025, true, nullptr));
+    EXPECT_FALSE(VHTMLCache::compressionWanted(1025, false, nullptr));
+    EXPECT_TRUE(VHTMLCache::compressionWanted(1025, true, "0"));
+    EXPECT_FALSE(VHTMLCache::compressionWanted(1025, true, "1"));
+    EXPECT_FALSE(VHTMLCache::compressionWanted(1025, true, "on"));
+}
+
 TEST_F(CacheTest, AlreadyCompressedBodyIsStoredAsItCameAndClearedForTheClearCopy)
 {
     const QByteArray page("<html>already</html>");
