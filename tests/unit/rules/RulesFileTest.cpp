@@ -90,6 +90,11 @@ struct FailureRow
     const char* error;
 };
 
+void PrintTo(const FailureRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class ReaderFailures : public RulesFixture, public ::testing::WithParamInterface<FailureRow>
 {
 };
