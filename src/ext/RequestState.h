@@ -3,14 +3,36 @@
 #include <QByteArray>
 #include <QLinkedList>
 
+class CacheRule;
+
 // What lives for one request. A worker serves one request at a time, so
-// there is one instance per process.
+// there is one instance per process. Fields that a request doesn't reach
+// keep their last value; the flags say what applies.
 struct RequestState
 {
-    // Application of this request; -1 for none.
+    // False between the gate and request end: still false at the gate means
+    // the previous request never reached its end.
+    bool cleanRequest = true;
     qint32 appId = -1;
+    QByteArray requestUrl;
+    // Owned by the cache object; valid for the length of the request.
+    CacheRule* rule = nullptr;
+    QByteArray ruleUrl;
+    QByteArray namespaceKey;
+    QByteArray matchKey;
+    // Header lines of a captured response that go into the stored page.
+    QLinkedList<QByteArray> storedHeaders;
     // Every header line of this response, for the response rules.
     QLinkedList<QByteArray> seenHeaders;
+    bool ruleActive = false;
+    bool waitingForSession = false;
+    bool cacheable = false;
+    bool compressionAllowed = false;
+    bool buffering = false;
+    bool inSessionStartup = false;
+    bool lastModifiedSent = false;
+    bool responseIsGzip = false;
+    bool responseCompressed = false;
 };
 
 extern RequestState requestState;

@@ -5,12 +5,10 @@
 #include "HostProbes.h"
 #include "ModuleState.h"
 #include "PageCacheConfig.h"
-#include "RequestState.h"
 #include "host/vesk_host.h"
 
 #include "PageCacheLogStream.h"
 #include "VDebug.h"
-#include "VDevBar.h"
 #include "VException.h"
 #include "VGlobals.h"
 #include "VHTMLCache.h"
@@ -29,7 +27,6 @@ const char* const PageCacheVersion = "2021.4.6";
 
 PageCacheConfig pageCacheConfig;
 ModuleState moduleState;
-RequestState requestState;
 
 namespace {
 
@@ -175,40 +172,6 @@ int moduleShutdown()
     VDebug::unregisterStream(moduleState.logStream);
     moduleState.logStream = 0;
     PageCacheLogStream = 0;
-    return 0;
-}
-
-int requestStartup()
-{
-    if (isDaemonMode())
-        return 0;
-    const VDebug::StreamId log = moduleState.logStream;
-    requestState.appId = 0;
-    requestState.seenHeaders.clear();
-    if (!moduleState.enabled) {
-        VLOG(log, 5) << "Cache is not active";
-        return 0;
-    }
-    if (!VDevBar::instance()->collectionStarted().isNull()) {
-        VLOG(log, 5) << "Cache is not active when Ocula is active";
-        return 0;
-    }
-    // Each worker picks up a newer rules file by itself, at its next request.
-    if (moduleState.rulesFileDate.isNull()
-        || moduleState.rulesFileDate < QFileInfo(moduleState.rulesFilePath).lastModified()) {
-        try {
-            reloadRules(false);
-        } catch (const VException& e) {
-            VLOG(log, 0) << e.what();
-        }
-    }
-    return 0;
-}
-
-int requestShutdown()
-{
-    if (isDaemonMode())
-        return 0;
     return 0;
 }
 

@@ -9,8 +9,6 @@ class QString;
 int extensionStartup();
 int moduleStartup();
 int moduleShutdown();
-int requestStartup();
-int requestShutdown();
 void moduleInfo();
 
 // Reads the rules file anew into a fresh cache object. Throws VException

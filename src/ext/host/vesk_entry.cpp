@@ -8,6 +8,7 @@
 #include "zend_extensions.h"
 
 #include "../7.0/htmlcache_ext.h"
+#include "../RequestPath.h"
 #include "../PageCacheConfig.h"
 #include "vesk_host.h"
 

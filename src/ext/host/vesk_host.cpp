@@ -119,16 +119,35 @@ const char* vesk_sapi_name()
     return sapi_module.name;
 }
 
+namespace {
+// The built-in web server has no getenv of its own: its request variables
+// are only in $_SERVER.
+bool serverVariablesOnly()
+{
+    return !sapi_module.getenv && sapi_module.name && strcmp(sapi_module.name, "cli-server") == 0;
+}
+} // namespace
+
 bool vesk_sapi_has_getenv()
 {
-    return sapi_module.getenv != nullptr;
+    return sapi_module.getenv != nullptr || serverVariablesOnly();
 }
 
 const char* vesk_sapi_getenv(const char* name)
 {
-    if (!sapi_module.getenv)
+    const size_t length = strlen(name);
+    if (sapi_module.getenv)
+        return sapi_module.getenv(name, length);
+    if (!serverVariablesOnly())
         return nullptr;
-    return sapi_module.getenv(name, strlen(name));
+    zend_is_auto_global_str(const_cast<char*>("_SERVER"), strlen("_SERVER"));
+    zval* server = zend_hash_str_find(&EG(symbol_table), "_SERVER", strlen("_SERVER"));
+    if (server && Z_TYPE_P(server) == IS_REFERENCE)
+        server = Z_REFVAL_P(server);
+    if (!server || Z_TYPE_P(server) != IS_ARRAY)
+        return nullptr;
+    zval* value = zend_hash_str_find(Z_ARRVAL_P(server), name, length);
+    return value && Z_TYPE_P(value) == IS_STRING ? Z_STRVAL_P(value) : nullptr;
 }
 
 const char* vesk_request_query_string()

@@ -98,3 +98,42 @@ bool vesk_global_element_exists(const char* name, size_t nameLength, const VeskK
 // The whole superglobal, serialised.
 bool vesk_global_serialized(const char* name, size_t nameLength, std::string* text);
 bool vesk_global_exists(const char* name, size_t nameLength);
+
+// The request and its response.
+const char* vesk_request_method();
+int vesk_response_code();
+// Sets the response code, dropping a status line the engine already made
+// so that it composes a new one.
+void vesk_set_response_code(int code);
+int vesk_exit_status();
+void vesk_set_modules_activated();
+// Whether the executor's reserved word of that slot holds something.
+bool vesk_reserved_word_set(int index);
+// The resource number of the engine extension of that name and author; 0
+// when no such extension is loaded.
+int vesk_extension_resource_number(const char* name, const char* author);
+void vesk_add_header(const char* line, size_t length);
+void vesk_output_write(const char* data, size_t length);
+int vesk_output_get_level();
+void vesk_output_end();
+// Whether an output handler is running right now.
+bool vesk_output_handler_running();
+void vesk_sapi_flush();
+
+// Hooks of one request. The header hook sees each header line the script
+// sets, then hands it on to the server's own handler.
+typedef void (*VeskHeaderCallback)(const char* line, size_t length);
+void vesk_install_header_hook(VeskHeaderCallback callback);
+// Forwards the server's flush, so the server may flush while hooks stand.
+void vesk_install_flush_forwarder();
+// Puts back the server's header handler and flush, and the compiler.
+void vesk_restore_request_hooks();
+// Makes the next script compilation end the request at once, unrun.
+void vesk_arm_compile_stub();
+// The output handler "HTML Cache": sees the whole output when it ends and
+// passes it on unchanged. `output` is null when the engine gave none.
+typedef void (*VeskOutputCallback)(const char* output, size_t length);
+// Answers the output level with the handler on top, or -1.
+int vesk_start_output_capture(int flags, VeskOutputCallback callback);
+// Unwinds the running script to the end of the request.
+[[noreturn]] void vesk_bailout(const char* file, int line);

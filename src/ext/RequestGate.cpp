@@ -1,0 +1,207 @@
+#include "RequestPath.h"
+
+#include "7.0/htmlcache_ext.h"
+#include "HostProbes.h"
+#include "ModuleState.h"
+#include "PageCacheConfig.h"
+#include "RequestState.h"
+#include "host/vesk_host.h"
+
+#include "VDevBar.h"
+#include "VException.h"
+#include "VHTMLCache.h"
+#include "VMD5.h"
+
+#include <QFileInfo>
+#include <QRegExp>
+#include <strings.h>
+
+RequestState requestState;
+
+namespace {
+
+void captureHeaderLine(const char* line, size_t length);
+
+void installRequestHooks()
+{
+    vesk_install_header_hook(captureHeaderLine);
+    vesk_install_flush_forwarder();
+}
+
+void captureHeaderLine(const char* text, size_t length)
+{
+    RequestState& r = requestState;
+    if (!r.buffering)
+        return;
+    const QByteArray line(text, int(length));
+    const VDebug::StreamId log = moduleState.logStream;
+    r.seenHeaders.append(line);
+    if (line.startsWith("Content-Encoding:")) {
+        r.responseCompressed = true;
+        r.responseIsGzip = line.startsWith("Content-Encoding: gzip");
+        if (r.responseIsGzip)
+            VLOG(log, 4) << "Current response is gzip compressed";
+        else
+            VLOG(log, 4) << "Current response compression header:" << line;
+    }
+    if (line.startsWith("Last-Modified:"))
+        r.lastModifiedSent = true;
+    // The visitor's own session cookie never goes into a stored page.
+    if (r.inSessionStartup && line.startsWith("Set-Cookie:")) {
+        VLOG(log, 4) << "Ignoring header for storing (during session startup):" << line;
+        return;
+    }
+    VLOG(log, 4) << "Buffering header for storing:" << line;
+    r.storedHeaders.append(line);
+}
+
+bool isCacheableMethod(const char* method)
+{
+    return method && (strcasecmp(method, "GET") == 0 || strcasecmp(method, "HEAD") == 0);
+}
+
+} // namespace
+
+QByteArray currentRequestUrl(bool withPort)
+{
+    if (!vesk_sapi_has_getenv())
+        return QByteArray();
+    const char* host = vesk_sapi_getenv("HTTP_HOST");
+    if (!host || !*host)
+        return QByteArray();
+    QByteArray hostPart(host);
+    if (withPort && !hostPart.contains(':')) {
+        if (const char* port = vesk_sapi_getenv("SERVER_PORT"))
+            hostPart += ':' + QByteArray(port);
+    }
+    const char* https = vesk_sapi_getenv("HTTPS");
+    QByteArray url = https && *https && strcasecmp(https, "off") != 0 ? "https://" : "http://";
+    url += hostPart;
+    QString uri = QString::fromUtf8(vesk_sapi_getenv("REQUEST_URI"));
+    const int query = uri.indexOf(QLatin1Char('?'));
+    if (query > 0)
+        uri.truncate(query);
+    static const QRegExp slashes(QStringLiteral("/+"));
+    uri.replace(slashes, QStringLiteral("/"));
+    return url + uri.toUtf8();
+}
+
+int requestStartup()
+{
+    if (isDaemonMode())
+        return 0;
+    RequestState& r = requestState;
+    const VDebug::StreamId log = moduleState.logStream;
+    r.appId = 0;
+    r.seenHeaders.clear();
+    if (!moduleState.enabled) {
+        VLOG(log, 5) << "Cache is not active";
+        return 0;
+    }
+    if (!VDevBar::instance()->collectionStarted().isNull()) {
+        VLOG(log, 5) << "Cache is not active when Ocula is active";
+        return 0;
+    }
+    // Each worker picks up a newer rules file by itself, at its next request.
+    if (moduleState.rulesFileDate.isNull()
+        || moduleState.rulesFileDate < QFileInfo(moduleState.rulesFilePath).lastModified()) {
+        try {
+            reloadRules(false);
+        } catch (const VException& e) {
+            VLOG(log, 0) << e.what();
+        }
+    }
+    if (!r.cleanRequest) {
+        VLOG(log, 3) << "Unclean request state detected. Page Cache will not be active for this request.";
+        return 0;
+    }
+    r.cleanRequest = false;
+
+    const int debugger = vesk_extension_resource_number("Vesk Debugger", "Vesk Technologies");
+    if (debugger != -1 && vesk_reserved_word_set(debugger)) {
+        VLOG(log, 5) << "Cache is not active since debug session is in progress";
+        return 0;
+    }
+    if (isInternalRequest()) {
+        VLOG(log, 5) << "Cache is not active since internal request is in progress";
+        return 0;
+    }
+    r.responseCompressed = false;
+    r.responseIsGzip = false;
+    r.lastModifiedSent = false;
+    r.inSessionStartup = false;
+    vesk_set_modules_activated();
+
+    const char* method = vesk_request_method();
+    if (!isCacheableMethod(method)) {
+        const char* uri = vesk_sapi_getenv("REQUEST_URI");
+        const char* envMethod = vesk_sapi_getenv("REQUEST_METHOD");
+        if (uri && envMethod)
+            VLOG(log, 5) << "Uncacheable request method - " << envMethod << uri;
+        else
+            VLOG(log, 5) << "Uncacheable request method";
+        return 0;
+    }
+    // No application is known to this host yet.
+    r.appId = -1;
+
+    r.requestUrl = currentRequestUrl(false);
+    const QByteArray urlWithPort = currentRequestUrl(true);
+    VHTMLCache* cache = VHTMLCache::instance();
+    r.rule = cache->getOrderedMatchingRuleForUrl(r.requestUrl);
+    if (!r.rule && urlWithPort != r.requestUrl)
+        r.rule = cache->getOrderedMatchingRuleForUrl(urlWithPort);
+    if (!r.rule) {
+        VLOG(log, 5) << r.requestUrl << "should not be cached";
+        return 0;
+    }
+
+    r.ruleUrl = r.rule->url.toString();
+    r.buffering = false;
+    r.cacheable = false;
+    r.ruleActive = true;
+    r.compressionAllowed = pageCacheConfig.compression_enable;
+    r.namespaceKey = VMD5::hash(r.ruleUrl);
+    if (r.rule->d->splitNeedsSession) {
+        r.waitingForSession = true;
+    } else if (r.rule->conditionsHoldWithoutSession()) {
+        r.cacheable = true;
+    } else {
+        r.waitingForSession = r.rule->d->conditionsNeedSession;
+    }
+    vesk_restore_request_hooks();
+    installRequestHooks();
+    if (r.waitingForSession) {
+        VLOG(log, 3) << "waiting for session data before deciding whether to use cached data";
+        startOutputCapture(64);
+        r.buffering = true;
+        return 0;
+    }
+    if (!r.cacheable)
+        r.cacheable = r.rule->conditionsHold();
+    if (!r.cacheable) {
+        VLOG(log, 3) << "Request for :" << r.requestUrl << "is NOT cacheable";
+        return 0;
+    }
+    decideFromCache(nullptr, r.rule->name.trimmed(), r.rule->id);
+    return 0;
+}
+
+int requestShutdown()
+{
+    if (isDaemonMode())
+        return 0;
+    RequestState& r = requestState;
+    if (r.buffering) {
+        vesk_output_end();
+        pageCacheConfig.outputHandlerLevel = -1;
+    }
+    if (r.ruleActive) {
+        r.waitingForSession = false;
+        vesk_restore_request_hooks();
+        r.storedHeaders.clear();
+        r.ruleActive = false;
+    }
+    r.cleanRequest = true;
+    return 0;
+}

@@ -1,0 +1,179 @@
+// The engine side of one request: response code, headers, output, and the
+// hooks that the page cache puts in for the length of a request.
+
+#include "php.h"
+#include "php_output.h"
+#include "SAPI.h"
+#include "zend_extensions.h"
+
+#include "vesk_host.h"
+
+namespace {
+
+VeskHeaderCallback headerCallback = nullptr;
+int (*savedHeaderHandler)(sapi_header_struct*, sapi_header_op_enum, sapi_headers_struct*) = nullptr;
+void (*savedFlush)(void*) = nullptr;
+zend_op_array* (*savedCompileFile)(zend_file_handle*, int) = nullptr;
+VeskOutputCallback outputCallback = nullptr;
+
+int headerHook(sapi_header_struct* header, sapi_header_op_enum op, sapi_headers_struct* headers)
+{
+    if (headerCallback && header && header->header)
+        headerCallback(header->header, header->header_len);
+    return savedHeaderHandler ? savedHeaderHandler(header, op, headers) : SAPI_HEADER_ADD;
+}
+
+void flushForwarder(void* context)
+{
+    if (savedFlush)
+        savedFlush(context);
+}
+
+zend_op_array* compileStub(zend_file_handle* handle, int)
+{
+    if (handle && handle->type == ZEND_HANDLE_FP && handle->handle.fp) {
+        fclose(handle->handle.fp);
+        handle->handle.fp = nullptr;
+    }
+    _zend_bailout(const_cast<char*>("src/ext/7.0/htmlcache_ext"), 767);
+}
+
+void outputHandler(char* output, size_t length, char** handled, size_t* handledLength, int)
+{
+    // Whatever happens, the output passes on as it came.
+    *handled = nullptr;
+    *handledLength = length;
+    if (outputCallback)
+        outputCallback(output, length);
+}
+
+} // namespace
+
+const char* vesk_request_method()
+{
+    return SG(request_info).request_method;
+}
+
+int vesk_response_code()
+{
+    return SG(sapi_headers).http_response_code;
+}
+
+void vesk_set_response_code(int code)
+{
+    if (SG(sapi_headers).http_status_line) {
+        efree(SG(sapi_headers).http_status_line);
+        SG(sapi_headers).http_status_line = nullptr;
+    }
+    SG(sapi_headers).http_response_code = code;
+}
+
+int vesk_exit_status()
+{
+    return EG(exit_status);
+}
+
+void vesk_set_modules_activated()
+{
+    PG(modules_activated) = 1;
+}
+
+bool vesk_reserved_word_set(int index)
+{
+    return index >= 0 && index < ZEND_MAX_RESERVED_RESOURCES && EG(reserved)[index] != nullptr;
+}
+
+int vesk_extension_resource_number(const char* name, const char* author)
+{
+    for (zend_llist_element* element = zend_extensions.head; element; element = element->next) {
+        const zend_extension* extension = reinterpret_cast<const zend_extension*>(element->data);
+        if (extension->name && extension->author && strcmp(extension->name, name) == 0
+            && strcmp(extension->author, author) == 0)
+            return extension->resource_number;
+    }
+    return 0;
+}
+
+void vesk_add_header(const char* line, size_t length)
+{
+    sapi_add_header_ex(line, length, true, true);
+}
+
+void vesk_output_write(const char* data, size_t length)
+{
+    php_output_write(data, length);
+}
+
+int vesk_output_get_level()
+{
+    return php_output_get_level();
+}
+
+void vesk_output_end()
+{
+    php_output_end();
+}
+
+bool vesk_output_handler_running()
+{
+    return OG(running) != nullptr;
+}
+
+void vesk_sapi_flush()
+{
+    sapi_flush();
+}
+
+void vesk_install_header_hook(VeskHeaderCallback callback)
+{
+    headerCallback = callback;
+    if (sapi_module.header_handler != headerHook) {
+        savedHeaderHandler = sapi_module.header_handler;
+        sapi_module.header_handler = headerHook;
+    }
+}
+
+void vesk_install_flush_forwarder()
+{
+    if (sapi_module.flush != flushForwarder) {
+        savedFlush = sapi_module.flush;
+        sapi_module.flush = flushForwarder;
+    }
+}
+
+void vesk_restore_request_hooks()
+{
+    if (sapi_module.header_handler == headerHook) {
+        sapi_module.header_handler = savedHeaderHandler;
+        savedHeaderHandler = nullptr;
+    }
+    if (sapi_module.flush == flushForwarder) {
+        sapi_module.flush = savedFlush;
+        savedFlush = nullptr;
+    }
+    if (savedCompileFile) {
+        zend_compile_file = savedCompileFile;
+        savedCompileFile = nullptr;
+    }
+}
+
+void vesk_arm_compile_stub()
+{
+    if (zend_compile_file != compileStub) {
+        savedCompileFile = zend_compile_file;
+        zend_compile_file = compileStub;
+    }
+}
+
+int vesk_start_output_capture(int flags, VeskOutputCallback callback)
+{
+    outputCallback = callback;
+    if (php_output_start_internal("HTML Cache", 10, outputHandler, 0, flags) != SUCCESS)
+        return -1;
+    return php_output_get_level();
+}
+
+void vesk_bailout(const char* file, int line)
+{
+    _zend_bailout(const_cast<char*>(file), uint32_t(line));
+}
