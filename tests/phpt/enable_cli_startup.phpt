@@ -29,3 +29,4 @@ TRACE XML validation OK
 DEBUG Adding case sensitive regex - http://<default-server>/(?:index\.php)? 
 INFO New rules list: 
 INFO         Home page 
+TRACE Uncacheable request method 
