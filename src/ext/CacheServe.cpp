@@ -61,7 +61,9 @@ int conditionalStatus()
     const RequestState& r = requestState;
     const quint32 lifetime = r.rule->d->lifetime;
     const quint32 lastModified = quint32(VHTMLCache::instance()->entryLastModified(r.namespaceKey, r.matchKey));
-    if (lastModified == lifetime) {
+    // The store answers 0 for a page it doesn't hold; that is no date to
+    // compare with either.
+    if (lastModified == lifetime || lastModified == 0) {
         VLOG(log, 3) << "Cache entry doesn't exist yet";
         return 200;
     }

@@ -130,6 +130,9 @@ int requestStartup()
     r.responseIsGzip = false;
     r.lastModifiedSent = false;
     r.inSessionStartup = false;
+    // A long-lived worker keeps the exit status of an earlier request that
+    // died; this request's own errors are what the capture must judge.
+    vesk_reset_exit_status();
     vesk_set_modules_activated();
 
     const char* method = vesk_request_method();
@@ -148,7 +151,9 @@ int requestStartup()
     r.requestUrl = currentRequestUrl(false);
     const QByteArray urlWithPort = currentRequestUrl(true);
     VHTMLCache* cache = VHTMLCache::instance();
-    r.rule = cache->getOrderedMatchingRuleForUrl(r.requestUrl);
+    // Without a host there is no URL, and no rule may cover it: a pattern
+    // rule for any host would otherwise fit the empty text.
+    r.rule = r.requestUrl.isEmpty() ? nullptr : cache->getOrderedMatchingRuleForUrl(r.requestUrl);
     if (!r.rule && urlWithPort != r.requestUrl)
         r.rule = cache->getOrderedMatchingRuleForUrl(urlWithPort);
     if (!r.rule) {

@@ -106,6 +106,7 @@ int vesk_response_code();
 // so that it composes a new one.
 void vesk_set_response_code(int code);
 int vesk_exit_status();
+void vesk_reset_exit_status();
 void vesk_set_modules_activated();
 // Whether the executor's reserved word of that slot holds something.
 bool vesk_reserved_word_set(int index);

@@ -73,6 +73,11 @@ int vesk_exit_status()
     return EG(exit_status);
 }
 
+void vesk_reset_exit_status()
+{
+    EG(exit_status) = 0;
+}
+
 void vesk_set_modules_activated()
 {
     PG(modules_activated) = 1;

@@ -1,0 +1,4 @@
+<?php
+require __DIR__ . '/_record.php';
+echo "before the error\n";
+undefined_function_here();

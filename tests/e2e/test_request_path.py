@@ -1,0 +1,165 @@
+"""Miss, then hit, under the built-in web server: what is stored, what is
+served, and what is refused."""
+import gzip
+import http.client
+import os
+import shutil
+import unittest
+
+import harness
+
+RULES = """<?xml version="1.0" encoding="UTF-8"?>
+<cache_settings>
+  <dont_cache/>
+  <cache>
+    <url schema="http" host="&amp;lt;default-server&amp;gt;" path=".*" lifetime="300" match_type="regex_match">
+      <name>All pages</name>
+      <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by>
+    </url>
+    <response_rule app_id="-1" response_codes="200">
+      <response_headers><header name="Set-Cookie" match_type="exists"/></response_headers>
+    </response_rule>
+  </cache>
+</cache_settings>
+"""
+
+
+class RequestPath(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.workspace = harness.Workspace()
+        shutil.copy(os.path.join(harness.SOURCE_ROOT, "conf", "pagecache_rules_schema.xsd"),
+                    cls.workspace.path("conf"))
+        with open(cls.workspace.path("conf", "pagecache_rules.xml"), "w") as f:
+            f.write(RULES)
+        cls.site = cls.workspace.path("site")
+        shutil.copytree(os.path.join(os.path.dirname(os.path.abspath(__file__)), "site"), cls.site)
+        cls.server = harness.BuiltinServer(
+            cls.workspace, cls.site,
+            cls.workspace.directives(vesk_pagecache__log_verbosity_level="5", vesk_pagecache__enable_qa_info="1"))
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.server.stop()
+        cls.workspace.remove()
+
+    def assertLogged(self, text):
+        self.assertTrue(text in self.workspace.log(), "not in the log: " + text)
+
+    def runs(self, page):
+        try:
+            with open(os.path.join(self.site, "runs.log")) as f:
+                return f.read().split().count(page)
+        except FileNotFoundError:
+            return 0
+
+    def request(self, method, path, headers=None, http10=False):
+        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=10)
+        if http10:
+            connection._http_vsn, connection._http_vsn_str = 10, "HTTP/1.0"
+            connection.putrequest(method, path, skip_host=True)
+            for name, value in (headers or {}).items():
+                connection.putheader(name, value)
+            connection.endheaders()
+        else:
+            connection.request(method, path, headers=headers or {})
+        response = connection.getresponse()
+        body = response.read()
+        connection.close()
+        return response.status, {k.lower(): v for k, v in response.getheaders()}, body
+
+    def test_miss_then_hit_serves_the_same_page_without_running_it(self):
+        before = self.runs("page.php")
+        status, headers, body = self.request("GET", "/page.php?id=1")
+        self.assertEqual(200, status)
+        self.assertEqual(before + 1, self.runs("page.php"))
+        self.assertIn("last-modified", headers)
+        for _ in range(3):
+            status2, headers2, body2 = self.request("GET", "/page.php?id=1")
+            self.assertEqual((200, body), (status2, body2))
+            self.assertEqual(headers["last-modified"], headers2["last-modified"])
+            self.assertEqual("0", headers2["x-pagecache-compression"])
+        self.assertEqual(before + 1, self.runs("page.php"))
+        # HEAD takes the same path: a hit.
+        status, _, _ = self.request("HEAD", "/page.php?id=1")
+        self.assertEqual(200, status)
+        self.assertEqual(before + 1, self.runs("page.php"))
+        # Slashes folded in the rule URL, the split key still tells URIs apart.
+        self.request("GET", "//page.php?id=2")
+        self.request("GET", "//page.php?id=2")
+        self.assertEqual(before + 2, self.runs("page.php"))
+        self.assertLogged("Cache entry found for url: http://127.0.0.1:%d/page.php " % self.server.port)
+
+    def test_other_methods_and_requests_without_host_run_uncached(self):
+        before = self.runs("page.php")
+        self.request("POST", "/page.php?post=1", headers={"Content-Length": "0"})
+        self.request("POST", "/page.php?post=1", headers={"Content-Length": "0"})
+        self.assertEqual(before + 2, self.runs("page.php"))
+        self.assertLogged("Uncacheable request method -  POST /page.php?post=1")
+        self.request("GET", "/page.php?nohost=1", http10=True)
+        self.request("GET", "/page.php?nohost=1", http10=True)
+        self.assertEqual(before + 4, self.runs("page.php"))
+
+    def test_conditional_requests(self):
+        _, headers, body = self.request("GET", "/page.php?cond=1")
+        created = headers["last-modified"]
+        status, _, empty = self.request("GET", "/page.php?cond=1", {"If-Modified-Since": created})
+        self.assertEqual((304, b""), (status, empty))
+        status, _, _ = self.request("GET", "/page.php?cond=1", {"If-Unmodified-Since": created})
+        self.assertEqual(412, status)
+        # Both: only If-Unmodified-Since counts.
+        status, _, _ = self.request("GET", "/page.php?cond=1",
+                                    {"If-Unmodified-Since": created, "If-Modified-Since": created})
+        self.assertEqual(412, status)
+        later = "Sun, 01 Jan 2090 00:00:00 GMT"
+        status, _, again = self.request("GET", "/page.php?cond=1", {"If-Unmodified-Since": later})
+        self.assertEqual((200, body), (status, again))
+        # A page not stored yet: a miss.
+        status, _, _ = self.request("GET", "/page.php?cond=2", {"If-Modified-Since": created})
+        self.assertEqual(200, status)
+        self.assertLogged("Cache entry doesn't exist yet")
+
+    def test_gzip_copy_for_clients_that_accept_it(self):
+        _, _, clear = self.request("GET", "/page.php?size=1025")
+        status, headers, packed = self.request("GET", "/page.php?size=1025", {"Accept-Encoding": "gzip"})
+        self.assertEqual(200, status)
+        self.assertEqual("gzip", headers["content-encoding"])
+        self.assertEqual("1", headers["x-pagecache-compression"])
+        self.assertEqual(clear, gzip.decompress(packed))
+        _, headers, small = self.request("GET", "/page.php?size=1024")
+        _, headers, small_again = self.request("GET", "/page.php?size=1024", {"Accept-Encoding": "gzip"})
+        self.assertNotIn("content-encoding", headers)
+        self.assertEqual(small, small_again)
+
+    def test_application_gzip_is_stored_as_it_came(self):
+        _, _, packed = self.request("GET", "/gzip.php", {"Accept-Encoding": "gzip"})
+        status, headers, clear = self.request("GET", "/gzip.php")
+        self.assertEqual(1, self.runs("gzip.php"))
+        self.assertNotIn("content-encoding", headers)
+        self.assertEqual(gzip.decompress(packed), clear)
+        self.request("GET", "/deflate.php")
+        self.request("GET", "/deflate.php")
+        self.assertEqual(2, self.runs("deflate.php"))
+        self.assertLogged("Unsupported compression format of response. Output will not be cached.")
+
+    def test_refused_pages_reach_the_client_as_the_script_made_them(self):
+        for page in ("fatal.php", "empty.php", "cookie.php", "status.php"):
+            first = self.request("GET", "/" + page)
+            second = self.request("GET", "/" + page)
+            self.assertEqual(2, self.runs(page), page)
+            self.assertEqual(first[0], second[0])
+        self.assertIn(b"before the error", self.request("GET", "/fatal.php")[2])
+        self.assertEqual("visitor", self.request("GET", "/cookie.php")[1]["set-cookie"].split("=")[0])
+        self.assertEqual(404, self.request("GET", "/status.php")[0])
+        self.assertLogged("A PHP error has occurred during the request. Output will not be cached.")
+        self.assertLogged("Empty output to store. Output will not be cached.")
+        self.assertLogged("Cache REJECTED by app response headers rules")
+        self.assertLogged("Rejected for cache - by response code rule")
+        # A fatal error in one request costs the next one nothing.
+        self.request("GET", "/page.php?after=fatal")
+        self.request("GET", "/page.php?after=fatal")
+        self.assertLogged("Stored entry")
+
+
+if __name__ == "__main__":
+    unittest.main()
