@@ -9,6 +9,8 @@
 #include "VHTMLCache.h"
 #include "VMD5.h"
 
+#include <cstdlib>
+
 bool isGzipAccepted()
 {
     if (!vesk_sapi_has_getenv())
@@ -102,9 +104,14 @@ void empty(int previousCode)
 
 } // namespace
 
-void decideFromCache(const char* preSessionData, const QString& ruleName, qint64 ruleId)
+namespace {
+
+// Serves the stored page or starts the capture. True when the request is
+// answered (a page, a 304 or a 412) and the script must not run on. Every
+// value it made is gone when it returns, so the caller may unwind the
+// script without leaking them.
+bool serveOrCapture(const QString& ruleName)
 {
-    Q_UNUSED(ruleId);
     RequestState& r = requestState;
     const VDebug::StreamId log = moduleState.logStream;
     VHTMLCache* cache = VHTMLCache::instance();
@@ -137,7 +144,7 @@ void decideFromCache(const char* preSessionData, const QString& ruleName, qint64
     r.compressionAllowed = r.compressionAllowed && pageCacheConfig.compression_enable && r.rule->d->compress;
     if (!usable || !cache->entryExists(r.namespaceKey, r.matchKey, false)) {
         miss(ruleName);
-        return;
+        return false;
     }
     VLOG(log, 3) << "Cache entry found for url:" << r.requestUrl << ", rule name:" << ruleName
                  << ", specific match key:" << r.matchKey;
@@ -157,18 +164,18 @@ void decideFromCache(const char* preSessionData, const QString& ruleName, qint64
             cache->readEntry(r.namespaceKey, r.matchKey, entry);
             if (entry.formatTag() == 0) {
                 empty(previousCode);
-                return;
+                return false;
             }
             VLOG(log, 5) << "using cached output for :" << r.requestUrl;
         }
         if (!cache->isStatusCacheable(entry.status(), r.appId)) {
             VLOG(log, 3) << "Will not use cached output because of response code rule";
             cache->removeEntry(r.namespaceKey, r.matchKey);
-            return;
+            return false;
         }
         QLinkedList<QByteArray> headers = entry.headers();
         if (!cache->areHeadersCacheable(headers, r.appId))
-            return;
+            return false;
         r.buffering = false;
         if (pageCacheConfig.enable_qa_info)
             headers.append("X-PageCache-Compression: " + QByteArray::number(compressedHit));
@@ -178,12 +185,22 @@ void decideFromCache(const char* preSessionData, const QString& ruleName, qint64
         VLOG(log, 5) << "Writing php body from cache. Data size is" << body.size();
         vesk_output_write(body.constData(), size_t(body.size()));
     }
+    return true;
+}
 
-    if (r.waitingForSession) {
-        VLOG(log, 5) << "Calling vesk_bailout";
-        Q_UNUSED(preSessionData);
+} // namespace
+
+void decideFromCache(const char* preSessionData, const QString& ruleName, qint64 ruleId)
+{
+    Q_UNUSED(ruleId);
+    if (!serveOrCapture(ruleName))
+        return;
+    if (requestState.waitingForSession) {
+        // The script is running already: it ends here.
+        VLOG(moduleState.logStream, 5) << "Calling vesk_bailout";
+        free(const_cast<char*>(preSessionData));
         vesk_bailout("src/ext/7.0/htmlcache_ext", 1375);
     }
-    r.buffering = false;
+    requestState.buffering = false;
     vesk_arm_compile_stub();
 }

@@ -19,6 +19,7 @@ struct ModuleState
     // C-heap blocks, released at shutdown.
     char* resolvedRulesFile = nullptr;
     char* resolvedSavePath = nullptr;
+    bool sessionHooksInstalled = false;
 };
 
 extern ModuleState moduleState;

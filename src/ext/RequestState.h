@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QLinkedList>
+#include <QString>
 
 class CacheRule;
 
@@ -18,6 +19,8 @@ struct RequestState
     // Owned by the cache object; valid for the length of the request.
     CacheRule* rule = nullptr;
     QByteArray ruleUrl;
+    // The rule's name as the decision after a session start reports it.
+    QString ruleName;
     QByteArray namespaceKey;
     QByteArray matchKey;
     // Header lines of a captured response that go into the stored page.

@@ -5,6 +5,7 @@
 #include "HostProbes.h"
 #include "ModuleState.h"
 #include "PageCacheConfig.h"
+#include "SessionHooks.h"
 #include "host/vesk_host.h"
 
 #include "PageCacheLogStream.h"
@@ -156,7 +157,11 @@ int moduleStartup()
         refuse(QString::fromLatin1(e.what()), 0);
         return 0;
     }
-    pageCacheConfig.outputHandlerLevel = -1;
+    if (installSessionHooks()) {
+        pageCacheConfig.outputHandlerLevel = -1;
+        return 0;
+    }
+    refuse(QStringLiteral("Failed to set session handlers"), 0);
     return 0;
 }
 
@@ -165,6 +170,8 @@ int moduleShutdown()
     VHTMLCache::instance()->shutdown();
     VHTMLCache::destroyInstance();
     vesk_unregister_ini_entries();
+    vesk_restore_request_hooks();
+    restoreSessionHooks();
     free(moduleState.resolvedRulesFile);
     moduleState.resolvedRulesFile = nullptr;
     free(moduleState.resolvedSavePath);

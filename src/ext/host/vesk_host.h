@@ -138,3 +138,29 @@ typedef void (*VeskOutputCallback)(const char* output, size_t length);
 int vesk_start_output_capture(int flags, VeskOutputCallback callback);
 // Unwinds the running script to the end of the request.
 [[noreturn]] void vesk_bailout(const char* file, int line);
+
+// The session module. A rule that reads $_SESSION waits for the script to
+// start its session; these let the page cache see that moment.
+struct VeskSessionCallbacks
+{
+    // Around the session module's own request start.
+    void (*requestStartupBegins)();
+    void (*requestStartupEnds)();
+    // Around a call of a wrapped session function. `before` is the session
+    // status when the call began.
+    void (*functionBegins)(const char* name);
+    void (*functionEnds)(const char* name, int before);
+    // A wrapped function whose own handler was lost.
+    void (*handlerMissing)(const char* name);
+};
+bool vesk_find_session_module();
+bool vesk_find_session_globals();
+// Puts a wrapper around the named PHP function; false when there is none.
+bool vesk_wrap_session_function(const char* name);
+void vesk_wrap_session_request_startup(const VeskSessionCallbacks* callbacks);
+void vesk_restore_session_module();
+// 2 while a session is active.
+int vesk_session_status();
+// Ends the top output level, answering a copy of what it held (malloc()ed,
+// or null when it held nothing) and its length.
+char* vesk_output_take_buffer(size_t* length);

@@ -1,0 +1,6 @@
+<?php
+require __DIR__ . '/_record.php';
+step('start');
+session_start();
+step('after session_start');
+echo "member page " . microtime(true) . "\n";
