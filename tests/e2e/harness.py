@@ -113,3 +113,169 @@ class BuiltinServer:
                 os.killpg(self.process.pid, signal.SIGKILL)
                 self.process.wait(timeout=10)
         self.output.close()
+
+
+def _wait_for_port(port, process, seconds, what):
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        if process.poll() is not None:
+            raise RuntimeError("%s exited with %s" % (what, process.returncode))
+        try:
+            with socket.create_connection(("127.0.0.1", port), timeout=0.5):
+                return
+        except OSError:
+            time.sleep(0.05)
+    raise RuntimeError("%s did not listen within %s s" % (what, seconds))
+
+
+def _stop(process, output):
+    if process.poll() is None:
+        os.killpg(process.pid, signal.SIGTERM)
+        try:
+            process.wait(timeout=10)
+        except subprocess.TimeoutExpired:
+            os.killpg(process.pid, signal.SIGKILL)
+            process.wait(timeout=10)
+    output.close()
+
+
+def make_shared(workspace, *names):
+    """Lets unprivileged workers (nobody) reach the workspace and write where they must."""
+    os.chmod(workspace.root, 0o755)
+    for name in names:
+        path = workspace.path(name)
+        for directory, _, _ in os.walk(path):
+            os.chmod(directory, 0o777)
+
+
+class FpmBehindNginx:
+    """php-fpm with two static workers behind nginx, both from Debian's packages."""
+
+    FPM = shutil.which("php-fpm8.2") or "/usr/sbin/php-fpm8.2"
+    NGINX = shutil.which("nginx") or "/usr/sbin/nginx"
+
+    @classmethod
+    def available(cls):
+        return os.access(cls.FPM, os.X_OK) and os.access(cls.NGINX, os.X_OK)
+
+    def __init__(self, workspace, docroot, directives):
+        self.port = free_port()
+        socket_path = workspace.path("fpm.sock")
+        with open(workspace.path("fpm.conf"), "w") as f:
+            f.write("[global]\npid = %s\nerror_log = %s\ndaemonize = no\n\n[www]\n"
+                    "listen = %s\nlisten.mode = 0666\npm = static\npm.max_children = 2\n"
+                    "clear_env = no\ncatch_workers_output = yes\n"
+                    % (workspace.path("fpm.pid"), workspace.path("fpm.log"), socket_path))
+            if os.geteuid() == 0:
+                f.write("user = root\ngroup = root\n")
+        command = [self.FPM, "-n", "-y", workspace.path("fpm.conf"), "-d", "zend_extension=" + EXTENSION]
+        for name, value in directives.items():
+            command += ["-d", "%s=%s" % (name, value)]
+        if os.geteuid() == 0:
+            command.append("-R")
+        self.fpm_output = open(workspace.path("fpm.out"), "wb")
+        self.fpm = subprocess.Popen(command, stdout=self.fpm_output, stderr=subprocess.STDOUT,
+                                    stdin=subprocess.DEVNULL, start_new_session=True)
+        deadline = time.monotonic() + 15
+        while not os.path.exists(socket_path):
+            if self.fpm.poll() is not None or time.monotonic() > deadline:
+                self.stop()
+                raise RuntimeError("php-fpm did not start: see %s" % workspace.path("fpm.out"))
+            time.sleep(0.05)
+        temp = workspace.path("nginx")
+        os.makedirs(temp, exist_ok=True)
+        with open(workspace.path("nginx.conf"), "w") as f:
+            f.write("""daemon off;
+worker_processes 1;
+pid %(ws)s/nginx.pid;
+error_log %(ws)s/nginx-error.log;
+events { worker_connections 64; }
+http {
+  access_log off;
+  client_body_temp_path %(tmp)s/body;
+  fastcgi_temp_path %(tmp)s/fastcgi;
+  proxy_temp_path %(tmp)s/proxy;
+  uwsgi_temp_path %(tmp)s/uwsgi;
+  scgi_temp_path %(tmp)s/scgi;
+  server {
+    listen 127.0.0.1:%(port)d;
+    root %(root)s;
+    index index.php;
+    location ~ \\.php$ {
+      include /etc/nginx/fastcgi_params;
+      fastcgi_param SCRIPT_FILENAME $document_root$fastcgi_script_name;
+      fastcgi_param SERVER_PORT %(port)d;
+      fastcgi_pass unix:%(sock)s;
+    }
+  }
+}
+""" % {"ws": workspace.root, "tmp": temp, "port": self.port, "root": docroot, "sock": socket_path})
+        self.nginx_output = open(workspace.path("nginx.out"), "wb")
+        self.nginx = subprocess.Popen([self.NGINX, "-c", workspace.path("nginx.conf"), "-p", workspace.root],
+                                      stdout=self.nginx_output, stderr=subprocess.STDOUT,
+                                      stdin=subprocess.DEVNULL, start_new_session=True)
+        try:
+            _wait_for_port(self.port, self.nginx, 15, "nginx")
+        except RuntimeError:
+            self.stop()
+            raise
+
+    def stop(self):
+        if hasattr(self, "nginx"):
+            _stop(self.nginx, self.nginx_output)
+        _stop(self.fpm, self.fpm_output)
+
+
+class ApacheWithPhp:
+    """Apache (prefork) with its PHP module, from Debian's packages."""
+
+    APACHE = shutil.which("apache2") or "/usr/sbin/apache2"
+    MODULES = "/usr/lib/apache2/modules"
+
+    @classmethod
+    def available(cls):
+        return os.access(cls.APACHE, os.X_OK) and os.path.exists(os.path.join(cls.MODULES, "libphp8.2.so"))
+
+    def __init__(self, workspace, docroot, directives):
+        self.port = free_port()
+        ini_dir = workspace.path("apache-php")
+        os.makedirs(ini_dir, exist_ok=True)
+        with open(os.path.join(ini_dir, "php.ini"), "w") as f:
+            f.write("zend_extension=%s\n" % EXTENSION)
+            for name, value in directives.items():
+                f.write('%s="%s"\n' % (name, value))
+        modules = ["mpm_prefork", "authz_core", "dir"]
+        lines = ["LoadModule %s_module %s/mod_%s.so" % (m, self.MODULES, m) for m in modules]
+        lines.append("LoadModule php_module %s/libphp8.2.so" % self.MODULES)
+        lines += [
+            "ServerName 127.0.0.1",
+            "Listen 127.0.0.1:%d" % self.port,
+            "PidFile %s" % workspace.path("apache.pid"),
+            "ErrorLog %s" % workspace.path("apache-error.log"),
+            "Mutex file:%s default" % workspace.root,
+            "DefaultRuntimeDir %s" % workspace.root,
+            "StartServers 2", "MinSpareServers 2", "MaxSpareServers 3", "MaxRequestWorkers 4",
+            "DocumentRoot %s" % docroot,
+            "DirectoryIndex index.php",
+            "PHPIniDir %s" % ini_dir,
+            "<Directory %s>\n  Require all granted\n</Directory>" % docroot,
+            '<FilesMatch "\\.php$">\n  SetHandler application/x-httpd-php\n</FilesMatch>',
+        ]
+        if os.geteuid() == 0:
+            lines += ["User nobody", "Group nogroup"]
+        with open(workspace.path("apache.conf"), "w") as f:
+            f.write("\n".join(lines) + "\n")
+        self.output = open(workspace.path("apache.out"), "wb")
+        env = dict(os.environ)
+        env["PHP_INI_SCAN_DIR"] = ""
+        self.process = subprocess.Popen([self.APACHE, "-f", workspace.path("apache.conf"), "-DFOREGROUND"],
+                                        stdout=self.output, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL,
+                                        env=env, start_new_session=True)
+        try:
+            _wait_for_port(self.port, self.process, 15, "apache2")
+        except RuntimeError:
+            self.stop()
+            raise
+
+    def stop(self):
+        _stop(self.process, self.output)

@@ -1,5 +1,5 @@
 <?php
-require __DIR__ . '/_record.php';
+require __DIR__ . '/_steps.php';
 step('start');
 session_start();
 step('after session_start');

@@ -1,0 +1,109 @@
+"""The core of the page cache under the servers sites run in production:
+nginx with php-fpm (two workers) and Apache with its PHP module."""
+import gzip
+import http.client
+import os
+import shutil
+import unittest
+
+import harness
+
+RULES = """<?xml version="1.0" encoding="UTF-8"?>
+<cache_settings>
+  <dont_cache/>
+  <cache>
+    <url schema="http" host="&amp;lt;default-server&amp;gt;" path="(anonymous|pre)\\.php" lifetime="300" match_type="regex_match" priority="2">
+      <name>Anonymous visitors</name>
+      <conditions_OR_block><conditions_AND_block>
+        <condition global="_SESSION[user]" type="not_exists"/>
+      </conditions_AND_block></conditions_OR_block>
+      <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by>
+    </url>
+    <url schema="http" host="&amp;lt;default-server&amp;gt;" path="page\\.php.*" lifetime="300" match_type="regex_match" priority="1">
+      <name>Pages</name>
+      <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by>
+    </url>
+  </cache>
+</cache_settings>
+"""
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+
+
+class CoreScenarios:
+    server_class = None
+
+    def setUp(self):
+        if not self.server_class.available():
+            self.fail("%s is not installed: scripts/bootstrap installs it" % self.server_class.__name__)
+        self.workspace = harness.Workspace()
+        self.addCleanup(self.workspace.remove)
+        shutil.copy(os.path.join(harness.SOURCE_ROOT, "conf", "pagecache_rules_schema.xsd"),
+                    self.workspace.path("conf"))
+        with open(self.workspace.path("conf", "pagecache_rules.xml"), "w") as f:
+            f.write(RULES)
+        self.site = self.workspace.path("site")
+        shutil.copytree(os.path.join(HERE, "site"), self.site)
+        for name in os.listdir(os.path.join(HERE, "session_site")):
+            shutil.copy(os.path.join(HERE, "session_site", name), self.site)
+        os.makedirs(self.workspace.path("sessions"))
+        harness.make_shared(self.workspace, "log", "tmp", "site", "sessions")
+        directives = self.workspace.directives(vesk_pagecache__log_verbosity_level="3")
+        if os.geteuid() == 0 and self.server_class is harness.ApacheWithPhp:
+            directives["vesk.httpd_uid"] = directives["vesk.httpd_gid"] = "65534"
+        directives["session.save_path"] = self.workspace.path("sessions")
+        directives["output_buffering"] = "4096"
+        self.server = self.server_class(self.workspace, self.site, directives)
+        self.addCleanup(self.server.stop)
+
+    def get(self, path, headers=None):
+        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=10)
+        connection.request("GET", path, headers=headers or {})
+        response = connection.getresponse()
+        result = response.status, {k.lower(): v for k, v in response.getheaders()}, response.read()
+        connection.close()
+        return result
+
+    def count(self, filename, text):
+        try:
+            with open(os.path.join(self.site, filename)) as f:
+                return f.read().splitlines().count(text)
+        except FileNotFoundError:
+            return 0
+
+    def test_miss_hit_304_and_gzip(self):
+        status, headers, body = self.get("/page.php?size=2000")
+        self.assertEqual(200, status, self.workspace.log()[-2000:])
+        # Both workers (or children) serve the stored page without running it.
+        for _ in range(6):
+            again = self.get("/page.php?size=2000")
+            self.assertEqual((200, body), (again[0], again[2]))
+        self.assertEqual(1, self.count("runs.log", "page.php"))
+        status, _, empty = self.get("/page.php?size=2000", {"If-Modified-Since": headers["last-modified"]})
+        self.assertEqual((304, b""), (status, empty))
+        status, headers, packed = self.get("/page.php?size=2000", {"Accept-Encoding": "gzip"})
+        self.assertEqual("gzip", headers.get("content-encoding"))
+        self.assertEqual(body, gzip.decompress(packed))
+        self.assertEqual(1, self.count("runs.log", "page.php"))
+
+    def test_session_dependent_page(self):
+        status, first_headers, first = self.get("/anonymous.php")
+        self.assertEqual(200, status, self.workspace.log()[-2000:])
+        for _ in range(4):
+            status, headers, again = self.get("/anonymous.php")
+            self.assertEqual((200, first), (status, again))
+            self.assertNotEqual(first_headers.get("set-cookie"), headers.get("set-cookie"))
+        self.assertEqual(1, self.count("steps.log", "anonymous.php after session_start"))
+        self.assertEqual(5, self.count("steps.log", "anonymous.php start"))
+
+
+class NginxWithFpm(CoreScenarios, unittest.TestCase):
+    server_class = harness.FpmBehindNginx
+
+
+class Apache(CoreScenarios, unittest.TestCase):
+    server_class = harness.ApacheWithPhp
+
+
+if __name__ == "__main__":
+    unittest.main()
