@@ -70,8 +70,8 @@ def php_command(directives):
 class BuiltinServer:
     """`php -S` with the extension loaded, serving a document root."""
 
-    def __init__(self, workspace, docroot, directives, workers=0):
-        self.port = free_port()
+    def __init__(self, workspace, docroot, directives, workers=0, port=None):
+        self.port = port or free_port()
         env = dict(os.environ)
         if workers:
             env["PHP_CLI_SERVER_WORKERS"] = str(workers)

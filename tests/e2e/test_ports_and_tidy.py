@@ -1,0 +1,67 @@
+"""Rules with and without a port, and pages that a tidy pass would rewrite."""
+import http.client
+import os
+import shutil
+import unittest
+
+import harness
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+
+
+class PortsAndTidy(unittest.TestCase):
+    def start(self, **directives):
+        self.workspace = harness.Workspace()
+        self.addCleanup(self.workspace.remove)
+        shutil.copy(os.path.join(harness.SOURCE_ROOT, "conf", "pagecache_rules_schema.xsd"),
+                    self.workspace.path("conf"))
+        port = harness.free_port()
+        with open(self.workspace.path("conf", "pagecache_rules.xml"), "w") as f:
+            f.write("""<?xml version="1.0" encoding="UTF-8"?>
+<cache_settings><dont_cache/><cache>
+  <url schema="http" host="127.0.0.1" path="a.php"><name>no port</name></url>
+  <url schema="http" host="127.0.0.1:%d" path="b.php"><name>this port</name></url>
+  <url schema="http" host="127.0.0.1:1" path="c.php"><name>other port</name></url>
+</cache></cache_settings>
+""" % port)
+        self.site = self.workspace.path("site")
+        shutil.copytree(os.path.join(HERE, "site"), self.site)
+        for name in ("a.php", "b.php", "c.php"):
+            shutil.copy(os.path.join(self.site, "page.php"), os.path.join(self.site, name))
+        all_directives = self.workspace.directives(vesk_pagecache__log_verbosity_level="5")
+        all_directives.update(directives)
+        self.server = harness.BuiltinServer(self.workspace, self.site, all_directives, port=port)
+        self.addCleanup(self.server.stop)
+
+    def get(self, path, headers=None):
+        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=10)
+        connection.request("GET", path, headers=headers or {})
+        response = connection.getresponse()
+        result = response.status, {k.lower(): v for k, v in response.getheaders()}, response.read()
+        connection.close()
+        return result
+
+    def runs(self):
+        with open(os.path.join(self.site, "runs.log")) as f:
+            return len(f.read().splitlines())
+
+    def test_rule_hosts_with_and_without_port(self):
+        self.start()
+        for path in ("/a.php", "/a.php", "/b.php", "/b.php", "/c.php", "/c.php"):
+            self.assertEqual(200, self.get(path)[0])
+        # a.php and b.php ran once each; c.php's rule names another port.
+        self.assertEqual(4, self.runs())
+        self.assertIn("Exact match rule found for: http://127.0.0.1:%d/a.php " % self.server.port,
+                      self.workspace.log())
+
+    def test_no_gzip_copy_when_tidy_cleans_output(self):
+        self.start(**{"tidy.clean_output": "On"})
+        _, _, clear = self.get("/a.php?size=5000")
+        _, headers, again = self.get("/a.php?size=5000", {"Accept-Encoding": "gzip"})
+        self.assertNotIn("content-encoding", headers)
+        self.assertEqual(clear, again)
+        self.assertEqual(1, self.runs())
+
+
+if __name__ == "__main__":
+    unittest.main()
