@@ -1,5 +1,7 @@
 """Miss, then hit, under the built-in web server: what is stored, what is
 served, and what is refused."""
+import datetime
+import email.utils
 import gzip
 import http.client
 import os
@@ -111,7 +113,8 @@ class RequestPath(unittest.TestCase):
         status, _, _ = self.request("GET", "/page.php?cond=1",
                                     {"If-Unmodified-Since": created, "If-Modified-Since": created})
         self.assertEqual(412, status)
-        later = "Sun, 01 Jan 2090 00:00:00 GMT"
+        created_time = email.utils.parsedate_to_datetime(created)
+        later = email.utils.format_datetime(created_time + datetime.timedelta(seconds=1), usegmt=True)
         status, _, again = self.request("GET", "/page.php?cond=1", {"If-Unmodified-Since": later})
         self.assertEqual((200, body), (status, again))
         # A page not stored yet: a miss.
