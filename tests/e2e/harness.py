@@ -4,6 +4,7 @@ Every server gets a private directory with the conf, log and temp
 directories the extension is pointed at, is waited for within a bound,
 and is stopped by its pid when the test ends.
 """
+import http.client
 import os
 import shutil
 import signal
@@ -35,6 +36,12 @@ class Workspace:
         for name in ("pagecache_rules.xml",):
             shutil.copy(os.path.join(SOURCE_ROOT, "conf", name), os.path.join(self.root, "conf"))
 
+    def use_rules(self, text):
+        """Puts `text` in place as the rules file, with the schema beside it."""
+        shutil.copy(os.path.join(SOURCE_ROOT, "conf", "pagecache_rules_schema.xsd"), self.path("conf"))
+        with open(self.path("conf", "pagecache_rules.xml"), "w") as f:
+            f.write(text)
+
     def path(self, *parts):
         return os.path.join(self.root, *parts)
 
@@ -58,6 +65,16 @@ class Workspace:
 
     def remove(self):
         shutil.rmtree(self.root, ignore_errors=True)
+
+
+def http_get(port, path, headers=None, method="GET"):
+    """One request to 127.0.0.1: status, headers (lower-case names), body."""
+    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=10)
+    connection.request(method, path, headers=headers or {})
+    response = connection.getresponse()
+    result = response.status, {k.lower(): v for k, v in response.getheaders()}, response.read()
+    connection.close()
+    return result
 
 
 def php_command(directives):

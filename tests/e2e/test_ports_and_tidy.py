@@ -1,5 +1,4 @@
 """Rules with and without a port, and pages that a tidy pass would rewrite."""
-import http.client
 import os
 import shutil
 import unittest
@@ -13,11 +12,8 @@ class PortsAndTidy(unittest.TestCase):
     def start(self, **directives):
         self.workspace = harness.Workspace()
         self.addCleanup(self.workspace.remove)
-        shutil.copy(os.path.join(harness.SOURCE_ROOT, "conf", "pagecache_rules_schema.xsd"),
-                    self.workspace.path("conf"))
         port = harness.free_port()
-        with open(self.workspace.path("conf", "pagecache_rules.xml"), "w") as f:
-            f.write("""<?xml version="1.0" encoding="UTF-8"?>
+        self.workspace.use_rules("""<?xml version="1.0" encoding="UTF-8"?>
 <cache_settings><dont_cache/><cache>
   <url schema="http" host="127.0.0.1" path="a.php"><name>no port</name></url>
   <url schema="http" host="127.0.0.1:%d" path="b.php"><name>this port</name></url>
@@ -34,12 +30,7 @@ class PortsAndTidy(unittest.TestCase):
         self.addCleanup(self.server.stop)
 
     def get(self, path, headers=None):
-        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=10)
-        connection.request("GET", path, headers=headers or {})
-        response = connection.getresponse()
-        result = response.status, {k.lower(): v for k, v in response.getheaders()}, response.read()
-        connection.close()
-        return result
+        return harness.http_get(self.server.port, path, headers)
 
     def runs(self):
         with open(os.path.join(self.site, "runs.log")) as f:

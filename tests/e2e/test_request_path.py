@@ -30,10 +30,7 @@ class RequestPath(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.workspace = harness.Workspace()
-        shutil.copy(os.path.join(harness.SOURCE_ROOT, "conf", "pagecache_rules_schema.xsd"),
-                    cls.workspace.path("conf"))
-        with open(cls.workspace.path("conf", "pagecache_rules.xml"), "w") as f:
-            f.write(RULES)
+        cls.workspace.use_rules(RULES)
         cls.site = cls.workspace.path("site")
         shutil.copytree(os.path.join(os.path.dirname(os.path.abspath(__file__)), "site"), cls.site)
         cls.server = harness.BuiltinServer(
@@ -56,15 +53,15 @@ class RequestPath(unittest.TestCase):
             return 0
 
     def request(self, method, path, headers=None, http10=False):
+        if not http10:
+            return harness.http_get(self.server.port, path, headers, method)
+        # HTTP/1.0 without a Host header.
         connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=10)
-        if http10:
-            connection._http_vsn, connection._http_vsn_str = 10, "HTTP/1.0"
-            connection.putrequest(method, path, skip_host=True)
-            for name, value in (headers or {}).items():
-                connection.putheader(name, value)
-            connection.endheaders()
-        else:
-            connection.request(method, path, headers=headers or {})
+        connection._http_vsn, connection._http_vsn_str = 10, "HTTP/1.0"
+        connection.putrequest(method, path, skip_host=True)
+        for name, value in (headers or {}).items():
+            connection.putheader(name, value)
+        connection.endheaders()
         response = connection.getresponse()
         body = response.read()
         connection.close()

@@ -1,7 +1,6 @@
 """The core of the page cache under the servers sites run in production:
 nginx with php-fpm (two workers) and Apache with its PHP module."""
 import gzip
-import http.client
 import os
 import shutil
 import unittest
@@ -38,10 +37,7 @@ class CoreScenarios:
             self.fail("%s is not installed: scripts/bootstrap installs it" % self.server_class.__name__)
         self.workspace = harness.Workspace()
         self.addCleanup(self.workspace.remove)
-        shutil.copy(os.path.join(harness.SOURCE_ROOT, "conf", "pagecache_rules_schema.xsd"),
-                    self.workspace.path("conf"))
-        with open(self.workspace.path("conf", "pagecache_rules.xml"), "w") as f:
-            f.write(RULES)
+        self.workspace.use_rules(RULES)
         self.site = self.workspace.path("site")
         shutil.copytree(os.path.join(HERE, "site"), self.site)
         for name in os.listdir(os.path.join(HERE, "session_site")):
@@ -57,12 +53,7 @@ class CoreScenarios:
         self.addCleanup(self.server.stop)
 
     def get(self, path, headers=None):
-        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=10)
-        connection.request("GET", path, headers=headers or {})
-        response = connection.getresponse()
-        result = response.status, {k.lower(): v for k, v in response.getheaders()}, response.read()
-        connection.close()
-        return result
+        return harness.http_get(self.server.port, path, headers)
 
     def count(self, filename, text):
         try:

@@ -1,5 +1,4 @@
 """Rules that read $_SESSION decide when the script starts its session."""
-import http.client
 import os
 import shutil
 import unittest
@@ -32,10 +31,7 @@ class Sessions(unittest.TestCase):
     def setUp(self):
         self.workspace = harness.Workspace()
         self.addCleanup(self.workspace.remove)
-        shutil.copy(os.path.join(harness.SOURCE_ROOT, "conf", "pagecache_rules_schema.xsd"),
-                    self.workspace.path("conf"))
-        with open(self.workspace.path("conf", "pagecache_rules.xml"), "w") as f:
-            f.write(RULES)
+        self.workspace.use_rules(RULES)
         os.makedirs(self.workspace.path("sessions"))
         self.site = self.workspace.path("site")
         shutil.copytree(os.path.join(os.path.dirname(os.path.abspath(__file__)), "session_site"), self.site)
@@ -54,13 +50,8 @@ class Sessions(unittest.TestCase):
         except FileNotFoundError:
             return []
 
-    def get(self, path):
-        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=10)
-        connection.request("GET", path)
-        response = connection.getresponse()
-        result = response.status, {k.lower(): v for k, v in response.getheaders()}, response.read()
-        connection.close()
-        return result
+    def get(self, path, headers=None):
+        return harness.http_get(self.server.port, path, headers)
 
     def assertLogged(self, text):
         self.assertTrue(text in self.workspace.log(), "not in the log: " + text)
