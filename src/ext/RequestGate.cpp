@@ -198,7 +198,10 @@ int requestShutdown()
         return 0;
     RequestState& r = requestState;
     if (r.buffering) {
-        vesk_output_end();
+        // The engine has ended its output stack by now, unless a failed store
+        // left ours standing; ending an empty stack would only raise a notice.
+        if (vesk_output_get_level() > 0)
+            vesk_output_end();
         pageCacheConfig.outputHandlerLevel = -1;
     }
     if (r.ruleActive) {
