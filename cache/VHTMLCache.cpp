@@ -5,6 +5,7 @@
 #include "VDiskStorage.h"
 #include "VMD5.h"
 #include "ParserErrorHandler.h"
+#include "VCacheCleaner.h"
 #include "VException.h"
 #include "VPHPGlobalsEvaluator.h"
 
@@ -12,8 +13,12 @@
 #include <QFileInfo>
 
 #include <cstring>
+#include <QDir>
+#include <cerrno>
+#include <csignal>
 #include <memory>
 #include <strings.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <xercesc/sax2/SAX2XMLReader.hpp>
 #include <xercesc/sax2/XMLReaderFactory.hpp>
@@ -26,6 +31,15 @@ using namespace xercesc;
 namespace {
 
 VHTMLCache* s_instance = nullptr;
+pid_t cleanerPid = -1;
+pid_t cleanerLauncherPid = -1;
+bool waitForCleaner = false;
+
+void cleanerSignalHandler(int)
+{
+    VLOG(PageCacheLogStream, 3) << "Cache Cleaner exiting...";
+    _exit(0);
+}
 
 QString fromXerces(const XMLCh* text)
 {
@@ -51,9 +65,6 @@ bool VHTMLCache::load(const char* savePath, qint64 dirDepth, const char* rulesFi
                       qint64 cleanFrequency, bool cleanerDisabled, qint64 maxCachedRules,
                       bool startCleaner)
 {
-    Q_UNUSED(cleanFrequency);
-    Q_UNUSED(cleanerDisabled);
-    Q_UNUSED(startCleaner);
     VPHPEvaluatorsManager::instance()->createEvaluators();
     clearRuleCache();
     // A store of an earlier load stays allocated: a cleaner forked with it
@@ -85,7 +96,43 @@ bool VHTMLCache::load(const char* savePath, qint64 dirDepth, const char* rulesFi
         return false;
     }
     setMaxCachedRules(int(qBound<qint64>(0, maxCachedRules, INT_MAX)));
+    if (!startCleaner)
+        return true;
+    // The directory above the one that holds the rules file.
+    const QString rulesDir = QFileInfo(QString::fromLocal8Bit(rulesFile)).absolutePath();
+    const QString productDir = QFileInfo(rulesDir + QStringLiteral("/..")).absoluteFilePath();
+    launchCleaner(int(cleanFrequency), cleanerDisabled, QDir::cleanPath(productDir));
     return true;
+}
+
+void VHTMLCache::setWaitForCleaner(bool wait)
+{
+    waitForCleaner = wait;
+}
+
+void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& productDir)
+{
+    if (disabled)
+        return;
+    const pid_t pid = fork();
+    if (pid > 0) {
+        cleanerPid = pid;
+        cleanerLauncherPid = getpid();
+        return;
+    }
+    if (pid < 0) {
+        VLOG(PageCacheLogStream, 0) << "Could not launch the Cache Cleaner" << strerror(errno);
+        return;
+    }
+    signal(SIGHUP, cleanerSignalHandler);
+    signal(SIGTERM, cleanerSignalHandler);
+    VLOG(PageCacheLogStream, 3) << "Starting Cache Cleaner at pid" << qint64(getpid()) << "with frequency of"
+                                << frequency;
+    cleaner = new VCacheCleaner(frequency, storage, productDir);
+    cleaner->run();
+    // Only a stop request ends run(); nothing of the parent's start-up may
+    // go on in this process.
+    _exit(0);
 }
 
 bool VHTMLCache::validateRulesFile(const char* rulesFile)
@@ -137,6 +184,14 @@ bool VHTMLCache::validateRulesFile(const char* rulesFile)
 int VHTMLCache::shutdown()
 {
     VPHPEvaluatorsManager::destroyInstance();
+    // Workers inherit the launcher's pid, never equal to their own.
+    if (getpid() == cleanerLauncherPid) {
+        VLOG(PageCacheLogStream, 5) << "Sending SIGTERM to cache cleaner at pid" << qint64(cleanerPid);
+        kill(cleanerPid, SIGTERM);
+        if (waitForCleaner)
+            waitpid(cleanerPid, nullptr, 0);
+        cleanerLauncherPid = -1;
+    }
     delete storage;
     storage = nullptr;
     return 1;

@@ -9,6 +9,7 @@
 // The one cache object of a worker process: the rules in force and the
 // store of pages. A reload of the rules file destroys it and makes a new
 // one, so no rule outlives the file it came from.
+class VCacheCleaner;
 class VDiskStorage;
 
 class VHTMLCache : public VRuleMatcher
@@ -24,8 +25,13 @@ public:
               bool startCleaner);
     // Validates the rules file against pagecache_rules_schema.xsd beside it.
     bool validateRulesFile(const char* rulesFile);
-    // Stops the cleaner and lets go of the store. Always 1.
+    // Stops the cleaner (from the process that started it) and lets go of
+    // the store. Always 1.
     int shutdown();
+    // Forks the process that drops expired pages every `frequency` seconds.
+    void launchCleaner(int frequency, bool disabled, const QString& productDir);
+    // Whether shutdown waits for the cleaner to be gone (under php-fpm).
+    static void setWaitForCleaner(bool wait);
 
     QString lastError() const { return m_lastError; }
 
@@ -64,5 +70,6 @@ private:
     bool clearRule(const CacheRule& rule);
 
     VDiskStorage* storage = nullptr;
+    VCacheCleaner* cleaner = nullptr;
     QString m_lastError;
 };

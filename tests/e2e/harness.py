@@ -31,7 +31,7 @@ class Workspace:
 
     def __init__(self):
         self.root = tempfile.mkdtemp(prefix="vesk-e2e.")
-        for name in ("conf", "log", "tmp"):
+        for name in ("conf", "log", "tmp", "run"):
             os.makedirs(os.path.join(self.root, name))
         for name in ("pagecache_rules.xml",):
             shutil.copy(os.path.join(SOURCE_ROOT, "conf", name), os.path.join(self.root, "conf"))
@@ -59,6 +59,7 @@ class Workspace:
             "vesk.log_dir": self.path("log"),
             "vesk.conf_dir": self.path("conf"),
             "vesk.temp_dir": self.path("tmp"),
+            "vesk.pid_dir": self.path("run"),
         }
         values.update({k.replace("__", "."): v for k, v in extra.items()})
         return values

@@ -43,7 +43,7 @@ class CoreScenarios:
         for name in os.listdir(os.path.join(HERE, "session_site")):
             shutil.copy(os.path.join(HERE, "session_site", name), self.site)
         os.makedirs(self.workspace.path("sessions"))
-        harness.make_shared(self.workspace, "log", "tmp", "site", "sessions")
+        harness.make_shared(self.workspace, "log", "tmp", "run", "site", "sessions")
         directives = self.workspace.directives(vesk_pagecache__log_verbosity_level="3")
         if os.geteuid() == 0 and self.server_class is harness.ApacheWithPhp:
             directives["vesk.httpd_uid"] = directives["vesk.httpd_gid"] = "65534"

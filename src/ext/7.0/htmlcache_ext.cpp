@@ -150,6 +150,7 @@ int moduleStartup()
         dropper = dropPrivileges(httpdUid(), httpdGid());
         VDebug::setRotationSize(moduleState.logStream, int(pageCacheConfig.log_rotation_size));
         moduleState.enabled = pageCacheConfig.enable;
+        VHTMLCache::setWaitForCleaner(isFpm());
         reloadRules(true);
         dropper.reset();
     } catch (const VException& e) {
