@@ -358,24 +358,25 @@ bool VHTMLCache::clearRule(const CacheRule& rule)
     return cleared;
 }
 
-bool VHTMLCache::removeByRuleId(qint64 id)
+bool VHTMLCache::clearFirstRule(const std::function<bool(const CacheRule&)>& matches)
 {
+    // An unknown rule is no failure: there is nothing of it to remove.
     const QList<CacheRule> candidates = orderedRules;
     for (const CacheRule& rule : candidates) {
-        if (rule.id == id)
+        if (matches(rule))
             return clearRule(rule);
     }
     return true;
 }
 
+bool VHTMLCache::removeByRuleId(qint64 id)
+{
+    return clearFirstRule([id](const CacheRule& rule) { return rule.id == id; });
+}
+
 bool VHTMLCache::removeByRuleName(const char* name)
 {
-    const QList<CacheRule> candidates = orderedRules;
-    for (const CacheRule& rule : candidates) {
-        if (rule.name.toLocal8Bit() == name)
-            return clearRule(rule);
-    }
-    return true;
+    return clearFirstRule([name](const CacheRule& rule) { return rule.name.toLocal8Bit() == name; });
 }
 
 bool VHTMLCache::removeByUri(const QByteArray& rule, const QByteArray& uri)

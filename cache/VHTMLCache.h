@@ -5,6 +5,7 @@
 
 #include <QString>
 #include <QtGlobal>
+#include <functional>
 
 // The one cache object of a worker process: the rules in force and the
 // store of pages. A reload of the rules file destroys it and makes a new
@@ -68,6 +69,8 @@ public:
 private:
     VHTMLCache() = default;
     bool clearRule(const CacheRule& rule);
+    // Clears the namespace of the first rule in order that `matches` takes.
+    bool clearFirstRule(const std::function<bool(const CacheRule&)>& matches);
 
     VDiskStorage* storage = nullptr;
     VCacheCleaner* cleaner = nullptr;

@@ -2,7 +2,6 @@
 
 #include <QCryptographicHash>
 #include <QDirIterator>
-#include <QFileInfo>
 
 #include <atomic>
 #include <cerrno>

@@ -145,7 +145,7 @@ size_t vesk_url_decode(char* text, size_t length)
     for (size_t i = 0; i < length; ++i) {
         if (text[i] == '+') {
             text[out++] = ' ';
-        } else if (text[i] == '%' && i + 2 < length + 0 && isxdigit(text[i + 1]) && isxdigit(text[i + 2])) {
+        } else if (text[i] == '%' && i + 2 < length && isxdigit(text[i + 1]) && isxdigit(text[i + 2])) {
             const char hex[3] = {text[i + 1], text[i + 2], 0};
             text[out++] = char(strtol(hex, nullptr, 16));
             i += 2;
