@@ -1,0 +1,48 @@
+#pragma once
+
+#include "ApplicationRecord.h"
+
+#include "VDebug.h"
+#include "VeskServerInfo.h"
+
+#include <QDateTime>
+#include <QList>
+#include <QMap>
+#include <QString>
+
+// The deployed applications of this server, read from the deployment
+// database and read again only when the deployment tools touch the marker
+// file. Each object keeps a cache of its own.
+class VDeploymentInfo
+{
+public:
+    VDeploymentInfo(const VeskServerInfo& serverInfo, VDebug::StreamId logStream,
+                    const QString& connectionName);
+
+    // Re-reads the tables when the marker file is newer than the last read.
+    void refresh();
+
+    ApplicationRecord applicationById(qint32 id) const;
+    // The record whose base URL occurs in `url`, the longest base URL first.
+    ApplicationRecord applicationForUrl(const QString& url) const;
+    // The record whose path occurs in the script's path (or in the target
+    // of a script that is a symbolic link), the shortest path first.
+    ApplicationRecord applicationForPath(const QString& path) const;
+
+    QString markerFileName() const { return markerFile; }
+    QDateTime lastFetchTime() const { return lastFetch; }
+
+    static const int QueryRetries = 10;
+
+private:
+    void fetch(const QString& connectionName);
+
+    QString markerFile;
+    QDateTime lastFetch;
+    VeskServerInfo serverInfo;
+    VDebug::StreamId logStream;
+    QMap<qint32, ApplicationRecord> byId;
+    QList<ApplicationRecord> byUrl;
+    QList<ApplicationRecord> byPath;
+    QList<LibraryRecord> libraries;
+};

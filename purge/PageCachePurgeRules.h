@@ -1,0 +1,62 @@
+#pragma once
+
+#include "PurgeRule.h"
+
+#include "VDebug.h"
+#include "VDeploymentInfo.h"
+#include "VeskServerInfo.h"
+
+#include <QMap>
+#include <QMutex>
+#include <QSet>
+
+// The default port of the scheme goes; everything else stays as it is.
+QString normalizeUrl(const QString& url);
+
+// The purge rules of this worker process. A purge never touches the disk
+// cache: the hit path asks here whether a stored page may still be used.
+// Rules are kept in memory and written to the page cache's database.
+class PageCachePurgeRules
+{
+public:
+    PageCachePurgeRules(const VeskServerInfo& serverInfo, VDebug::StreamId logStream);
+
+    // Keeps the rule and writes all rules out. Throws VException when the
+    // database refuses every attempt; the rule stays in memory all the same.
+    void addRule(const PurgeRule& rule);
+    // Re-reads the database and the deployed applications when their files
+    // have changed.
+    void refreshAll();
+    bool isUrlPurged(const QString& url, qint32 appId);
+    bool isCreationTimePurged(const QDateTime& creationTime, qint32 appId);
+    // Whether a page created at `entryCreationTime` for `url` outlives every
+    // rule of the application that covers it.
+    bool isEntryValid(const QDateTime& entryCreationTime, const QString& url,
+                      const QString& applicationName);
+
+    // Writes every rule held in memory, in one transaction, up to
+    // FlushAttempts times a second apart. Throws VException after the last.
+    void flushToDb();
+    // Reads the tables when the database file's date has moved.
+    void refresh();
+
+    QDateTime lastRefreshTime() const { return lastRefresh; }
+    QString databaseFileName() const { return dbFileName; }
+
+    static const int FlushAttempts = 10;
+
+private:
+    QString applicationNameOf(qint32 appId);
+    QList<PurgeRule> rulesOf(const QString& applicationName);
+    QDateTime latestCreationTime(const QString& applicationName);
+    QSet<QString> urlsForApplication(const QString& applicationName);
+    QList<QRegExp> regexesForApplication(const QString& applicationName);
+
+    QMap<QString, QList<PurgeRule>> rules;
+    QString dbFileName;
+    QDateTime lastRefresh;
+    VeskServerInfo serverInfo;
+    QRecursiveMutex mutex;
+    VDeploymentInfo deploymentInfo;
+    VDebug::StreamId logStream;
+};
