@@ -54,7 +54,7 @@ void VDeploymentInfo::fetch(const QString& connectionName)
                                                      QDir::separator(),
                                                      VeskDB::getSqliteDbFileName(DB_DEPLOYMENT));
     if (!QFileInfo::exists(path)) {
-        VLOG(logStream, 3) << "Cannot find" << path;
+        VLOG(logStream, 4) << "Cannot find" << path;
         return;
     }
 

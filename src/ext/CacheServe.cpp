@@ -1,11 +1,13 @@
 #include "RequestPath.h"
 
+#include "HostProbes.h"
 #include "ModuleState.h"
 #include "PageCacheConfig.h"
 #include "RequestState.h"
 #include "host/vesk_host.h"
 
 #include "CacheRule.h"
+#include "PageCachePurgeRules.h"
 #include "VHTMLCache.h"
 #include "VMD5.h"
 
@@ -120,15 +122,20 @@ bool serveOrCapture(const QString& ruleName)
     VLOG(log, 5) << "Split by key is" << split;
     r.matchKey = VMD5::hash(split);
     const int status = conditionalStatus();
-    // No purge rules are known to this host yet.
-    bool usable = true;
+    PageCachePurgeRules* purge = moduleState.purgeRules;
+    // A purged URL goes the miss path, so that this request's page replaces the stored one.
+    bool usable = !(purge && purge->isUrlPurged(QString::fromLatin1(currentUrl()), r.appId));
 
     if (status == 304 && usable) {
         CacheEntry entry;
         cache->readEntry(r.namespaceKey, r.matchKey, entry);
-        const bool valid = entry.formatTag() != 0;
+        bool valid = entry.formatTag() != 0;
         if (!valid)
             VLOG(log, 3) << "Cache entry is not valid";
+        if (purge && purge->isCreationTimePurged(entry.created(), r.appId)) {
+            VLOG(log, 3) << "Cache entry has a purge rule for creation time";
+            valid = false;
+        }
         if (!cache->isStatusCacheable(entry.status(), r.appId)) {
             VLOG(log, 3) << "Cache entry can't be used because of status rule";
             cache->removeEntry(r.namespaceKey, r.matchKey);
@@ -167,6 +174,11 @@ bool serveOrCapture(const QString& ruleName)
                 return false;
             }
             VLOG(log, 5) << "using cached output for :" << r.requestUrl;
+        }
+        if (purge && purge->isCreationTimePurged(entry.created(), r.appId)) {
+            VLOG(log, 3) << "Will not use cached output because of a purged creation time";
+            cache->removeEntry(r.namespaceKey, r.matchKey);
+            return false;
         }
         if (!cache->isStatusCacheable(entry.status(), r.appId)) {
             VLOG(log, 3) << "Will not use cached output because of response code rule";

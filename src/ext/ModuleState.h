@@ -6,6 +6,8 @@
 #include <QDateTime>
 #include <QString>
 
+class PageCachePurgeRules;
+
 // What lives for the whole worker process. Written only by start-up,
 // shutdown and a rules reload; read without locks everywhere else.
 struct ModuleState
@@ -20,6 +22,9 @@ struct ModuleState
     char* resolvedRulesFile = nullptr;
     char* resolvedSavePath = nullptr;
     bool sessionHooksInstalled = false;
+    // Made by start-up and kept to the end of the process; null before, and
+    // in a module refused early.
+    PageCachePurgeRules* purgeRules = nullptr;
 };
 
 extern ModuleState moduleState;

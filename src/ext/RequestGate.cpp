@@ -2,7 +2,9 @@
 
 #include "7.0/htmlcache_ext.h"
 #include "HostProbes.h"
+#include "AppLookup.h"
 #include "ModuleState.h"
+#include "PageCachePurgeRules.h"
 #include "PageCacheConfig.h"
 #include "RequestState.h"
 #include "host/vesk_host.h"
@@ -145,8 +147,7 @@ int requestStartup()
             VLOG(log, 5) << "Uncacheable request method";
         return 0;
     }
-    // No application is known to this host yet.
-    r.appId = -1;
+    r.appId = currentAppId();
 
     r.requestUrl = currentRequestUrl(false);
     const QByteArray urlWithPort = currentRequestUrl(true);
@@ -160,6 +161,8 @@ int requestStartup()
         VLOG(log, 5) << r.requestUrl << "should not be cached";
         return 0;
     }
+    if (moduleState.purgeRules)
+        moduleState.purgeRules->refreshAll();
 
     r.ruleUrl = r.rule->url.toString();
     r.buffering = false;

@@ -23,6 +23,7 @@ TRACE log_verbosity_level: 5
 TRACE compression_enable: 1 
 TRACE clean_frequency: 300 
 TRACE log_rotation_size: 20 
+DEBUG Cannot find /deployment.db 
 INFO Rules File: %s/conf/pagecache_rules.xml 
 TRACE Validating dependencies file %s/conf/pagecache_rules.xml with schema file at %s/conf/pagecache_rules_schema.xsd 
 TRACE XML validation OK 

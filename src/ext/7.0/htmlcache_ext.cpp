@@ -4,6 +4,7 @@
 #include "GlobalDirectives.h"
 #include "HostProbes.h"
 #include "ModuleState.h"
+#include "PageCachePurgeRules.h"
 #include "PageCacheConfig.h"
 #include "SessionHooks.h"
 #include "host/vesk_host.h"
@@ -127,6 +128,9 @@ int moduleStartup()
     VPHPEvaluatorsManager::setValueSource(EngineValueSource::instance());
     vesk_register_ini_entries();
     applyGlobalDirectives();
+    // A second start-up in one process begins with no purge rules.
+    delete moduleState.purgeRules;
+    moduleState.purgeRules = nullptr;
     QLocale::setDefault(QLocale(QLocale::English, QLocale::system().country()));
 
     if (!openLog())
@@ -149,6 +153,7 @@ int moduleStartup()
     try {
         dropper = dropPrivileges(httpdUid(), httpdGid());
         VDebug::setRotationSize(moduleState.logStream, int(pageCacheConfig.log_rotation_size));
+        moduleState.purgeRules = new PageCachePurgeRules(moduleState.serverInfo, moduleState.logStream);
         moduleState.enabled = pageCacheConfig.enable;
         VHTMLCache::setWaitForCleaner(isFpm());
         reloadRules(true);

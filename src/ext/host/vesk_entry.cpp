@@ -10,6 +10,8 @@
 #include "../7.0/htmlcache_ext.h"
 #include "../RequestPath.h"
 #include "../PageCacheConfig.h"
+#include "../ScriptFunctions.h"
+#include "vesk_call.h"
 #include "vesk_host.h"
 
 #include <cstdint>
@@ -88,6 +90,34 @@ const zend_ini_entry_def iniEntries[] = {
     STD_PHP_INI_ENTRY("vesk_pagecache.enable_cli", "0", PHP_INI_ALL, OnUpdateBool, enable_cli, PageCacheConfig, pageCacheConfig)
     PHP_INI_END()
 
+template <ScriptFunction function>
+void scriptFunction(INTERNAL_FUNCTION_PARAMETERS)
+{
+    VeskCall call{execute_data};
+    RETVAL_BOOL(runScriptFunction(function, &call));
+}
+
+// Every function checks its own arguments. This engine insists on argument
+// information all the same, so each declares any number of any type and
+// leaves the checking to the function.
+ZEND_BEGIN_ARG_INFO_EX(anyArguments, 0, 0, 0)
+    ZEND_ARG_VARIADIC_INFO(0, arguments)
+ZEND_END_ARG_INFO()
+
+#define VESK_FE(name, function) ZEND_RAW_FENTRY(name, scriptFunction<function>, anyArguments, 0)
+const zend_function_entry scriptFunctions[] = {
+    VESK_FE("page_cache_disable_caching", pageCacheDisableCaching)
+    VESK_FE("page_cache_disable_compression", pageCacheDisableCompression)
+    VESK_FE("page_cache_remove_cached_contents", pageCacheRemoveCachedContents)
+    VESK_FE("page_cache_remove_cached_contents_by_uri", pageCacheRemoveCachedContentsByUri)
+    VESK_FE("page_cache_remove_cached_contents_by_rule", pageCacheRemoveCachedContentsByRule)
+    VESK_FE("page_cache_remove_cached_contents_by_rules_ids", pageCacheRemoveCachedContentsByRulesIds)
+    VESK_FE("page_cache_remove_all_cached_contents", pageCacheRemoveAllCachedContents)
+    VESK_FE("page_cache_purge", pageCachePurge)
+    PHP_FE_END
+};
+#undef VESK_FE
+
 zend_module_entry vesk_module_entry = {
     sizeof(zend_module_entry),
     ZEND_MODULE_API_NO,
@@ -96,7 +126,7 @@ zend_module_entry vesk_module_entry = {
     nullptr, // directives are registered by start-up itself
     nullptr,
     "Vesk Page Cache",
-    nullptr,
+    scriptFunctions,
     module_startup,
     module_shutdown,
     request_startup,

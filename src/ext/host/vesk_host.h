@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 // Error types, as the engine numbers them.
 enum : int {
@@ -164,3 +165,37 @@ int vesk_session_status();
 // Ends the top output level, answering a copy of what it held (malloc()ed,
 // or null when it held nothing) and its length.
 char* vesk_output_take_buffer(size_t* length);
+
+// Script functions. The engine hands each call of one of the extension's
+// PHP functions to the extension with an opaque VeskCall.
+struct VeskCall;
+
+// A PHP value as the script functions read it: scalars by value, an array as
+// its elements in the array's own order, undefined slots left out. Arrays
+// nested deeper than VeskValueDepth come out as Other.
+struct VeskArrayElement;
+struct VeskValue
+{
+    enum Type { Null, False, True, Long, Double, String, Array, Other };
+    Type type = Null;
+    long long number = 0;
+    double real = 0;
+    std::string text;
+    std::vector<VeskArrayElement> elements;
+};
+struct VeskArrayElement
+{
+    bool hasStringKey = false;
+    std::string key;     // with hasStringKey
+    long long index = 0; // otherwise
+    VeskValue value;
+};
+enum : int { VeskValueDepth = 32 };
+
+int vesk_num_args(VeskCall* call);
+// Parses the call's arguments with one of the formats "s|b", "ss|b", "a|b",
+// "|b" and "a", without the engine's own messages. `args` gets one value per
+// argument given. False on a mismatch or an unknown format.
+bool vesk_parse_parameters(VeskCall* call, const char* format, std::vector<VeskValue>* args);
+// The engine's own complaint about the number of arguments.
+void vesk_wrong_param_count(VeskCall* call);

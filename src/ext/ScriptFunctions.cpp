@@ -1,0 +1,325 @@
+#include "ScriptFunctions.h"
+
+#include "GlobalDirectives.h"
+#include "ModuleState.h"
+#include "RequestPath.h"
+#include "RequestState.h"
+#include "host/vesk_host.h"
+
+#include "PageCachePurgeRules.h"
+#include "TKDTaskInserter.h"
+#include "VException.h"
+#include "VHTMLCache.h"
+
+#include <cstdlib>
+#include <vector>
+
+namespace {
+
+typedef std::vector<VeskValue> Arguments;
+
+void warn(const char* message)
+{
+    vesk_error(VESK_E_WARNING, "%s", message);
+}
+
+QByteArray bytes(const VeskValue& value)
+{
+    return QByteArray(value.text.data(), int(value.text.size()));
+}
+
+// The optional last argument: hand the removal on to the other nodes.
+bool clusterFlag(const Arguments& args, size_t position)
+{
+    return args.size() <= position || args[position].type == VeskValue::True;
+}
+
+// Only a node of a cluster queues; the local removal has been done and
+// stands whatever happens to the task.
+void queueTask(bool cluster, tkd::TaskType type, const QString& payload, const char* failure)
+{
+    if (!cluster || nodeId() == 0)
+        return;
+    try {
+        TKDTaskInserter::addTask(type, true, moduleState.serverInfo, payload, moduleState.logStream);
+    } catch (const VException& e) {
+        VLOG(moduleState.logStream, 0) << failure << e.what();
+    }
+}
+
+bool hasKey(const VeskValue& array, const char* key)
+{
+    for (const VeskArrayElement& element : array.elements) {
+        if (element.hasStringKey && element.key == key)
+            return true;
+    }
+    return false;
+}
+
+bool isHeaderDescription(const VeskValue& value)
+{
+    return value.type == VeskValue::Array && hasKey(value, "name") && hasKey(value, "op")
+           && hasKey(value, "value");
+}
+
+// A fault in a description gives an empty header, which is kept all the same.
+PurgeResponseHeader parseResponseHeader(const VeskValue& description)
+{
+    const VDebug::StreamId log = moduleState.logStream;
+    PurgeResponseHeader header;
+    for (const VeskArrayElement& element : description.elements) {
+        QString* field = nullptr;
+        if (element.hasStringKey) {
+            if (element.key == "name")
+                field = &header.name;
+            else if (element.key == "op")
+                field = &header.op;
+            else if (element.key == "value")
+                field = &header.value;
+        }
+        if (!field) {
+            VLOG(log, 0) << "Invalid element key in page_cache_purge";
+            return PurgeResponseHeader();
+        }
+        if (element.value.type != VeskValue::String) {
+            VLOG(log, 0) << QByteArray("Invalid element value for '" + QByteArray::fromStdString(element.key)
+                                       + "' in page_cache_purge");
+            return PurgeResponseHeader();
+        }
+        *field = QString::fromUtf8(bytes(element.value));
+    }
+    return header;
+}
+
+void addResponseHeaders(const VeskValue& value, PurgeRule& rule)
+{
+    if (isHeaderDescription(value)) {
+        rule.responseHeaders << parseResponseHeader(value);
+        return;
+    }
+    for (const VeskArrayElement& element : value.elements) {
+        if (isHeaderDescription(element.value))
+            rule.responseHeaders << parseResponseHeader(element.value);
+    }
+}
+
+} // namespace
+
+bool pageCacheDisableCaching(VeskCall* call)
+{
+    if (vesk_num_args(call) != 0) {
+        vesk_wrong_param_count(call);
+        return false;
+    }
+    if (!moduleState.enabled) {
+        warn("Vesk Page Cache is disabled. page_cache_disable_caching() is disabled.\n");
+        return false;
+    }
+    disableCaching();
+    return true;
+}
+
+bool pageCacheDisableCompression(VeskCall* call)
+{
+    if (vesk_num_args(call) != 0) {
+        vesk_wrong_param_count(call);
+        return false;
+    }
+    if (!moduleState.enabled) {
+        warn("Vesk Page Cache is disabled. page_cache_disable_compression() is disabled.\n");
+        return false;
+    }
+    VLOG(moduleState.logStream, 5) << "Disabling compression for current script";
+    // Counts for the store at request end and for a hit later in the request.
+    requestState.compressionAllowed = false;
+    return true;
+}
+
+bool pageCacheRemoveCachedContents(VeskCall* call)
+{
+    const VDebug::StreamId log = moduleState.logStream;
+    Arguments args;
+    if (!vesk_parse_parameters(call, "s|b", &args)) {
+        warn("Wrong parameters for function page_cache_remove_cached_contents\n");
+        return false;
+    }
+    if (!moduleState.enabled) {
+        warn("Vesk Page Cache is disabled. page_cache_remove_cached_contents() is disabled.\n");
+        return false;
+    }
+    const QByteArray url = bytes(args[0]);
+    VLOG(log, 5) << "Removing cached contents for" << url;
+    // Callers pass the rule's pattern with ordinary groups; rules keep them
+    // non-capturing.
+    if (!VHTMLCache::instance()->clearNamespace(VHTMLCache::patternNamespace(QString::fromLocal8Bit(url)))) {
+        VLOG(log, 0) << "Failed to remove cached contents for" << url;
+        return false;
+    }
+    queueTask(clusterFlag(args, 1), tkd::PAGECACHE_REMOVE_CACHED_CONTENTS,
+              QStringLiteral("[\"page_cache_remove_cached_contents\",\"%1\"]").arg(QString::fromLocal8Bit(url)),
+              "page_cache_remove_cached_contents: failed to add TKD task.");
+    return true;
+}
+
+bool pageCacheRemoveCachedContentsByUri(VeskCall* call)
+{
+    Arguments args;
+    if (!vesk_parse_parameters(call, "ss|b", &args)) {
+        warn("Wrong parameters for function page_cache_remove_cached_contents_by_uri\n");
+        return false;
+    }
+    if (!moduleState.enabled) {
+        warn("Vesk Page Cache is disabled. page_cache_remove_cached_contents_by_uri() is disabled.\n");
+        return false;
+    }
+    const QByteArray rule = bytes(args[0]);
+    const QByteArray uri = bytes(args[1]);
+    VLOG(moduleState.logStream, 5) << "Removing cached contents for uri" << uri << "in rule" << rule;
+    if (!VHTMLCache::instance()->removeByUri(rule, uri))
+        return false;
+    // This function has always reported with the remove-all function's words.
+    queueTask(clusterFlag(args, 2), tkd::PAGECACHE_REMOVE_BY_URI,
+              QStringLiteral("[\"page_cache_remove_cached_contents_by_uri\",\"%1\",\"%2\"]")
+                  .arg(QString::fromLocal8Bit(rule), QString::fromLocal8Bit(uri)),
+              "page_cache_remove_all_cached_contents: failed to add TKD task.");
+    return true;
+}
+
+// Works on a refused module too: the rules may still name what is stored.
+bool pageCacheRemoveCachedContentsByRule(VeskCall* call)
+{
+    Arguments args;
+    if (!vesk_parse_parameters(call, "s|b", &args)) {
+        warn("Wrong parameters for function page_cache_remove_cached_contents_by_rule\n");
+        return false;
+    }
+    const QByteArray rule = bytes(args[0]);
+    VLOG(moduleState.logStream, 5) << "Removing cached contents for rule" << rule;
+    if (!VHTMLCache::instance()->removeByRuleName(rule.constData()))
+        return false;
+    queueTask(clusterFlag(args, 1), tkd::PAGECACHE_REMOVE_BY_RULE,
+              QStringLiteral("[\"page_cache_remove_cached_contents_by_rule\",\"%1\"]")
+                  .arg(QString::fromLocal8Bit(rule)),
+              "page_cache_remove_cached_contents_by_rule: failed to add TKD task.");
+    return true;
+}
+
+bool pageCacheRemoveCachedContentsByRulesIds(VeskCall* call)
+{
+    Arguments args;
+    if (!vesk_parse_parameters(call, "a|b", &args)) {
+        warn("Wrong parameters for function page_cache_remove_cached_contents_by_rules_ids\n");
+        return false;
+    }
+    QString payload = QStringLiteral("[\"page_cache_remove_cached_contents_by_rules_ids\",");
+    // The first bad element ends the walk; removals made before it stand.
+    for (const VeskArrayElement& element : args[0].elements) {
+        qint64 id = 0;
+        if (element.value.type == VeskValue::Long) {
+            id = element.value.number;
+        } else if (element.value.type == VeskValue::String) {
+            id = std::strtoll(element.value.text.c_str(), nullptr, 10);
+        } else {
+            warn("Unkonwn parameter format in page_cache_remove_cached_contents_by_rules_ids\n");
+            return false;
+        }
+        if (id == 0 || !VHTMLCache::instance()->removeByRuleId(id))
+            return false;
+        payload += QString::number(id, 10) + ',';
+    }
+    // The last comma closes the array; with no id it is the one after the name.
+    payload.chop(1);
+    payload += ']';
+    queueTask(clusterFlag(args, 1), tkd::PAGECACHE_REMOVE_BY_RULES_IDS, payload,
+              "page_cache_remove_cached_contents_by_rules_ids: failed to add TKD task.");
+    return true;
+}
+
+bool pageCacheRemoveAllCachedContents(VeskCall* call)
+{
+    const VDebug::StreamId log = moduleState.logStream;
+    if (vesk_num_args(call) > 1) {
+        vesk_wrong_param_count(call);
+        return false;
+    }
+    Arguments args;
+    if (!vesk_parse_parameters(call, "|b", &args)) {
+        VLOG(log, 1) << "Wrong parameters passed to page_cache_remove_all_cached_contents() function";
+        return false;
+    }
+    if (!moduleState.enabled) {
+        warn("Vesk Page Cache is disabled. page_cache_remove_all_cached_contents() is disabled.\n");
+        return false;
+    }
+    VLOG(log, 5) << "Removing all cached contents";
+    if (!VHTMLCache::instance()->clearNamespace(QByteArray())) {
+        VLOG(log, 0) << "Failed to remove cached contents";
+        return false;
+    }
+    queueTask(clusterFlag(args, 0), tkd::PAGECACHE_REMOVE_ALL,
+              QStringLiteral("[\"page_cache_remove_all_cached_contents\"]"),
+              "page_cache_remove_all_cached_contents: failed to add TKD task.");
+    return true;
+}
+
+bool pageCachePurge(VeskCall* call)
+{
+    const VDebug::StreamId log = moduleState.logStream;
+    if (!moduleState.purgeRules)
+        return false;
+    Arguments args;
+    if (!vesk_parse_parameters(call, "a", &args)) {
+        warn("Wrong parameters for function page_cache_purge\n");
+        return false;
+    }
+    PurgeRule rule;
+    for (const VeskArrayElement& element : args[0].elements) {
+        if (!element.hasStringKey) {
+            VLOG(log, 0) << "Invalid element key in page_cache_purge";
+            return false;
+        }
+        const std::string& key = element.key;
+        const VeskValue& value = element.value;
+        if (key == "application") {
+            if (value.type != VeskValue::String) {
+                VLOG(log, 0) << "Invalid element value for 'application' in page_cache_purge";
+                return false;
+            }
+            rule.applicationName = QString::fromUtf8(bytes(value));
+        } else if (key == "created_ago") {
+            if (value.type != VeskValue::Long || value.number < 0) {
+                VLOG(log, 0) << "Invalid element value for 'created_ago' in page_cache_purge";
+                return false;
+            }
+            rule.creationTime = QDateTime::currentDateTime().addSecs(-value.number);
+        } else if (key == "url") {
+            if (value.type != VeskValue::String) {
+                VLOG(log, 0) << "Invalid element value for 'url' in page_cache_purge";
+                return false;
+            }
+            rule.url = QUrl(QString::fromUtf8(bytes(value)), QUrl::TolerantMode);
+        } else if (key == "response_header" || key == "response_headers") {
+            if (value.type != VeskValue::Array) {
+                VLOG(log, 0) << "Invalid element value for '" << key.c_str() << "' in page_cache_purge";
+                return false;
+            }
+            addResponseHeaders(value, rule);
+        } else {
+            VLOG(log, 0) << "Invalid element key '" << key.c_str() << "' in page_cache_purge";
+            return false;
+        }
+    }
+    moduleState.purgeRules->addRule(rule);
+    return true;
+}
+
+bool runScriptFunction(ScriptFunction function, VeskCall* call)
+{
+    try {
+        return function(call);
+    } catch (const VException& e) {
+        VLOG(moduleState.logStream, 0) << e.what();
+    } catch (...) {
+    }
+    return false;
+}
