@@ -381,8 +381,10 @@ bool VHTMLCache::removeByRuleName(const char* name)
 
 bool VHTMLCache::removeByUri(const QByteArray& rule, const QByteArray& uri)
 {
-    // The key of a page split by its request URI alone.
-    const QByteArray key = VMD5::hash("_SERVER[REQUEST_URI]" + uri);
+    // The key of a page split by its request URI alone, formed as the split
+    // key is: the superglobal's base name, then the value. The subscripted
+    // name "_SERVER[REQUEST_URI]" would be the key of no stored page.
+    const QByteArray key = VMD5::hash("_SERVER" + uri);
     const QString name = QString::fromLatin1(rule.constData());
     const QList<CacheRule> candidates = orderedRules;
     for (const CacheRule& candidate : candidates) {
