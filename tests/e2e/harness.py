@@ -31,7 +31,7 @@ class Workspace:
 
     def __init__(self):
         self.root = tempfile.mkdtemp(prefix="vesk-e2e.")
-        for name in ("conf", "log", "tmp", "run"):
+        for name in ("conf", "log", "tmp", "run", os.path.join("var", "db")):
             os.makedirs(os.path.join(self.root, name))
         for name in ("pagecache_rules.xml",):
             shutil.copy(os.path.join(SOURCE_ROOT, "conf", name), os.path.join(self.root, "conf"))
@@ -60,6 +60,8 @@ class Workspace:
             "vesk.conf_dir": self.path("conf"),
             "vesk.temp_dir": self.path("tmp"),
             "vesk.pid_dir": self.path("run"),
+            # Databases and the deployment marker live under var/db.
+            "vesk.install_dir": self.root,
         }
         values.update({k.replace("__", "."): v for k, v in extra.items()})
         return values

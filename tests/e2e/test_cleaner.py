@@ -86,7 +86,7 @@ class Cleaner(unittest.TestCase):
     def test_stopping_php_fpm_stops_the_cleaner(self):
         if not harness.FpmBehindNginx.available():
             self.fail("php-fpm is not installed: scripts/bootstrap installs it")
-        harness.make_shared(self.workspace, "log", "tmp", "run", "site")
+        harness.make_shared(self.workspace, "log", "tmp", "run", "site", "var")
         server = harness.FpmBehindNginx(self.workspace, self.site, self.directives(300))
         self.addCleanup(server.stop)
         pid = self.cleaner_pid()

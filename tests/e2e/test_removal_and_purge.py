@@ -46,7 +46,7 @@ class Removal(unittest.TestCase):
     def setUp(self):
         self.site = Site(self)
         directives = self.site.workspace.directives(
-            vesk__install_dir=self.site.workspace.root, vesk_pagecache__log_verbosity_level="5")
+            vesk_pagecache__log_verbosity_level="5")
         self.server = harness.BuiltinServer(self.site.workspace, self.site.root, directives)
         self.addCleanup(self.server.stop)
 
@@ -108,7 +108,7 @@ class ApplicationPurge(unittest.TestCase):
     def test_rule_of_the_scripts_application(self):
         site = Site(self)
         data = site.workspace.path("var", "db")
-        os.makedirs(data)
+        os.makedirs(data, exist_ok=True)
         with sqlite3.connect(os.path.join(data, "deployment.db")) as db:
             db.execute("CREATE TABLE deployment_apps_info (app_id INTEGER PRIMARY KEY, base_url TEXT, "
                        "path TEXT, name TEXT, version TEXT, webserver_path TEXT)")
@@ -117,7 +117,7 @@ class ApplicationPurge(unittest.TestCase):
                        (os.path.realpath(site.root),))
             db.execute("INSERT INTO deployment_apps_info VALUES (4, '', '/elsewhere', 'blog', '1', '')")
         directives = site.workspace.directives(
-            vesk__install_dir=site.workspace.root, vesk_pagecache__log_verbosity_level="5")
+            vesk_pagecache__log_verbosity_level="5")
         server = harness.BuiltinServer(site.workspace, site.root, directives)
         self.addCleanup(server.stop)
         url = "http://127.0.0.1:%d/page.php" % server.port
@@ -136,13 +136,17 @@ class ApplicationPurge(unittest.TestCase):
         server.get("/page.php")
         self.assertEqual(runs + 1, site.runs())
         self.assertIn("vesk_get_app_id_for_current_path found app id: 0x3", site.workspace.log())
+        # A request that carries a debugger connection belongs to no application.
+        server.get("/page.php?debugger_connect=1")
+        found = [line for line in site.workspace.log().splitlines() if "found app id:" in line]
+        self.assertTrue(found[-1].endswith("found app id: 0xffffffff "), found[-1])
 
 
 class ConcurrentPurge(unittest.TestCase):
     def test_two_writers_both_succeed_after_retries(self):
         workspace = harness.Workspace()
         self.addCleanup(workspace.remove)
-        directives = workspace.directives(vesk__install_dir=workspace.root, vesk_pagecache__enable_cli="1",
+        directives = workspace.directives(vesk_pagecache__enable_cli="1",
                                           vesk_pagecache__log_verbosity_level="3")
         code = "var_dump(page_cache_purge(['url' => 'http://a.example/' . getmypid()]));"
         # Creates the database and its tables.

@@ -1,9 +1,11 @@
 """The core of the page cache under the servers sites run in production:
 nginx with php-fpm (two workers) and Apache with its PHP module."""
 import gzip
+import json
 import os
 import shutil
 import unittest
+import urllib.parse
 
 import harness
 
@@ -43,7 +45,7 @@ class CoreScenarios:
         for name in os.listdir(os.path.join(HERE, "session_site")):
             shutil.copy(os.path.join(HERE, "session_site", name), self.site)
         os.makedirs(self.workspace.path("sessions"))
-        harness.make_shared(self.workspace, "log", "tmp", "run", "site", "sessions")
+        harness.make_shared(self.workspace, "log", "tmp", "run", "site", "sessions", "var")
         directives = self.workspace.directives(vesk_pagecache__log_verbosity_level="3")
         if os.geteuid() == 0 and self.server_class is harness.ApacheWithPhp:
             directives["vesk.httpd_uid"] = directives["vesk.httpd_gid"] = "65534"
@@ -86,6 +88,21 @@ class CoreScenarios:
             self.assertNotEqual(first_headers.get("set-cookie"), headers.get("set-cookie"))
         self.assertEqual(1, self.count("steps.log", "anonymous.php after session_start"))
         self.assertEqual(5, self.count("steps.log", "anonymous.php start"))
+
+    def test_purge_rule_as_the_workers_user(self):
+        self.get("/page.php?purge")
+        url = "http://127.0.0.1:%d/page.php?purge" % self.server.port
+        status, _, answer = self.get("/call.php?" + urllib.parse.urlencode(
+            {"fn": "page_cache_purge", "args": json.dumps([{"url": url}])}))
+        self.assertEqual((200, b"true"), (status, answer))
+        # The worker that made the rule no longer serves the page; whichever
+        # worker answers, the page is never older than the rule.
+        runs = self.count("runs.log", "page.php")
+        for _ in range(4):
+            self.get("/page.php?purge")
+        self.assertGreaterEqual(self.count("runs.log", "page.php"), runs + 1)
+        self.assertTrue(os.path.exists(self.workspace.path("var", "db", "pagecache.db")))
+        self.assertNotIn("ERROR]", self.workspace.log())
 
 
 class NginxWithFpm(CoreScenarios, unittest.TestCase):
