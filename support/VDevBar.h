@@ -15,6 +15,12 @@ public:
     void startCollection() { m_collectionStarted = QDateTime::currentDateTime(); }
     void stopCollection() { m_collectionStarted = QDateTime(); }
 
+    // Whether the toolbar gathers what the script does; switched off around
+    // calls the page cache makes into the script on its own account.
+    bool isCollectionEnabled() const { return m_collectionEnabled; }
+    void setCollectionEnabled(bool enabled) { m_collectionEnabled = enabled; }
+
 private:
     QDateTime m_collectionStarted;
+    bool m_collectionEnabled = false;
 };

@@ -9,11 +9,17 @@ VTime::VTime() : m_start(nowMicroseconds())
 void VTime::start()
 {
     m_start = nowMicroseconds();
+    m_running = true;
+}
+
+void VTime::reset()
+{
+    m_running = false;
 }
 
 qint64 VTime::elapsed() const
 {
-    return nowMicroseconds() - m_start;
+    return m_running ? nowMicroseconds() - m_start : 0;
 }
 
 qint64 VTime::nowMicroseconds()

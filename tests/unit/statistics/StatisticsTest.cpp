@@ -1,0 +1,196 @@
+#include "PageCachePulse.h"
+#include "VException.h"
+#include "VPageCacheStatsMessage.h"
+#include "VSocket.h"
+#include "VStatsdClient.h"
+
+#include <QDataStream>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+#include <memory>
+
+namespace {
+
+QSharedPointer<VPageCacheStatsMessage> message(qint32 type, qint64 value, qint64 rule = 7, const char* key = "k")
+{
+    QSharedPointer<VPageCacheStatsMessage> m(new VPageCacheStatsMessage);
+    m->counterType = type;
+    m->counterValue = value;
+    m->ruleId = rule;
+    m->key = key;
+    m->ruleName = "Home page";
+    m->appId = 2;
+    m->serverNumber = 3;
+    m->timestamp = 1700000000;
+    return m;
+}
+
+VPageCacheStatsMessage decode(const QByteArray& payload)
+{
+    QDataStream stream(payload);
+    stream.setVersion(VSocketBase::QDataStreamVersion);
+    stream.setByteOrder(QDataStream::BigEndian);
+    qint32 kind = 0;
+    stream >> kind;
+    EXPECT_EQ(VPageCacheStatsMessage::Kind, kind);
+    VPageCacheStatsMessage m;
+    m.readFrom(stream);
+    EXPECT_EQ(QDataStream::Ok, stream.status());
+    EXPECT_TRUE(stream.atEnd());
+    return m;
+}
+
+// A daemon on a private socket, read until `count` frames have come.
+class Daemon
+{
+public:
+    explicit Daemon(const QString& connection) : server(new VSocketServer(connection)) {}
+    std::vector<QByteArray> receive(size_t count, int rounds = 50)
+    {
+        std::vector<QByteArray> frames;
+        for (int round = 0; round < rounds && frames.size() < count; ++round) {
+            for (const QByteArray& frame : server->poll(100))
+                frames.push_back(frame);
+        }
+        return frames;
+    }
+    std::unique_ptr<VSocketServer> server;
+};
+
+TEST(VPageCacheStatsMessage, WireFormKeyMergeAndText)
+{
+    const QSharedPointer<VPageCacheStatsMessage> m = message(3, 120);
+    const QByteArray frame = VSocketBase::frame(*m);
+    // Length, kind, then the fields in their order.
+    EXPECT_EQ(QByteArray::fromHex("0000003a" "00000001" "00000002" "00000003" "00000003" "0000000000000078"
+                                  "00000009") + "Home page" + QByteArray::fromHex("0000000000000007" "00000001")
+                  + "k" + QByteArray::fromHex("000000006553f100"),
+              frame);
+    const VPageCacheStatsMessage back = decode(frame.mid(4));
+    EXPECT_EQ(QStringLiteral("3.7.k.2"), back.aggregationKey());
+    EXPECT_EQ(m->toString(), back.toString());
+    EXPECT_EQ(1700000000, back.timestamp);
+
+    QSharedPointer<VPageCacheStatsMessage> a = message(1, 1), b = message(1, 1);
+    a->merge(b);
+    EXPECT_EQ(2, a->counterValue);
+    EXPECT_EQ(1, b->counterValue);
+
+    EXPECT_EQ(QStringLiteral("Page Cache Message: {CounterType: -1, CounterValue: 0, RuleName: , Key: , AppID: -1}"),
+              VPageCacheStatsMessage().toString());
+
+    VPageCacheStatsMessage copy;
+    copy.assignFrom(m);
+    EXPECT_EQ(m->toString(), copy.toString());
+    EXPECT_EQ(7, copy.ruleId);
+}
+
+class StatsdClientTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(dir.isValid());
+        connection = QStringLiteral("unix:%1").arg(dir.filePath(QStringLiteral("statsd.sock")));
+        client.setConnectionString(connection);
+    }
+    QTemporaryDir dir;
+    QString connection;
+    VStatsdClient client;
+    VStatsdeAggregatorBase aggregator;
+    VeskServerInfo info;
+};
+
+TEST_F(StatsdClientTest, NothingToSendOpensNoSocket)
+{
+    client.flush(aggregator, info, VDebug::DEVNULL);
+    EXPECT_FALSE(client.isConnected());
+}
+
+TEST_F(StatsdClientTest, DaemonDownKeepsTheBatchForTheCaller)
+{
+    client.add(message(0, 1));
+    client.flush(aggregator, info, VDebug::DEVNULL);
+    EXPECT_FALSE(client.isConnected());
+    EXPECT_EQ(1u, client.messages().size());
+}
+
+TEST_F(StatsdClientTest, RestartedDaemonGetsTheNextBatchWhole)
+{
+    auto daemon = std::make_unique<Daemon>(connection);
+    client.add(message(0, 1));
+    client.add(message(1, 1));
+    client.flush(aggregator, info, VDebug::DEVNULL);
+    EXPECT_TRUE(client.messages().empty());
+    EXPECT_EQ(2u, daemon->receive(2).size());
+
+    // The daemon goes away and comes back; the client's socket is stale.
+    daemon.reset();
+    daemon = std::make_unique<Daemon>(connection);
+    for (int type : {0, 2, 3})
+        client.add(message(type, 1));
+    client.flush(aggregator, info, VDebug::DEVNULL);
+    const std::vector<QByteArray> frames = daemon->receive(3);
+    ASSERT_EQ(3u, frames.size());
+    EXPECT_EQ(2, decode(frames[1]).counterType);
+    EXPECT_TRUE(client.isConnected());
+}
+
+TEST(VSocketClient, ConnectionStrings)
+{
+    VSocketClient socket;
+    EXPECT_THROW(socket.connect(QString(), VDebug::DEVNULL), VException);
+    EXPECT_THROW(socket.connect(QStringLiteral("udp://127.0.0.1:1"), VDebug::DEVNULL), VException);
+    EXPECT_THROW(socket.connect(QStringLiteral("tcp://127.0.0.1"), VDebug::DEVNULL), VException);
+    EXPECT_THROW(socket.connect(QStringLiteral("unix:/nonexistent/statsd.sock"), VDebug::DEVNULL), VException);
+
+    Daemon daemon(QStringLiteral("tcp://127.0.0.1:0"));
+    EXPECT_EQ(0, daemon.server->connectionCount());
+}
+
+TEST(PageCachePulse, FactsOfARequest)
+{
+    QTemporaryDir dir;
+    PageCachePulse* pulse = PageCachePulse::instance();
+    // Before start-up nothing is gathered.
+    pulse->addPossible(1, QStringLiteral("r"));
+    EXPECT_TRUE(pulse->statsdClient().messages().empty());
+
+    VeskServerInfo info(QFile::encodeName(dir.path()).constData(), "nginx");
+    info.setServerNumber(4);
+    pulse->initialize(info, QStringLiteral("unix:VESK_PREFIX/statsd.sock"));
+    EXPECT_EQ(QStringLiteral("unix:%1/statsd.sock").arg(dir.path()), pulse->statsdClient().connectionString());
+    Daemon daemon(pulse->statsdClient().connectionString());
+
+    pulse->reset(9);
+    pulse->addPossible(1, QStringLiteral("r"));
+    pulse->addMiss(1, QStringLiteral("r"));
+    pulse->addTimeSaved(1, QStringLiteral("r"), QStringLiteral("key"));
+    const VMessageList& held = pulse->statsdClient().messages();
+    ASSERT_EQ(3u, held.size());
+    auto at = [&](size_t i) { return held[i].staticCast<VPageCacheStatsMessage>(); };
+    EXPECT_EQ(0, at(0)->serverNumber);
+    EXPECT_EQ(4, at(1)->serverNumber);
+    EXPECT_EQ(9, at(2)->appId);
+    // A fast request saves under a millisecond.
+    EXPECT_EQ(0, at(2)->counterValue);
+    EXPECT_EQ(QByteArray("key"), at(2)->key);
+
+    // An internal request keeps its facts to itself.
+    pulse->sendMessages(true, nullptr);
+    EXPECT_TRUE(held.empty());
+    EXPECT_TRUE(daemon.receive(1, 3).empty());
+
+    pulse->reset(9);
+    pulse->addPossible(1, QStringLiteral("r"));
+    pulse->addHit(1, QStringLiteral("r"), QStringLiteral("key"));
+    pulse->sendMessages(false, "http://a/");
+    const std::vector<QByteArray> frames = daemon.receive(2);
+    ASSERT_EQ(2u, frames.size());
+    EXPECT_EQ(1, decode(frames[1]).counterType);
+    EXPECT_TRUE(held.empty());
+}
+
+} // namespace
