@@ -4,6 +4,7 @@
 #include "ModuleState.h"
 #include "PageCacheConfig.h"
 #include "RequestState.h"
+#include "StatisticsRecords.h"
 #include "host/vesk_host.h"
 
 #include "CacheRule.h"
@@ -85,20 +86,28 @@ int conditionalStatus()
 
 namespace {
 
-void miss(const QString& ruleName)
+void miss(qint64 ruleId, const QString& ruleName)
 {
     RequestState& r = requestState;
     VLOG(moduleState.logStream, 3) << "Cache entry NOT found for :" << r.requestUrl << "rule" << ruleName
                                    << ", specific match key:" << r.matchKey << "buffering output from current request";
     startOutputCapture(0);
     r.buffering = true;
+    if (isRecordChannelOn())
+        queueStatisticsRecord(PageCacheStatRecord::Miss);
+    if (pageCacheConfig.pulse_enable)
+        PageCachePulse::instance()->addMiss(ruleId, ruleName);
 }
 
-void empty(int previousCode)
+void empty(int previousCode, qint64 ruleId, const QString& ruleName)
 {
     RequestState& r = requestState;
     VLOG(moduleState.logStream, 3) << "Cache entry is empty at NS" << r.namespaceKey << "and key" << r.matchKey
                                    << ". Will be replaced with the output of this request.";
+    if (isRecordChannelOn())
+        queueStatisticsRecord(PageCacheStatRecord::Miss);
+    if (pageCacheConfig.pulse_enable)
+        PageCachePulse::instance()->addMiss(ruleId, ruleName);
     startOutputCapture(0);
     r.buffering = true;
     setResponseCode(previousCode);
@@ -112,11 +121,14 @@ namespace {
 // answered (a page, a 304 or a 412) and the script must not run on. Every
 // value it made is gone when it returns, so the caller may unwind the
 // script without leaking them.
-bool serveOrCapture(const QString& ruleName)
+bool serveOrCapture(const QString& ruleName, qint64 ruleId)
 {
     RequestState& r = requestState;
     const VDebug::StreamId log = moduleState.logStream;
     VHTMLCache* cache = VHTMLCache::instance();
+    PageCachePulse* pulse = pageCacheConfig.pulse_enable ? PageCachePulse::instance() : nullptr;
+    if (pulse)
+        pulse->addPossible(ruleId, ruleName);
     r.buffering = false;
     const QByteArray split = splitKey(r.rule->d->splitBlock);
     VLOG(log, 5) << "Split by key is" << split;
@@ -150,13 +162,16 @@ bool serveOrCapture(const QString& ruleName)
     }
     r.compressionAllowed = r.compressionAllowed && pageCacheConfig.compression_enable && r.rule->d->compress;
     if (!usable || !cache->entryExists(r.namespaceKey, r.matchKey, false)) {
-        miss(ruleName);
+        miss(ruleId, ruleName);
         return false;
     }
     VLOG(log, 3) << "Cache entry found for url:" << r.requestUrl << ", rule name:" << ruleName
                  << ", specific match key:" << r.matchKey;
     const int previousCode = setResponseCode(status);
 
+    // A 304 is a hit without a body; a 412 counts for nothing.
+    if (status == 304 && pulse)
+        pulse->addHit(ruleId, ruleName, QString::fromLatin1(r.matchKey));
     if (status == 200) {
         CacheEntry entry;
         int compressedHit = 0;
@@ -165,14 +180,21 @@ bool serveOrCapture(const QString& ruleName)
             if (entry.formatTag() != 0) {
                 compressedHit = 1;
                 VLOG(log, 5) << "using compressed output" << entry.body() << "for :" << r.requestUrl;
+                if (pulse)
+                    pulse->addHit(ruleId, ruleName, QString::fromLatin1(r.matchKey));
             }
         }
         if (compressedHit == 0) {
             cache->readEntry(r.namespaceKey, r.matchKey, entry);
             if (entry.formatTag() == 0) {
-                empty(previousCode);
+                empty(previousCode, ruleId, ruleName);
                 return false;
             }
+            // Only a clear body served makes a record.
+            if (isRecordChannelOn())
+                queueStatisticsRecord(PageCacheStatRecord::Hit);
+            if (pulse)
+                pulse->addHit(ruleId, ruleName, QString::fromLatin1(r.matchKey));
             VLOG(log, 5) << "using cached output for :" << r.requestUrl;
         }
         if (purge && purge->isCreationTimePurged(entry.created(), r.appId)) {
@@ -204,8 +226,7 @@ bool serveOrCapture(const QString& ruleName)
 
 void decideFromCache(const char* preSessionData, const QString& ruleName, qint64 ruleId)
 {
-    Q_UNUSED(ruleId);
-    if (!serveOrCapture(ruleName))
+    if (!serveOrCapture(ruleName, ruleId))
         return;
     if (requestState.waitingForSession) {
         // The script is running already: it ends here.

@@ -8,6 +8,7 @@
 #include "host/vesk_host.h"
 
 #include "CacheRule.h"
+#include "PageCachePulse.h"
 #include "VHTMLCache.h"
 
 #include <QDateTime>
@@ -70,6 +71,8 @@ void storeToCache(const char* output, size_t length)
         VLOG(log, 0) << "Storing entry failed";
         return;
     }
+    if (pageCacheConfig.pulse_enable)
+        PageCachePulse::instance()->addTimeSaved(r.rule->id, r.rule->name, QString::fromLatin1(r.matchKey));
     if (r.responseCompressed)
         VLOG(log, 5) << "Stored compressed entry with size" << quint64(length) << "for" << r.requestUrl
                      << "with matched rule" << r.ruleUrl << "and specific match key" << r.matchKey;

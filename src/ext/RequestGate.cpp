@@ -7,6 +7,7 @@
 #include "PageCachePurgeRules.h"
 #include "PageCacheConfig.h"
 #include "RequestState.h"
+#include "StatisticsRecords.h"
 #include "host/vesk_host.h"
 
 #include "VDevBar.h"
@@ -113,6 +114,9 @@ int requestStartup()
             VLOG(log, 0) << e.what();
         }
     }
+    // The pulse counts for this request's application, whether it is on or not.
+    const qint32 appId = currentAppId();
+    PageCachePulse::instance()->reset(appId);
     if (!r.cleanRequest) {
         VLOG(log, 3) << "Unclean request state detected. Page Cache will not be active for this request.";
         return 0;
@@ -128,6 +132,7 @@ int requestStartup()
         VLOG(log, 5) << "Cache is not active since internal request is in progress";
         return 0;
     }
+    r.statisticsQueue.clear();
     r.responseCompressed = false;
     r.responseIsGzip = false;
     r.lastModifiedSent = false;
@@ -147,7 +152,7 @@ int requestStartup()
             VLOG(log, 5) << "Uncacheable request method";
         return 0;
     }
-    r.appId = currentAppId();
+    r.appId = appId;
 
     r.requestUrl = currentRequestUrl(false);
     const QByteArray urlWithPort = currentRequestUrl(true);
@@ -214,5 +219,9 @@ int requestShutdown()
         r.ruleActive = false;
     }
     r.cleanRequest = true;
+    if (isRecordChannelOn())
+        reportStatisticsRecords();
+    if (pageCacheConfig.pulse_enable)
+        PageCachePulse::instance()->sendMessages(isInternalRequest(), currentUrl());
     return 0;
 }

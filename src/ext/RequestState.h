@@ -4,6 +4,8 @@
 #include <QLinkedList>
 #include <QString>
 
+#include "PageCachePulse.h"
+
 class CacheRule;
 
 // What lives for one request. A worker serves one request at a time, so
@@ -36,6 +38,8 @@ struct RequestState
     bool lastModifiedSent = false;
     bool responseIsGzip = false;
     bool responseCompressed = false;
+    // Facts for the host's statistics function, reported at request end.
+    QList<PageCacheStatRecord> statisticsQueue;
 };
 
 extern RequestState requestState;

@@ -23,6 +23,8 @@ TRACE log_verbosity_level: 5
 TRACE compression_enable: 1 
 TRACE clean_frequency: 300 
 TRACE log_rotation_size: 20 
+INFO Initialising PageCache Pulse. 
+INFO Connection string set to:  
 DEBUG Cannot find /deployment.db 
 INFO Rules File: %s/conf/pagecache_rules.xml 
 TRACE Validating dependencies file %s/conf/pagecache_rules.xml with schema file at %s/conf/pagecache_rules_schema.xsd 
@@ -30,4 +32,5 @@ TRACE XML validation OK
 DEBUG Adding case sensitive regex - http://<default-server>/(?:index\.php)? 
 INFO New rules list: 
 INFO         Home page 
+DEBUG current script url is:  
 TRACE Uncacheable request method 

@@ -16,6 +16,8 @@ echo implode("\n", array_slice(vesk_info_rows(), 1, 1)), "\n";
 echo "still running\n";
 ?>
 --EXPECT--
+INFO Initialising PageCache Pulse. 
+INFO Connection string set to:  
 INFO Rules File: DIR/conf/missing.xml 
 ERROR Failed to open Rules File: DIR/conf/missing.xml 
 Enable => No

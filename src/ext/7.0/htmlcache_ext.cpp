@@ -4,6 +4,7 @@
 #include "GlobalDirectives.h"
 #include "HostProbes.h"
 #include "ModuleState.h"
+#include "PageCachePulse.h"
 #include "PageCachePurgeRules.h"
 #include "PageCacheConfig.h"
 #include "SessionHooks.h"
@@ -148,6 +149,8 @@ int moduleStartup()
     }
     logParameters();
     resolvePaths();
+    PageCachePulse::instance()->initialize(
+        moduleState.serverInfo, QString::fromUtf8(statsdConnectionString() ? statsdConnectionString() : ""));
 
     std::unique_ptr<VPrivilegesDropper> dropper;
     try {

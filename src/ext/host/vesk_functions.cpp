@@ -147,3 +147,28 @@ void vesk_wrong_param_count(VeskCall* call)
     (void)call;
     zend_wrong_param_count();
 }
+
+bool vesk_call_statistics_function(const char* name, const VeskStatisticsRecord& record)
+{
+    // Calling a function that isn't there would raise an error outside any
+    // script, at request end.
+    if (!zend_hash_str_exists(EG(function_table), name, strlen(name)))
+        return false;
+    zval function, argument, result;
+    ZVAL_STRING(&function, name);
+    array_init(&argument);
+    add_assoc_long(&argument, "record_type", record.recordType);
+    add_assoc_long(&argument, "record_sub_type", record.recordSubType);
+    add_assoc_double(&argument, "counter_value", record.counterValue);
+    add_assoc_long(&argument, "app_id", zend_long(record.appId));
+    if (record.userNamespace)
+        add_assoc_string(&argument, "user_namespace", record.userNamespace);
+    if (record.extraData)
+        add_assoc_string(&argument, "extra_data", record.extraData);
+    ZVAL_UNDEF(&result);
+    call_user_function(nullptr, nullptr, &function, &result, 1, &argument);
+    zval_ptr_dtor(&result);
+    zval_ptr_dtor(&argument);
+    zval_ptr_dtor(&function);
+    return true;
+}

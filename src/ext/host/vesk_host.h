@@ -199,3 +199,17 @@ int vesk_num_args(VeskCall* call);
 bool vesk_parse_parameters(VeskCall* call, const char* format, std::vector<VeskValue>* args);
 // The engine's own complaint about the number of arguments.
 void vesk_wrong_param_count(VeskCall* call);
+
+// One fact for the host's statistics function, as the array it receives.
+struct VeskStatisticsRecord
+{
+    int recordType;
+    int recordSubType;
+    double counterValue;
+    long long appId;
+    const char* userNamespace; // left out of the array when null
+    const char* extraData;     // likewise
+};
+// Calls the script's function `name` with the record as its one argument,
+// dropping the result. False when no such function is defined.
+bool vesk_call_statistics_function(const char* name, const VeskStatisticsRecord& record);
