@@ -1,5 +1,6 @@
 #include "RequestPath.h"
 
+#include "7.0/htmlcache_ext.h"
 #include "HostProbes.h"
 #include "ModuleState.h"
 #include "PageCacheConfig.h"

@@ -19,7 +19,6 @@
 #include <QRegExp>
 #include <strings.h>
 
-RequestState requestState;
 
 namespace {
 

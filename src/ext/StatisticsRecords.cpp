@@ -4,15 +4,9 @@
 #include "GlobalDirectives.h"
 #include "ModuleState.h"
 #include "RequestState.h"
-#include "7.0/htmlcache_ext.h"
 #include "host/vesk_host.h"
 
 #include "VDevBar.h"
-
-bool isRecordChannelOn()
-{
-    return statisticsEnabled() && isPageCacheStatisticsEnabled();
-}
 
 void queueStatisticsRecord(int recordType)
 {

@@ -4,8 +4,6 @@
 
 #include "PageCachePulse.h"
 
-// Both statistics switches, read afresh.
-bool isRecordChannelOn();
 // Appends a record of that type for the current application.
 void queueStatisticsRecord(int recordType);
 // Reports and empties the request's queue.

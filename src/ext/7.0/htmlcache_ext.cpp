@@ -29,7 +29,6 @@ const char* const PageCacheName = "Vesk Page Cache";
 const char* const PageCacheVersion = "2021.4.6";
 
 PageCacheConfig pageCacheConfig;
-ModuleState moduleState;
 
 namespace {
 
@@ -235,6 +234,11 @@ bool isPageCacheStatisticsEnabled()
     if (findDirective(name, sizeof name, &value) != 0 || !value)
         return false;
     return strtol(value, nullptr, 10) != 0;
+}
+
+bool isRecordChannelOn()
+{
+    return statisticsEnabled() && isPageCacheStatisticsEnabled();
 }
 
 void moduleInfo()

@@ -17,6 +17,8 @@ void reloadRules(bool isStartup);
 // Tells the extension manager, when one is loaded, why the cache is off.
 void disableExtension(const QString& reason);
 bool isPageCacheStatisticsEnabled();
+// Both statistics switches of the record channel, read afresh.
+bool isRecordChannelOn();
 
 extern const char* const PageCacheName;
 extern const char* const PageCacheVersion;

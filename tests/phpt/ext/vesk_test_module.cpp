@@ -6,6 +6,7 @@
 #include "zend_exceptions.h"
 
 #include "RulesProbe.h"
+#include "StatisticsRecords.h"
 
 #include <stdexcept>
 
@@ -79,6 +80,25 @@ PHP_FUNCTION(vesk_test_split_key)
     });
 }
 
+// Reports one statistics record the way request end does.
+PHP_FUNCTION(vesk_test_report_record)
+{
+    zend_long type, appId;
+    ZEND_PARSE_PARAMETERS_START(2, 2)
+        Z_PARAM_LONG(type)
+        Z_PARAM_LONG(appId)
+    ZEND_PARSE_PARAMETERS_END();
+    PageCacheStatRecord record;
+    record.recordType = int(type);
+    record.appId = appId;
+    guarded([&] { reportStatisticsRecord(record); });
+}
+
+ZEND_BEGIN_ARG_WITH_RETURN_TYPE_INFO_EX(arginfo_record, 0, 2, IS_VOID, 0)
+    ZEND_ARG_TYPE_INFO(0, type, IS_LONG, 0)
+    ZEND_ARG_TYPE_INFO(0, app_id, IS_LONG, 0)
+ZEND_END_ARG_INFO()
+
 ZEND_BEGIN_ARG_WITH_RETURN_TYPE_INFO_EX(arginfo_name, 0, 1, IS_MIXED, 0)
     ZEND_ARG_TYPE_INFO(0, name, IS_STRING, 0)
 ZEND_END_ARG_INFO()
@@ -98,6 +118,7 @@ static const zend_function_entry functions[] = {
     PHP_FE(vesk_test_global_exists, arginfo_name)
     PHP_FE(vesk_test_condition, arginfo_condition)
     PHP_FE(vesk_test_split_key, arginfo_split)
+    PHP_FE(vesk_test_report_record, arginfo_record)
     PHP_FE_END
 };
 

@@ -1,0 +1,7 @@
+#include "ModuleState.h"
+#include "RequestState.h"
+
+// The records themselves stand apart from the code that fills them, so
+// that a piece of the extension can be linked without the rest.
+ModuleState moduleState;
+RequestState requestState;
