@@ -18,6 +18,7 @@ import urllib.request
 SOURCE_ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 EXTENSION = os.environ.get("VESK_EXTENSION", os.path.join(SOURCE_ROOT, "build", "vesk_pagecache.so"))
 PHP = shutil.which("php8.2") or shutil.which("php")
+LISTENER = os.path.join(os.path.dirname(EXTENSION), "pagecache-statsd-listen")
 
 
 def free_port():
@@ -157,6 +158,52 @@ def _stop(process, output):
             os.killpg(process.pid, signal.SIGKILL)
             process.wait(timeout=10)
     output.close()
+
+
+class StatsListener:
+    """The receiving tool on a connection string, its lines read as they come."""
+
+    def __init__(self, connection):
+        import queue
+        import threading
+        self.lines = queue.Queue()
+        self.process = subprocess.Popen([LISTENER, connection], stdout=subprocess.PIPE,
+                                        stderr=subprocess.PIPE, start_new_session=True)
+        # It says so on standard error once it listens.
+        if not self.process.stderr.readline().startswith(b"listening on"):
+            self.stop()
+            raise RuntimeError("the listener did not start")
+        threading.Thread(target=self._read, daemon=True).start()
+
+    def _read(self):
+        for line in self.process.stdout:
+            self.lines.put(line.decode())
+
+    def take(self, count, seconds=5):
+        """Up to `count` lines that arrive within `seconds`."""
+        import queue
+        taken = []
+        deadline = time.monotonic() + seconds
+        while len(taken) < count:
+            left = deadline - time.monotonic()
+            if left <= 0:
+                break
+            try:
+                taken.append(self.lines.get(timeout=left))
+            except queue.Empty:
+                break
+        return taken
+
+    def stop(self):
+        if self.process.poll() is None:
+            os.killpg(self.process.pid, signal.SIGTERM)
+            try:
+                self.process.wait(timeout=10)
+            except subprocess.TimeoutExpired:
+                os.killpg(self.process.pid, signal.SIGKILL)
+                self.process.wait(timeout=10)
+        self.process.stdout.close()
+        self.process.stderr.close()
 
 
 def make_shared(workspace, *names):
