@@ -13,6 +13,18 @@ int ResponseHeaderCheck::operationOf(const QString& matchType)
     return Unknown;
 }
 
+QSharedPointer<ResponseHeaderCheck> ResponseHeaderCheck::create(const QString& name, const QString& matchType,
+                                                                const QString& value)
+{
+    QSharedPointer<ResponseHeaderCheck> check(new ResponseHeaderCheck);
+    check->name = name.trimmed().toUtf8();
+    check->matchType = matchType;
+    check->op = operationOf(matchType);
+    check->value = value.trimmed();
+    check->regex = QRegExp(value, Qt::CaseSensitive);
+    return check;
+}
+
 void ResponseRule::setResponseCodes(const QString& codes)
 {
     responseCodes = codes;

@@ -21,6 +21,9 @@ public:
         Unknown = -1, // never rejects
     };
     static int operationOf(const QString& matchType);
+    // One check as a rules file attribute set or a table row gives it.
+    static QSharedPointer<ResponseHeaderCheck> create(const QString& name, const QString& matchType,
+                                                      const QString& value);
 
     QByteArray name;
     QString matchType;

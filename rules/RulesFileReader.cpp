@@ -203,14 +203,9 @@ void RulesFileReader::parseResponseRule()
         while (nextStartWithin(QLatin1String("response_headers"))) {
             if (name() != QLatin1String("header"))
                 continue;
-            QSharedPointer<ResponseHeaderCheck> check(new ResponseHeaderCheck);
-            check->name = attribute(QLatin1String("name")).trimmed().toUtf8();
-            check->matchType = attribute(QLatin1String("match_type"));
-            check->op = ResponseHeaderCheck::operationOf(check->matchType);
-            const QString value = attribute(QLatin1String("value"));
-            check->value = value.trimmed();
-            check->regex = QRegExp(value, Qt::CaseSensitive);
-            rule.headerChecks.append(check);
+            rule.headerChecks.append(ResponseHeaderCheck::create(attribute(QLatin1String("name")),
+                                                                 attribute(QLatin1String("match_type")),
+                                                                 attribute(QLatin1String("value"))));
         }
     }
     responseRuleTable.insert(appId, rule);

@@ -1,0 +1,21 @@
+-- The task daemon's page cache tables, from which the rules file is made.
+-- One row per cache rule, its whole <url> element in META_XML, one row per
+-- application's response codes; one row per header check of an application.
+CREATE TABLE IF NOT EXISTS TKD_PAGECACHE_RULES (
+    RULE_ID INTEGER PRIMARY KEY,
+    APP_ID INTEGER NOT NULL DEFAULT -1,
+    NAME TEXT,
+    META_XML TEXT NOT NULL
+);
+CREATE TABLE IF NOT EXISTS TKD_PAGECACHE_RESPONSE_CODES (
+    APP_ID INTEGER PRIMARY KEY,
+    CODES TEXT NOT NULL
+);
+CREATE TABLE IF NOT EXISTS TKD_PAGECACHE_RESPONSE_HEADERS (
+    ID INTEGER PRIMARY KEY,
+    APP_ID INTEGER NOT NULL,
+    NAME TEXT NOT NULL,
+    OPERATION TEXT NOT NULL,
+    VALUE TEXT,
+    INHERIT_GLOBALS INTEGER NOT NULL DEFAULT 1
+);

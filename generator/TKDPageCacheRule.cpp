@@ -1,0 +1,221 @@
+#include "TKDPageCacheRule.h"
+
+#include "TkdSchema.h"
+#include "VException.h"
+#include "VeskDB.h"
+
+#include <QDomDocument>
+#include <QFile>
+#include <QMap>
+#include <QSqlError>
+#include <QTextStream>
+#include <QXmlStreamReader>
+#include <QXmlStreamWriter>
+
+#include <algorithm>
+#include <unistd.h>
+
+namespace {
+
+const int QueryRetries = 10;
+const int OpenAttempts = 10;
+const int RenameAttempts = 10;
+
+void runQuery(VSafeSqlQuery& query, const QString& text, VDebug::StreamId logStream)
+{
+    try {
+        query.prepare(text);
+        query.execWithRetries(logStream, QueryRetries);
+    } catch (const VException&) {
+        throw VException(QStringLiteral("Unable to load page cache rules. %1. %2")
+                             .arg(text, query.query().lastError().text()));
+    }
+}
+
+// Copies the text token by token without its whitespace, with the writer's
+// own indentation; a reader error ends the copy where it happened.
+QString reformat(const QString& text)
+{
+    QString out;
+    QXmlStreamReader reader(text);
+    QXmlStreamWriter writer(&out);
+    writer.setAutoFormatting(true);
+    while (!reader.atEnd()) {
+        reader.readNext();
+        if (reader.isWhitespace())
+            continue;
+        if (reader.hasError())
+            break;
+        writer.writeCurrentToken(reader);
+    }
+    return out;
+}
+
+// A rule's priority, -1 when it has none.
+int priorityOf(const QString& rule)
+{
+    QDomDocument doc;
+    doc.setContent(rule);
+    const QDomElement url = doc.firstChildElement(QStringLiteral("url"));
+    return url.hasAttribute(QStringLiteral("priority")) ? url.attribute(QStringLiteral("priority")).toInt() : -1;
+}
+
+bool firstHasPriority(const QString& rule)
+{
+    QDomDocument doc;
+    doc.setContent(rule);
+    return doc.firstChildElement(QStringLiteral("url")).hasAttribute(QStringLiteral("priority"));
+}
+
+} // namespace
+
+namespace TKDPageCacheRule {
+
+QStringList loadRequestRules(const QSqlDatabase& db, VDebug::StreamId logStream)
+{
+    VSafeSqlQuery query(db, true);
+    runQuery(query, QStringLiteral("select RULE_ID, APP_ID, NAME, META_XML from TKD_PAGECACHE_RULES"), logStream);
+    QStringList rules;
+    while (query.next()) {
+        const qint64 ruleId = query.value(0).toLongLong();
+        (void)query.value(1).toInt();
+        (void)query.value(2).toString();
+        // Text that doesn't parse gives an empty document, and an empty rule.
+        QDomDocument doc;
+        doc.setContent(query.value(3).toString());
+        QDomElement url = doc.firstChildElement(QStringLiteral("url"));
+        url.setAttribute(QStringLiteral("id"), QString::number(ruleId));
+        rules << doc.toString(1);
+    }
+    return rules;
+}
+
+void rulesToXml(const QSqlDatabase& db, QTextStream* stream, VDebug::StreamId logStream)
+{
+    QStringList rules = loadRequestRules(db, logStream);
+    // The first rule alone decides whether the list is sorted.
+    if (!rules.isEmpty() && firstHasPriority(rules.first())) {
+        std::stable_sort(rules.begin(), rules.end(), [](const QString& a, const QString& b) {
+            return priorityOf(a) > priorityOf(b);
+        });
+    }
+    for (const QString& rule : rules) {
+        const QString copy = reformat(rule);
+        // Whatever stands before the element, a declaration or a comment, goes.
+        const int start = copy.indexOf(QLatin1String("<url"));
+        if (start >= 0)
+            *stream << copy.mid(start);
+        VLOG(logStream, 5) << "TKDPageCacheRule::rulesToXml finished reading" << rules.size() << "request rules";
+    }
+}
+
+QList<ResponseRule> loadResponseRules(const QSqlDatabase& db, VDebug::StreamId logStream)
+{
+    VSafeSqlQuery query(db, true);
+    runQuery(query,
+             QStringLiteral(
+                 "select TKD_PAGECACHE_RESPONSE_CODES.APP_ID, TKD_PAGECACHE_RESPONSE_HEADERS.NAME, "
+                 "TKD_PAGECACHE_RESPONSE_HEADERS.OPERATION, TKD_PAGECACHE_RESPONSE_HEADERS.VALUE, "
+                 "TKD_PAGECACHE_RESPONSE_HEADERS.INHERIT_GLOBALS, TKD_PAGECACHE_RESPONSE_CODES.CODES from "
+                 "TKD_PAGECACHE_RESPONSE_CODES LEFT JOIN TKD_PAGECACHE_RESPONSE_HEADERS ON "
+                 "(TKD_PAGECACHE_RESPONSE_HEADERS.APP_ID = TKD_PAGECACHE_RESPONSE_CODES.APP_ID)"),
+             logStream);
+    QMap<qint32, ResponseRule> rules;
+    while (query.next()) {
+        const qint32 appId = query.value(0).toInt();
+        const QString name = query.value(1).toString();
+        ResponseRule& rule = rules[appId];
+        // The first row of an application settles its codes; codes that
+        // compile to nothing are taken anew from each row.
+        if (!rule.hasCodePatterns()) {
+            rule.appId = appId;
+            rule.setResponseCodes(query.value(5).toString());
+            rule.inheritGlobals = query.value(4).toInt() != 0;
+        }
+        if (!name.isEmpty())
+            rule.headerChecks.append(
+                ResponseHeaderCheck::create(name, query.value(2).toString(), query.value(3).toString()));
+    }
+    return rules.values();
+}
+
+// Values go in as they are, without escaping.
+QString responseRuleToXml(const ResponseRule& rule)
+{
+    QString xml = QStringLiteral("<response_rule app_id=\"%1\" response_codes=\"%2\">")
+                      .arg(rule.appId)
+                      .arg(rule.responseCodes);
+    if (!rule.headerChecks.isEmpty()) {
+        xml += QLatin1String("<response_headers>");
+        for (const QSharedPointer<ResponseHeaderCheck>& check : rule.headerChecks)
+            xml += QStringLiteral("<header name=\"%1\" match_type=\"%2\" value=\"%3\" />")
+                       .arg(QString::fromUtf8(check->name), check->matchType, check->value);
+        xml += QLatin1String("</response_headers>");
+    }
+    return xml + QLatin1String("</response_rule>");
+}
+
+QString buildRulesDocument(const QSqlDatabase& db, const QString& productDir, VDebug::StreamId logStream)
+{
+    (void)productDir;
+    try {
+        QString text;
+        QTextStream stream(&text, QIODevice::ReadWrite);
+        stream.setCodec("UTF-8");
+        stream << "<?xml version=\"1.0\" encoding=\"UTF-8\"?><cache_settings><dont_cache/><cache>";
+        rulesToXml(db, &stream, logStream);
+        for (const ResponseRule& rule : loadResponseRules(db, logStream))
+            stream << responseRuleToXml(rule);
+        stream << "</cache></cache_settings>";
+        stream.flush();
+        return reformat(text);
+    } catch (const VException& e) {
+        VLOG(logStream, 0) << "TKDTask::doUpdatePageCacheRules:" << e.what();
+        return QString();
+    }
+}
+
+QString writeRulesFile(const QSqlDatabase& db, const QString& productDir, VDebug::StreamId logStream)
+{
+    QFile file(productDir + QLatin1String("/etc/pagecache_rules.xml.new"));
+    for (int attempt = 0; attempt < OpenAttempts && !file.open(QIODevice::WriteOnly); ++attempt) {
+        VLOG(logStream, 5) << "Unable to open:" << file.fileName() << "." << file.errorString() << ". Retrying...";
+        usleep(500000);
+    }
+    if (!file.isOpen()) {
+        VLOG(logStream, 0) << "Unable to open" << file.fileName() << "." << file.errorString();
+        return QString();
+    }
+    // An empty document, from a failed read, replaces the rules all the same.
+    const QString document = buildRulesDocument(db, productDir, logStream);
+    VLOG(logStream, 3) << "New page cache rules file:";
+    VLOG(logStream, 3) << document;
+    file.write(document.toUtf8());
+    file.flush();
+
+    const QString target = productDir + QLatin1String("/etc/pagecache_rules.xml");
+    for (int attempt = 0; attempt < RenameAttempts; ++attempt) {
+        QFile::remove(target);
+        if (file.rename(target))
+            return document;
+        sleep(1);
+    }
+    throw VException(QStringLiteral("Cannot write new page cache rules file. %1").arg(file.errorString()));
+}
+
+void createTables(const QSqlDatabase& db)
+{
+    QString script;
+    for (const QString& line : QString::fromUtf8(tkdRulesSchemaSql).split('\n')) {
+        if (!line.trimmed().startsWith(QLatin1String("--")))
+            script += line + '\n';
+    }
+    for (const QString& statement : script.split(';')) {
+        if (statement.trimmed().isEmpty())
+            continue;
+        VSafeSqlQuery query(db, true);
+        query.exec(statement);
+    }
+}
+
+} // namespace TKDPageCacheRule
