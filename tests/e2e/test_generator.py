@@ -1,0 +1,78 @@
+"""The rules file generator run as a task daemon or operator would, beside a
+running server that picks the new file up by its date."""
+import os
+import shutil
+import sqlite3
+import subprocess
+import time
+import unittest
+
+import harness
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+GENERATOR = os.path.join(os.path.dirname(harness.EXTENSION), "pagecache-rules-generate")
+
+
+class Generator(unittest.TestCase):
+    def setUp(self):
+        self.workspace = harness.Workspace()
+        self.addCleanup(self.workspace.remove)
+        self.etc = self.workspace.path("etc")
+        os.makedirs(self.etc)
+        shutil.copy(os.path.join(harness.SOURCE_ROOT, "conf", "pagecache_rules_schema.xsd"), self.etc)
+        self.site = self.workspace.path("site")
+        shutil.copytree(os.path.join(HERE, "site"), self.site)
+        self.database = self.workspace.path("tkd.db")
+
+    def generate(self, *extra):
+        return subprocess.run([GENERATOR, "--db", self.database, "--product-dir", self.workspace.root] + list(extra),
+                              capture_output=True, timeout=60)
+
+    def runs(self):
+        try:
+            with open(os.path.join(self.site, "runs.log")) as f:
+                return f.read().split().count("page.php")
+        except FileNotFoundError:
+            return 0
+
+    def test_new_file_from_the_tables_is_taken_up_by_a_running_server(self):
+        # From nothing: the tables are made, and the file has no rules.
+        result = self.generate("--init")
+        self.assertEqual(0, result.returncode, result.stderr)
+        with open(os.path.join(self.etc, "pagecache_rules.xml")) as f:
+            self.assertNotIn("<url", f.read())
+
+        directives = self.workspace.directives(vesk__conf_dir=self.etc, vesk_pagecache__log_verbosity_level="3")
+        server = harness.BuiltinServer(self.workspace, self.site, directives)
+        self.addCleanup(server.stop)
+        for _ in range(2):
+            server.get("/page.php")
+        self.assertEqual(2, self.runs())
+
+        with sqlite3.connect(self.database) as db:
+            db.execute("INSERT INTO TKD_PAGECACHE_RULES VALUES (9, -1, 'Pages', ?)",
+                       ('<url schema="http" host="&amp;lt;default-server&amp;gt;" path="page\\.php" lifetime="300" '
+                        'match_type="regex_match" priority="1"><name>Pages</name></url>',))
+            db.execute("INSERT INTO TKD_PAGECACHE_RESPONSE_CODES VALUES (-1, '200')")
+        # A date the server can tell from the first file's.
+        time.sleep(1.1)
+        result = self.generate()
+        self.assertEqual(0, result.returncode, result.stderr)
+        self.assertFalse(os.path.exists(os.path.join(self.etc, "pagecache_rules.xml.new")))
+
+        for _ in range(3):
+            server.get("/page.php")
+        self.assertEqual(3, self.runs())
+        log = self.workspace.log()
+        self.assertIn("Reloading rules File..", log)
+        self.assertNotIn("ERROR]", log)
+
+    def test_without_a_database_nothing_is_written(self):
+        result = self.generate()
+        self.assertEqual(1, result.returncode)
+        self.assertIn(b"--init", result.stderr)
+        self.assertFalse(os.path.exists(os.path.join(self.etc, "pagecache_rules.xml")))
+
+
+if __name__ == "__main__":
+    unittest.main()
