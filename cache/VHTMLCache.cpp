@@ -162,6 +162,9 @@ bool VHTMLCache::validateRulesFile(const char* rulesFile)
                         const_cast<char16_t*>(location.c_str()));
     std::unique_ptr<ParserErrorHandler> handler(new ParserErrorHandler);
     parser->setErrorHandler(handler.get());
+    DoctypeRefuser refuser;
+    parser->setContentHandler(&refuser);
+    parser->setLexicalHandler(&refuser);
     VLOG(PageCacheLogStream, 5) << "Validating dependencies file" << rulesFile << "with schema file at" << schema;
     try {
         parser->parse(rulesFile);

@@ -203,6 +203,36 @@ TEST_F(LoadTest, SchemaRefusesWhatTheReaderMustNeverSee)
     }
 }
 
+TEST_F(LoadTest, DocumentTypesAreRefusedBeforeAnyEntity)
+{
+    // Were the entities expanded, the secret would become a rule's name, the
+    // laughs would eat the worker's memory, and the URL would be fetched.
+    QFile secret(dir.filePath(QStringLiteral("secret.txt")));
+    ASSERT_TRUE(secret.open(QIODevice::WriteOnly));
+    secret.write("secret-text");
+    secret.close();
+    const QByteArray attempts[] = {
+        "<!DOCTYPE cache_settings [<!ENTITY s SYSTEM \"file://" + QFile::encodeName(secret.fileName())
+            + "\">]>\n<cache_settings><dont_cache/><cache><url schema=\"http\" host=\"h\" path=\"p\">"
+              "<name>&s;</name></url></cache></cache_settings>",
+        "<!DOCTYPE cache_settings [<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;\">"
+        "<!ENTITY c \"&b;&b;&b;&b;&b;&b;&b;&b;&b;&b;\"><!ENTITY d \"&c;&c;&c;&c;&c;&c;&c;&c;&c;&c;\">]>\n"
+        "<cache_settings><dont_cache/><cache><url schema=\"http\" host=\"h\" path=\"p\"><name>&d;</name>"
+        "</url></cache></cache_settings>",
+        "<!DOCTYPE cache_settings SYSTEM \"http://127.0.0.1:9/rules.dtd\">\n<cache_settings><dont_cache/>"
+        "<cache/></cache_settings>",
+    };
+    for (const QByteArray& body : attempts) {
+        EXPECT_FALSE(load(write("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n" + body))) << body.constData();
+        const QString error = VHTMLCache::instance()->lastError();
+        EXPECT_TRUE(error.startsWith(QStringLiteral("Dependencies file validation error on line 2 ")))
+            << error.toStdString();
+        EXPECT_TRUE(error.contains(QStringLiteral("DOCTYPE"), Qt::CaseInsensitive)) << error.toStdString();
+        EXPECT_TRUE(VHTMLCache::instance()->rules().isEmpty());
+        EXPECT_FALSE(log().contains("secret-text"));
+    }
+}
+
 TEST_F(LoadTest, ReaderFailureAfterValidationLeavesNoRules)
 {
     EXPECT_FALSE(load(write(rulesXml(R"(<url schema="http" host="h" path="p"/><url schema="http" host="h" path="p"/>)"))));
