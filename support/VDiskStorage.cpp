@@ -12,12 +12,13 @@
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
+#include <signal.h>
 #include <zlib.h>
 
 namespace {
 
 const char Magic[4] = {'V', 'K', 'D', 'S'};
-const quint32 FormatVersion = 1;
+const quint32 FormatVersion = 2;
 const char TempPrefix[] = ".tmp-";
 const char TrashPrefix[] = ".trash-";
 // A temporary file this old belongs to a writer that died.
@@ -28,7 +29,13 @@ struct Header
     qint64 writeTime = 0;
     qint64 lifetime = 0;
     quint64 length = 0;
-    quint32 valueCrc = 0;
+    quint32 nsLength = 0;
+    quint32 keyLength = 0;
+    // Over namespace, key and value together.
+    quint32 bodyCrc = 0;
+
+    quint64 identityLength() const { return quint64(nsLength) + keyLength; }
+    quint64 valueOffset() const { return VDiskStorage::HeaderSize + identityLength(); }
 
     bool expiredAt(qint64 now) const { return lifetime > 0 && now >= writeTime + lifetime; }
 };
@@ -61,9 +68,9 @@ quint64 get64(const char* at)
     return v;
 }
 
-quint32 crc(const char* data, size_t size)
+quint32 crc(const char* data, size_t size, quint32 start = quint32(crc32(0L, Z_NULL, 0)))
 {
-    uLong value = crc32(0L, Z_NULL, 0);
+    uLong value = start;
     while (size > 0) {
         const uInt chunk = uInt(qMin<size_t>(size, 1u << 30));
         value = crc32(value, reinterpret_cast<const Bytef*>(data), chunk);
@@ -82,8 +89,10 @@ QByteArray encodeHeader(const Header& h)
     put64(at + 8, quint64(h.writeTime));
     put64(at + 16, quint64(h.lifetime));
     put64(at + 24, h.length);
-    put32(at + 32, h.valueCrc);
-    put32(at + 36, crc(at, 36));
+    put32(at + 32, h.nsLength);
+    put32(at + 36, h.keyLength);
+    put32(at + 40, h.bodyCrc);
+    put32(at + 44, crc(at, 44));
     return bytes;
 }
 
@@ -93,15 +102,73 @@ bool readHeader(int fd, Header* h)
     char bytes[VDiskStorage::HeaderSize];
     if (pread(fd, bytes, sizeof bytes, 0) != ssize_t(sizeof bytes))
         return false;
-    if (memcmp(bytes, Magic, 4) != 0 || get32(bytes + 4) != FormatVersion || get32(bytes + 36) != crc(bytes, 36))
+    if (memcmp(bytes, Magic, 4) != 0 || get32(bytes + 4) != FormatVersion || get32(bytes + 44) != crc(bytes, 44))
         return false;
     h->writeTime = qint64(get64(bytes + 8));
     h->lifetime = qint64(get64(bytes + 16));
     h->length = get64(bytes + 24);
-    h->valueCrc = get32(bytes + 32);
+    h->nsLength = get32(bytes + 32);
+    h->keyLength = get32(bytes + 36);
+    h->bodyCrc = get32(bytes + 40);
     struct stat st;
-    return fstat(fd, &st) == 0 && quint64(st.st_size) == quint64(VDiskStorage::HeaderSize) + h->length
-           && h->length <= quint64(INT_MAX);
+    return fstat(fd, &st) == 0 && h->length <= quint64(INT_MAX) && h->identityLength() <= 1u << 20
+           && quint64(st.st_size) == h->valueOffset() + h->length;
+}
+
+bool readAll(int fd, char* buffer, size_t size, off_t offset)
+{
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t n = pread(fd, buffer + done, size - done, offset + off_t(done));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        done += size_t(n);
+    }
+    return true;
+}
+
+// The namespace and key the record says it holds, as the writer put them.
+bool readIdentity(int fd, const Header& h, QByteArray* identity)
+{
+    identity->resize(int(h.identityLength()));
+    return readAll(fd, identity->data(), size_t(identity->size()), VDiskStorage::HeaderSize);
+}
+
+// Opens a record and checks that its header is sound and that it is the
+// record of that namespace and key; -1 otherwise, with `doubtful` set when
+// a file was there but didn't check out.
+int openRecord(const QByteArray& path, const QByteArray& ns, const QByteArray& key, Header* h, bool* doubtful)
+{
+    *doubtful = false;
+    const int fd = open(path.constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return -1;
+    QByteArray identity;
+    if (readHeader(fd, h) && h->nsLength == quint32(ns.size()) && h->keyLength == quint32(key.size())
+        && readIdentity(fd, *h, &identity) && identity == ns + key)
+        return fd;
+    *doubtful = true;
+    close(fd);
+    return -1;
+}
+
+// Drops a record that didn't check out, unless a writer has put a new one
+// in its place meanwhile.
+void dropDoubtful(const QByteArray& path, const struct stat& judged)
+{
+    struct stat current;
+    if (lstat(path.constData(), &current) == 0 && current.st_ino == judged.st_ino
+        && current.st_dev == judged.st_dev)
+        unlink(path.constData());
+}
+
+void dropDoubtful(const QByteArray& path)
+{
+    struct stat judged;
+    if (lstat(path.constData(), &judged) == 0)
+        dropDoubtful(path, judged);
 }
 
 // Names of namespaces and keys become file names: safe ones as they are,
@@ -267,8 +334,12 @@ bool VDiskStorage::write(const QByteArray& ns, const QByteArray& key, const QByt
     h.writeTime = m_env->now();
     h.lifetime = qMax(0, lifetime);
     h.length = quint64(value.size());
-    h.valueCrc = crc(value.constData(), size_t(value.size()));
-    const QByteArray header = encodeHeader(h);
+    h.nsLength = quint32(ns.size());
+    h.keyLength = quint32(key.size());
+    h.bodyCrc = crc(value.constData(), size_t(value.size()), crc((ns + key).constData(), size_t(ns.size() + key.size())));
+    // The record names its own namespace and key, so a file that lands in
+    // the wrong place can never answer for another page.
+    const QByteArray header = encodeHeader(h) + ns + key;
     // Written aside and renamed over the record: a reader sees the old or the
     // new value whole. A clear may remove the directory meanwhile; then the
     // write starts once more.
@@ -300,26 +371,27 @@ bool VDiskStorage::write(const QByteArray& ns, const QByteArray& key, const QByt
 
 char* VDiskStorage::read(const QByteArray& ns, const QByteArray& key, int* length)
 {
-    const int fd = open(recordPath(ns, key).constData(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return nullptr;
+    const QByteArray path = recordPath(ns, key);
     Header h;
+    bool doubtful = false;
+    const int fd = openRecord(path, ns, key, &h, &doubtful);
+    if (fd < 0) {
+        if (doubtful)
+            dropDoubtful(path);
+        return nullptr;
+    }
     char* buffer = nullptr;
-    if (readHeader(fd, &h) && !h.expiredAt(m_env->now())) {
+    if (!h.expiredAt(m_env->now())) {
         buffer = static_cast<char*>(malloc(qMax<size_t>(size_t(h.length), 1)));
-        size_t done = 0;
-        while (buffer && done < h.length) {
-            const ssize_t n = pread(fd, buffer + done, size_t(h.length) - done, off_t(HeaderSize + done));
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0)
-                break;
-            done += size_t(n);
-        }
-        if (!buffer || done != h.length || crc(buffer, done) != h.valueCrc) {
+        const quint32 identityCrc = crc((ns + key).constData(), size_t(ns.size() + key.size()));
+        if (buffer && (!readAll(fd, buffer, size_t(h.length), off_t(h.valueOffset()))
+                       || crc(buffer, size_t(h.length), identityCrc) != h.bodyCrc)) {
             free(buffer);
             buffer = nullptr;
-        } else if (length) {
+            struct stat judged;
+            if (fstat(fd, &judged) == 0)
+                dropDoubtful(path, judged);
+        } else if (buffer && length) {
             *length = int(h.length);
         }
     }
@@ -329,24 +401,32 @@ char* VDiskStorage::read(const QByteArray& ns, const QByteArray& key, int* lengt
 
 bool VDiskStorage::contains(const QByteArray& ns, const QByteArray& key, bool)
 {
-    const int fd = open(recordPath(ns, key).constData(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return false;
+    const QByteArray path = recordPath(ns, key);
     Header h;
-    const bool live = readHeader(fd, &h) && !h.expiredAt(m_env->now());
+    bool doubtful = false;
+    const int fd = openRecord(path, ns, key, &h, &doubtful);
+    if (fd < 0) {
+        if (doubtful)
+            dropDoubtful(path);
+        return false;
+    }
     close(fd);
-    return live;
+    return !h.expiredAt(m_env->now());
 }
 
 long VDiskStorage::getLastModified(const QByteArray& ns, const QByteArray& key)
 {
-    const int fd = open(recordPath(ns, key).constData(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return -1;
+    const QByteArray path = recordPath(ns, key);
     Header h;
-    const bool ok = readHeader(fd, &h);
+    bool doubtful = false;
+    const int fd = openRecord(path, ns, key, &h, &doubtful);
+    if (fd < 0) {
+        if (doubtful)
+            dropDoubtful(path);
+        return -1;
+    }
     close(fd);
-    return ok ? long(h.writeTime + h.lifetime) : -1;
+    return long(h.writeTime + h.lifetime);
 }
 
 bool VDiskStorage::remove(const QByteArray& ns, const QByteArray& key)
@@ -390,7 +470,10 @@ bool VDiskStorage::cleanExpired()
         const QByteArray name = path.mid(path.lastIndexOf('/') + 1);
         struct stat st;
         if (name.startsWith(TempPrefix)) {
-            if (lstat(path.constData(), &st) == 0 && now - qint64(st.st_mtime) > StaleTempSeconds)
+            // A write in progress, unless its writer is gone or it is old.
+            const pid_t writer = pid_t(name.mid(int(strlen(TempPrefix))).split('-').value(0).toLongLong());
+            const bool writerGone = writer > 0 && kill(writer, 0) != 0 && errno == ESRCH;
+            if (lstat(path.constData(), &st) == 0 && (writerGone || now - qint64(st.st_mtime) > StaleTempSeconds))
                 unlink(path.constData());
             continue;
         }

@@ -60,7 +60,7 @@ public:
     // Where a record lies; exposed for the tests of the format.
     QByteArray recordPath(const QByteArray& ns, const QByteArray& key) const;
 
-    static const int HeaderSize = 40;
+    static const int HeaderSize = 48;
 
 private:
     QByteArray namespaceDir(const QByteArray& ns) const;

@@ -76,7 +76,8 @@ TEST_F(StoreTest, RecordsLieUnderTheNamedTreeAtTheConfiguredDepth)
     EXPECT_TRUE(path.startsWith(root() + "/HTML-Cache/ns/"));
     EXPECT_EQ(2, path.mid(root().size() + strlen("/HTML-Cache/ns/")).count('/'));
     EXPECT_TRUE(QFile::exists(QString::fromLocal8Bit(path)));
-    EXPECT_EQ(QFile(QString::fromLocal8Bit(path)).size(), VDiskStorage::HeaderSize + 5);
+    // The header, the record's own namespace and key, then the value.
+    EXPECT_EQ(QFile(QString::fromLocal8Bit(path)).size(), VDiskStorage::HeaderSize + 2 + 3 + 5);
 }
 
 TEST_F(StoreTest, ReadContainsAndLifetimes)
@@ -165,10 +166,60 @@ TEST_F(StoreTest, DamagedValueIsNeverHandedOut)
     ASSERT_TRUE(put("ns", "key", "abcdef"));
     QFile file(QString::fromLocal8Bit(store->recordPath("ns", "key")));
     ASSERT_TRUE(file.open(QIODevice::ReadWrite));
-    file.seek(VDiskStorage::HeaderSize + 2);
+    file.seek(VDiskStorage::HeaderSize + 5 + 2);
     file.write("X");
     file.close();
     EXPECT_EQ(QByteArray("<none>"), get("ns", "key"));
+    // The read takes the damaged record away, and the next write replaces it.
+    EXPECT_FALSE(file.exists());
+    ASSERT_TRUE(put("ns", "key", "fresh"));
+    EXPECT_EQ(QByteArray("fresh"), get("ns", "key"));
+}
+
+TEST_F(StoreTest, EveryBitFlipAndTruncationIsAMiss)
+{
+    ASSERT_TRUE(put("ns", "key", "a stored page", 1000));
+    const QString path = QString::fromLocal8Bit(store->recordPath("ns", "key"));
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    const QByteArray good = file.readAll();
+    file.close();
+    auto install = [&](const QByteArray& bytes) {
+        QFile out(path);
+        ASSERT_TRUE(out.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        out.write(bytes);
+    };
+    for (int bit = 0; bit < good.size() * 8; ++bit) {
+        QByteArray bad = good;
+        bad[bit / 8] = char(bad[bit / 8] ^ (1 << (bit % 8)));
+        install(bad);
+        const QByteArray value = get("ns", "key");
+        // A flip in the time fields may leave a sound record of another age;
+        // it never yields other content.
+        EXPECT_TRUE(value == "<none>" || value == "a stored page") << "bit " << bit;
+        if (value == "<none>") {
+            EXPECT_FALSE(QFile::exists(path)) << "bit " << bit;
+        }
+    }
+    for (int size = 0; size < good.size(); ++size) {
+        install(good.left(size));
+        EXPECT_EQ(QByteArray("<none>"), get("ns", "key")) << "size " << size;
+    }
+    install(good);
+    EXPECT_EQ(QByteArray("a stored page"), get("ns", "key"));
+}
+
+TEST_F(StoreTest, ARecordInAnotherPlaceNeverAnswersForIt)
+{
+    ASSERT_TRUE(put("ns", "mine", "my page"));
+    ASSERT_TRUE(put("ns", "yours", "your page"));
+    const QString yours = QString::fromLocal8Bit(store->recordPath("ns", "yours"));
+    QFile::remove(yours);
+    ASSERT_TRUE(QFile::copy(QString::fromLocal8Bit(store->recordPath("ns", "mine")), yours));
+    EXPECT_FALSE(store->contains("ns", "yours", false));
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "yours"));
+    EXPECT_FALSE(QFile::exists(yours));
+    EXPECT_EQ(QByteArray("my page"), get("ns", "mine"));
 }
 
 TEST_F(StoreTest, FailedWriteKeepsTheOldRecordAndSaysWhy)
