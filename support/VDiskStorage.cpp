@@ -233,6 +233,10 @@ void removeTree(const QByteArray& path)
 
 VDiskStorageEnv::~VDiskStorageEnv() = default;
 
+void VDiskStorageEnv::reached(WriteStep)
+{
+}
+
 bool VDiskStorageEnv::writeNewFile(const QByteArray& path, const QByteArray& header, const QByteArray& value,
                                    QByteArray* error)
 {
@@ -241,7 +245,13 @@ bool VDiskStorageEnv::writeNewFile(const QByteArray& path, const QByteArray& hea
         *error = strerror(errno);
         return false;
     }
-    for (const QByteArray* part : {&header, &value}) {
+    reached(TempOpened);
+    const int half = value.size() / 2;
+    const QByteArray first = QByteArray::fromRawData(value.constData(), half);
+    const QByteArray second = QByteArray::fromRawData(value.constData() + half, value.size() - half);
+    for (const QByteArray* part : {&header, &first, &second}) {
+        if (part == &second)
+            reached(HalfWritten);
         const char* data = part->constData();
         size_t left = size_t(part->size());
         while (left > 0) {
@@ -354,7 +364,9 @@ bool VDiskStorage::write(const QByteArray& ns, const QByteArray& key, const QByt
             lastError = "Cannot write " + temp + ": " + error;
             return false;
         }
+        m_env->reached(VDiskStorageEnv::BeforeRename);
         if (m_env->renameFile(temp, path, &error)) {
+            m_env->reached(VDiskStorageEnv::AfterRename);
             if (outFlag)
                 *outFlag = 1;
             return true;

@@ -16,6 +16,10 @@ public:
     // Seconds since 1970.
     virtual qint64 now();
 
+    // The moments of a write, for tests that stop a writer dead at each.
+    enum WriteStep { TempOpened, HalfWritten, BeforeRename, AfterRename };
+    virtual void reached(WriteStep step);
+
     static VDiskStorageEnv* system();
 };
 

@@ -7,7 +7,10 @@
 
 #include <gtest/gtest.h>
 #include <memory>
+#include <csignal>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -27,6 +30,19 @@ public:
         }
         return VDiskStorageEnv::writeNewFile(path, header, value, error);
     }
+};
+
+// Dies where it is told, as a worker killed with SIGKILL would.
+class DyingEnv : public TestEnv
+{
+public:
+    explicit DyingEnv(WriteStep step) : step(step) {}
+    void reached(WriteStep now) override
+    {
+        if (now == step)
+            raise(SIGKILL);
+    }
+    WriteStep step;
 };
 
 class StoreTest : public ::testing::Test
@@ -57,6 +73,19 @@ protected:
     {
         int count = 0;
         QDirIterator it(QString::fromLocal8Bit(path), QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            it.next();
+            ++count;
+        }
+        return count;
+    }
+
+    // Files anywhere under the root whose names fit `pattern`.
+    int countFiles(const char* pattern) const
+    {
+        int count = 0;
+        QDirIterator it(dir.path(), QStringList{QString::fromLatin1(pattern)}, QDir::Files | QDir::Hidden,
+                        QDirIterator::Subdirectories);
         while (it.hasNext()) {
             it.next();
             ++count;
@@ -258,3 +287,32 @@ TEST_F(StoreTest, UnusableRootFailsEachOperationCleanly)
 }
 
 } // namespace
+
+TEST_F(StoreTest, AWriterKilledAtAnyStepLeavesAWholeRecordAndNoLitter)
+{
+    const QByteArray oldValue(100000, 'o');
+    const QByteArray newValue(200000, 'n');
+    for (VDiskStorageEnv::WriteStep step : {VDiskStorageEnv::TempOpened, VDiskStorageEnv::HalfWritten,
+                                            VDiskStorageEnv::BeforeRename, VDiskStorageEnv::AfterRename}) {
+        ASSERT_TRUE(put("ns", "key", oldValue));
+        const pid_t child = fork();
+        ASSERT_NE(-1, child);
+        if (child == 0) {
+            DyingEnv dying(step);
+            VDiskStorage victim(VDiskStorage::VDiskStorageInit(2, root(), 1, "HTML-Cache", false), &dying);
+            char flag;
+            victim.write("ns", "key", newValue, &flag, 0, 0);
+            _exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(child, waitpid(child, &status, 0));
+        ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "step " << step;
+
+        const QByteArray value = get("ns", "key");
+        EXPECT_EQ(step == VDiskStorageEnv::AfterRename ? newValue : oldValue, value) << "step " << step;
+        EXPECT_TRUE(store->cleanExpired());
+        EXPECT_EQ(0, countFiles(".tmp-*")) << "step " << step;
+        ASSERT_TRUE(put("ns", "key", "after"));
+        EXPECT_EQ(QByteArray("after"), get("ns", "key"));
+    }
+}
