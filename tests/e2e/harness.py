@@ -91,14 +91,14 @@ def php_command(directives):
 class BuiltinServer:
     """`php -S` with the extension loaded, serving a document root."""
 
-    def __init__(self, workspace, docroot, directives, workers=0, port=None):
+    def __init__(self, workspace, docroot, directives, workers=0, port=None, wrapper=()):
         self.port = port or free_port()
         env = dict(os.environ)
         if workers:
             env["PHP_CLI_SERVER_WORKERS"] = str(workers)
         self.output = open(workspace.path("server.out"), "wb")
         self.process = subprocess.Popen(
-            php_command(directives) + ["-S", "127.0.0.1:%d" % self.port, "-t", docroot],
+            list(wrapper) + php_command(directives) + ["-S", "127.0.0.1:%d" % self.port, "-t", docroot],
             stdout=self.output, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, env=env,
             start_new_session=True)
         self._wait_until_listening()

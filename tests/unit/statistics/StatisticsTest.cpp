@@ -5,6 +5,7 @@
 #include "VStatsdClient.h"
 
 #include <QDataStream>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
 
@@ -136,6 +137,24 @@ TEST_F(StatsdClientTest, RestartedDaemonGetsTheNextBatchWhole)
     ASSERT_EQ(3u, frames.size());
     EXPECT_EQ(2, decode(frames[1]).counterType);
     EXPECT_TRUE(client.isConnected());
+}
+
+TEST_F(StatsdClientTest, ADaemonThatNeverReadsCostsAWriteItsTimeout)
+{
+    // Accepts nothing and reads nothing: the kernel's buffers fill up.
+    VSocketServer silent(connection);
+    VSocketClient socket;
+    socket.connect(connection, VDebug::DEVNULL);
+    VMessageList batch;
+    QSharedPointer<VPageCacheStatsMessage> big = message(0, 1, 7, "");
+    big->ruleName = QByteArray(64 * 1024, 'r');
+    for (int i = 0; i < 200; ++i)
+        batch.push_back(big);
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_THROW(socket.writeMessages(batch), VException);
+    // The write gives up at its limit instead of waiting for the daemon.
+    EXPECT_LT(timer.elapsed(), 10 * VSocketBase::TimeoutMs);
 }
 
 TEST(VSocketClient, ConnectionStrings)
