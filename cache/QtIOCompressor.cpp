@@ -33,19 +33,10 @@ public:
     int streamFormat = QtIOCompressor::ZlibFormat;
 };
 
-namespace {
-// Error strings are set through the device's protected member.
-class ErrorSetter : public QIODevice
-{
-public:
-    static void set(QIODevice* device, const QString& text) { static_cast<ErrorSetter*>(device)->setErrorString(text); }
-};
-} // namespace
-
 void QtIOCompressorPrivate::setZlibError(const char* prefix, int code)
 {
     const char* text = zError(code);
-    ErrorSetter::set(owner, text ? QLatin1String(prefix) + QLatin1String(text)
+    owner->setErrorText(text ? QLatin1String(prefix) + QLatin1String(text)
                                  : QLatin1String(prefix) + QStringLiteral(" Unknown error, code ") + QString::number(code));
 }
 
@@ -56,7 +47,7 @@ bool QtIOCompressorPrivate::writeBytes(const char* data, qint64 size)
         // The pointer isn't advanced: memory buffers take everything at once.
         const qint64 n = device->write(data, size);
         if (n == -1) {
-            ErrorSetter::set(owner, QStringLiteral("Error writing to underlying device: ") + device->errorString());
+            owner->setErrorText(QStringLiteral("Error writing to underlying device: ") + device->errorString());
             return false;
         }
         written += n;

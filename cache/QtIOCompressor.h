@@ -35,6 +35,10 @@ protected:
     qint64 writeData(const char* data, qint64 size) override;
 
 private:
+    friend class QtIOCompressorPrivate;
+    // The device's error text is protected in QIODevice; the private half sets it here.
+    void setErrorText(const QString& text) { setErrorString(text); }
+
     QScopedPointer<QtIOCompressorPrivate> d;
 };
 

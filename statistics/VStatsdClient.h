@@ -47,7 +47,8 @@ private:
     void dropSocket();
 
     VMessageList m_messages;
-    qint32 m_period = 60;
+    // Kept for the daemon protocol; nothing here reads it.
+    [[maybe_unused]] qint32 m_period = 60;
     QString m_connectionString;
     VSocketClient* m_socket = nullptr;
 };
