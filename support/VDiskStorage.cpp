@@ -13,6 +13,7 @@
 #include <time.h>
 #include <unistd.h>
 #include <signal.h>
+#include <QtEndian>
 #include <zlib.h>
 
 namespace {
@@ -42,30 +43,22 @@ struct Header
 
 void put32(char* at, quint32 v)
 {
-    for (int i = 0; i < 4; ++i)
-        at[i] = char(v >> (8 * i));
+    qToLittleEndian(v, at);
 }
 
 void put64(char* at, quint64 v)
 {
-    for (int i = 0; i < 8; ++i)
-        at[i] = char(v >> (8 * i));
+    qToLittleEndian(v, at);
 }
 
 quint32 get32(const char* at)
 {
-    quint32 v = 0;
-    for (int i = 3; i >= 0; --i)
-        v = (v << 8) | quint8(at[i]);
-    return v;
+    return qFromLittleEndian<quint32>(at);
 }
 
 quint64 get64(const char* at)
 {
-    quint64 v = 0;
-    for (int i = 7; i >= 0; --i)
-        v = (v << 8) | quint8(at[i]);
-    return v;
+    return qFromLittleEndian<quint64>(at);
 }
 
 quint32 crc(const char* data, size_t size, quint32 start = quint32(crc32(0L, Z_NULL, 0)))
@@ -82,8 +75,7 @@ quint32 crc(const char* data, size_t size, quint32 start = quint32(crc32(0L, Z_N
 
 QByteArray encodeHeader(const Header& h)
 {
-    QByteArray bytes(VDiskStorage::HeaderSize, '\0');
-    char* at = bytes.data();
+    char at[VDiskStorage::HeaderSize] = {};
     memcpy(at, Magic, 4);
     put32(at + 4, FormatVersion);
     put64(at + 8, quint64(h.writeTime));
@@ -93,7 +85,7 @@ QByteArray encodeHeader(const Header& h)
     put32(at + 36, h.keyLength);
     put32(at + 40, h.bodyCrc);
     put32(at + 44, crc(at, 44));
-    return bytes;
+    return QByteArray(at, VDiskStorage::HeaderSize);
 }
 
 // Reads and checks the header; false for anything doubtful.
