@@ -1,0 +1,140 @@
+"""Workers killed in the middle of their work and stored pages damaged on
+disk: no partial or wrong page is ever served, and the cache goes on."""
+import os
+import random
+import shutil
+import signal
+import threading
+import time
+import unittest
+
+import harness
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+RULES = """<?xml version="1.0" encoding="UTF-8"?>
+<cache_settings><dont_cache/><cache>
+  <url schema="http" host="&lt;default-server&gt;" path="page\\.php" lifetime="300" match_type="regex_match">
+    <name>Pages</name>
+    <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by>
+  </url>
+</cache></cache_settings>
+"""
+
+
+def whole(body, size):
+    """A page of page.php: exactly `size` bytes of one piece."""
+    return len(body) == size and body.startswith(b"<p>page ") and b"</p>" in body[:40]
+
+
+def records(root):
+    for directory, _, names in os.walk(os.path.join(root, "HTML-Cache")):
+        for name in names:
+            if not name.startswith("."):
+                yield os.path.join(directory, name)
+
+
+class Crashes(unittest.TestCase):
+    def setUp(self):
+        self.workspace = harness.Workspace()
+        self.addCleanup(self.workspace.remove)
+        self.workspace.use_rules(RULES)
+        self.site = self.workspace.path("site")
+        shutil.copytree(os.path.join(HERE, "site"), self.site)
+
+    def runs(self):
+        with open(os.path.join(self.site, "runs.log")) as f:
+            return f.read().split().count("page.php")
+
+    def test_workers_killed_under_load(self):
+        if not harness.FpmBehindNginx.available():
+            self.fail("nginx or php-fpm is not installed: scripts/bootstrap installs them")
+        harness.make_shared(self.workspace, "log", "tmp", "run", "site", "var")
+        server = harness.FpmBehindNginx(self.workspace, self.site, self.workspace.directives())
+        self.addCleanup(server.stop)
+        sizes = {n: 2000 + n * 37000 for n in range(12)}   # up to about 400 KB
+        stop = threading.Event()
+        problems, answers = [], {"whole": 0, "failed": 0}
+
+        def load(seed):
+            rng = random.Random(seed)
+            while not stop.is_set():
+                n = rng.randrange(len(sizes))
+                try:
+                    status, _, body = harness.http_get(server.port, "/page.php?size=%d" % sizes[n])
+                except Exception:
+                    answers["failed"] += 1
+                    continue
+                if status == 200:
+                    if whole(body, sizes[n]):
+                        answers["whole"] += 1
+                    else:
+                        problems.append((n, len(body), body[:60]))
+                else:
+                    answers["failed"] += 1   # the worker died under this request
+
+        clients = [threading.Thread(target=load, args=(i,)) for i in range(4)]
+        for client in clients:
+            client.start()
+        rng = random.Random(7)
+        killed = 0
+        deadline = time.monotonic() + 8
+        while time.monotonic() < deadline:
+            time.sleep(rng.uniform(0.05, 0.25))
+            workers = [int(p) for p in open("/proc/%d/task/%d/children" % (server.fpm.pid, server.fpm.pid)).read().split()]
+            workers = [p for p in workers if "php-fpm: pool" in open("/proc/%d/cmdline" % p).read().replace("\0", " ")]
+            if workers:
+                os.kill(rng.choice(workers), signal.SIGKILL)
+                killed += 1
+        stop.set()
+        for client in clients:
+            client.join(timeout=60)
+
+        self.assertEqual([], problems)
+        self.assertGreater(killed, 10)
+        self.assertGreater(answers["whole"], 50)
+        # Afterwards every page is served whole, from the store.
+        for n, size in sizes.items():
+            status, _, body = harness.http_get(server.port, "/page.php?size=%d" % size)
+            self.assertEqual(200, status)
+            self.assertTrue(whole(body, size))
+        runs = self.runs()
+        for n, size in sizes.items():
+            harness.http_get(server.port, "/page.php?size=%d" % size)
+        self.assertEqual(runs, self.runs())
+
+    def test_damaged_records_are_misses_and_are_replaced(self):
+        server = harness.BuiltinServer(self.workspace, self.site, self.workspace.directives())
+        self.addCleanup(server.stop)
+        store = self.workspace.path("tmp", "pagecache")
+        rng = random.Random(3)
+        for round_ in range(6):
+            path = "/page.php?size=3000&r=%d" % round_
+            server.get(path)
+            before = self.runs()
+            self.assertEqual(200, server.get(path)[0])
+            self.assertEqual(before, self.runs(), "not served from the store")
+            # Damage every copy of the page on disk: flip a bit, or cut it short.
+            for record in records(store):
+                with open(record, "r+b") as f:
+                    data = bytearray(f.read())
+                    if round_ % 2:
+                        f.truncate(rng.randrange(len(data)))
+                    else:
+                        at = rng.randrange(len(data))
+                        data[at] ^= 1 << rng.randrange(8)
+                        f.seek(0)
+                        f.write(data)
+            status, _, body = server.get(path)
+            self.assertEqual(200, status)
+            self.assertTrue(whole(body, 3000))
+            status, _, again = server.get(path)
+            self.assertEqual(200, status)
+            self.assertTrue(whole(again, 3000))
+            # Caught: the page was built once more, then served from its new record.
+            self.assertEqual(1, self.runs() - before)
+            for record in records(store):
+                os.unlink(record)
+
+
+if __name__ == "__main__":
+    unittest.main()
