@@ -1,6 +1,7 @@
 #include "VDeploymentInfo.h"
 
 #include "VException.h"
+#include "VFileDate.h"
 #include "VeskDB.h"
 
 #include <QDir>
@@ -39,7 +40,7 @@ VDeploymentInfo::VDeploymentInfo(const VeskServerInfo& serverInfo, VDebug::Strea
 
 void VDeploymentInfo::refresh()
 {
-    if (isEarlier(lastFetch, QFileInfo(markerFile).lastModified()))
+    if (isEarlier(lastFetch, fileModified(markerFile)))
         fetch(QString());
 }
 
@@ -103,7 +104,7 @@ void VDeploymentInfo::fetch(const QString& connectionName)
                      [](const ApplicationRecord& a, const ApplicationRecord& b) {
                          return a.path.length() < b.path.length();
                      });
-    lastFetch = QFileInfo(markerFile).lastModified();
+    lastFetch = fileModified(markerFile);
 }
 
 ApplicationRecord VDeploymentInfo::applicationById(qint32 id) const
@@ -123,9 +124,12 @@ ApplicationRecord VDeploymentInfo::applicationForUrl(const QString& url) const
 ApplicationRecord VDeploymentInfo::applicationForPath(const QString& path) const
 {
     const QString native = QDir::toNativeSeparators(path);
+    // The link is looked at only when some application has a path to match.
+    const bool anyPath = std::any_of(byPath.cbegin(), byPath.cend(),
+                                     [](const ApplicationRecord& app) { return !app.path.isEmpty(); });
     QFileInfo info(path);
-    const QString target = info.isSymLink() ? QDir::toNativeSeparators(info.symLinkTarget())
-                                            : QString();
+    const QString target = anyPath && info.isSymLink() ? QDir::toNativeSeparators(info.symLinkTarget())
+                                                       : QString();
     for (const ApplicationRecord& app : byPath) {
         if (app.path.isEmpty())
             continue;

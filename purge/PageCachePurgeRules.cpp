@@ -1,6 +1,7 @@
 #include "PageCachePurgeRules.h"
 
 #include "VException.h"
+#include "VFileDate.h"
 #include "VeskDB.h"
 
 #include <QCryptographicHash>
@@ -244,7 +245,7 @@ void PageCachePurgeRules::flushToDb()
 
 void PageCachePurgeRules::refresh()
 {
-    const QDateTime fileDate = QFileInfo(dbFileName).lastModified();
+    const QDateTime fileDate = fileModified(dbFileName);
     if (lastRefresh.isValid() && !isEarlier(lastRefresh, fileDate))
         return;
     // Kept before the read: a read that fails waits for the next change.

@@ -13,6 +13,7 @@
 #include <time.h>
 #include <unistd.h>
 #include <signal.h>
+#include <QVarLengthArray>
 #include <QtEndian>
 #include <zlib.h>
 
@@ -88,12 +89,9 @@ QByteArray encodeHeader(const Header& h)
     return QByteArray(at, VDiskStorage::HeaderSize);
 }
 
-// Reads and checks the header; false for anything doubtful.
-bool readHeader(int fd, Header* h)
+// Checks a header read from a file of `fileSize` bytes; false for anything doubtful.
+bool parseHeader(const char* bytes, quint64 fileSize, Header* h)
 {
-    char bytes[VDiskStorage::HeaderSize];
-    if (pread(fd, bytes, sizeof bytes, 0) != ssize_t(sizeof bytes))
-        return false;
     if (memcmp(bytes, Magic, 4) != 0 || get32(bytes + 4) != FormatVersion || get32(bytes + 44) != crc(bytes, 44))
         return false;
     h->writeTime = qint64(get64(bytes + 8));
@@ -102,9 +100,21 @@ bool readHeader(int fd, Header* h)
     h->nsLength = get32(bytes + 32);
     h->keyLength = get32(bytes + 36);
     h->bodyCrc = get32(bytes + 40);
+    return h->length <= quint64(INT_MAX) && h->identityLength() <= 1u << 20
+           && fileSize == h->valueOffset() + h->length;
+}
+
+quint64 fileSize(int fd)
+{
     struct stat st;
-    return fstat(fd, &st) == 0 && h->length <= quint64(INT_MAX) && h->identityLength() <= 1u << 20
-           && quint64(st.st_size) == h->valueOffset() + h->length;
+    return fstat(fd, &st) == 0 ? quint64(st.st_size) : 0;
+}
+
+// Reads and checks the header; false for anything doubtful.
+bool readHeader(int fd, Header* h)
+{
+    char bytes[VDiskStorage::HeaderSize];
+    return pread(fd, bytes, sizeof bytes, 0) == ssize_t(sizeof bytes) && parseHeader(bytes, fileSize(fd), h);
 }
 
 bool readAll(int fd, char* buffer, size_t size, off_t offset)
@@ -121,25 +131,21 @@ bool readAll(int fd, char* buffer, size_t size, off_t offset)
     return true;
 }
 
-// The namespace and key the record says it holds, as the writer put them.
-bool readIdentity(int fd, const Header& h, QByteArray* identity)
-{
-    identity->resize(int(h.identityLength()));
-    return readAll(fd, identity->data(), size_t(identity->size()), VDiskStorage::HeaderSize);
-}
-
 // Opens a record and checks that its header is sound and that it is the
 // record of that namespace and key; -1 otherwise, with `doubtful` set when
-// a file was there but didn't check out.
+// a file was there but didn't check out. Header and names come in one read.
 int openRecord(const QByteArray& path, const QByteArray& ns, const QByteArray& key, Header* h, bool* doubtful)
 {
     *doubtful = false;
     const int fd = open(path.constData(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return -1;
-    QByteArray identity;
-    if (readHeader(fd, h) && h->nsLength == quint32(ns.size()) && h->keyLength == quint32(key.size())
-        && readIdentity(fd, *h, &identity) && identity == ns + key)
+    const size_t wanted = size_t(VDiskStorage::HeaderSize + ns.size() + key.size());
+    QVarLengthArray<char, 512> bytes(static_cast<int>(wanted));
+    if (pread(fd, bytes.data(), wanted, 0) == ssize_t(wanted) && parseHeader(bytes.constData(), fileSize(fd), h)
+        && h->nsLength == quint32(ns.size()) && h->keyLength == quint32(key.size())
+        && memcmp(bytes.constData() + VDiskStorage::HeaderSize, ns.constData(), size_t(ns.size())) == 0
+        && memcmp(bytes.constData() + VDiskStorage::HeaderSize + ns.size(), key.constData(), size_t(key.size())) == 0)
         return fd;
     *doubtful = true;
     close(fd);

@@ -12,6 +12,7 @@
 
 #include "VDevBar.h"
 #include "VException.h"
+#include "VFileDate.h"
 #include "VHTMLCache.h"
 #include "VMD5.h"
 
@@ -106,7 +107,7 @@ int requestStartup()
     }
     // Each worker picks up a newer rules file by itself, at its next request.
     if (moduleState.rulesFileDate.isNull()
-        || moduleState.rulesFileDate < QFileInfo(moduleState.rulesFilePath).lastModified()) {
+        || moduleState.rulesFileDate < fileModified(moduleState.rulesFilePath)) {
         try {
             reloadRules(false);
         } catch (const VException& e) {

@@ -13,6 +13,7 @@
 #include "PageCacheLogStream.h"
 #include "VDebug.h"
 #include "VException.h"
+#include "VFileDate.h"
 #include "VGlobals.h"
 #include "VHTMLCache.h"
 #include "VPrivilegesDropper.h"
@@ -200,7 +201,7 @@ void reloadRules(bool isStartup)
     const QFileInfo rulesFile(moduleState.rulesFilePath);
     // Taken before anything can fail: a broken file is retried only when
     // its date moves on.
-    moduleState.rulesFileDate = rulesFile.lastModified();
+    moduleState.rulesFileDate = fileModified(moduleState.rulesFilePath);
     VLOG(log, 3) << "Rules File:" << moduleState.rulesFilePath;
     if (!rulesFile.isReadable())
         throw VException(QStringLiteral("Failed to open Rules File: %1").arg(moduleState.rulesFilePath));
