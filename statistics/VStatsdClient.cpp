@@ -29,6 +29,12 @@ bool VStatsdClient::connect(VDebug::StreamId logStream)
     if (m_socket)
         return true;
     VLOG(logStream, 3) << "Establishing connection to statsd daemon...";
+    // Without a daemon configured every request with facts ends here; the
+    // answer is the socket layer's, without the cost of an exception.
+    if (m_connectionString.isEmpty()) {
+        VLOG(logStream, 3) << "Failed to connect to:" << m_connectionString << "." << "Unknown connection string: \"\"";
+        return false;
+    }
     try {
         m_socket = new VSocketClient;
         m_socket->connect(m_connectionString, logStream);
