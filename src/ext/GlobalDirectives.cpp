@@ -109,7 +109,11 @@ int loadGlobalDirectives()
     directiveTable = new QHash<QByteArray, QByteArray>;
     directivesLoaded = true;
 
-    const char* confDir = engineValue("vesk.conf_dir");
+    // A copy: the file read next may set vesk.conf_dir itself, and the
+    // engine frees the value it replaces.
+    const char* configured = engineValue("vesk.conf_dir");
+    const QByteArray confDirCopy = configured ? QByteArray(configured) : QByteArray();
+    const char* confDir = configured ? confDirCopy.constData() : nullptr;
     if (confDir) {
         const QByteArray globalFile = QByteArray(confDir) + "/" + "VeskGlobalDirectives.ini";
         struct stat st;
