@@ -306,7 +306,27 @@ VDiskStorage::VDiskStorage(const VDiskStorageInit& init, VDiskStorageEnv* env)
 {
 }
 
-VDiskStorage::~VDiskStorage() = default;
+struct VDiskStorage::Held
+{
+    QByteArray ns;
+    QByteArray key;
+    int fd;
+    Header header;
+};
+
+VDiskStorage::~VDiskStorage()
+{
+    release();
+}
+
+void VDiskStorage::release()
+{
+    if (!m_held)
+        return;
+    close(m_held->fd);
+    delete m_held;
+    m_held = nullptr;
+}
 
 bool VDiskStorage::fail(const QByteArray& what, const QByteArray& path, int error)
 {
@@ -334,6 +354,7 @@ QByteArray VDiskStorage::recordPath(const QByteArray& ns, const QByteArray& key)
 bool VDiskStorage::write(const QByteArray& ns, const QByteArray& key, const QByteArray& value, char* outFlag,
                          int lifetime, int)
 {
+    release();
     if (outFlag)
         *outFlag = 0;
     const QByteArray path = recordPath(ns, key);
@@ -383,12 +404,21 @@ char* VDiskStorage::read(const QByteArray& ns, const QByteArray& key, int* lengt
 {
     const QByteArray path = recordPath(ns, key);
     Header h;
-    bool doubtful = false;
-    const int fd = openRecord(path, ns, key, &h, &doubtful);
-    if (fd < 0) {
-        if (doubtful)
-            dropDoubtful(path);
-        return nullptr;
+    int fd = -1;
+    if (m_held && m_held->ns == ns && m_held->key == key) {
+        fd = m_held->fd;
+        h = m_held->header;
+        delete m_held;
+        m_held = nullptr;
+    } else {
+        release();
+        bool doubtful = false;
+        fd = openRecord(path, ns, key, &h, &doubtful);
+        if (fd < 0) {
+            if (doubtful)
+                dropDoubtful(path);
+            return nullptr;
+        }
     }
     char* buffer = nullptr;
     if (!h.expiredAt(m_env->now())) {
@@ -411,6 +441,7 @@ char* VDiskStorage::read(const QByteArray& ns, const QByteArray& key, int* lengt
 
 bool VDiskStorage::contains(const QByteArray& ns, const QByteArray& key, bool)
 {
+    release();
     const QByteArray path = recordPath(ns, key);
     Header h;
     bool doubtful = false;
@@ -420,12 +451,17 @@ bool VDiskStorage::contains(const QByteArray& ns, const QByteArray& key, bool)
             dropDoubtful(path);
         return false;
     }
-    close(fd);
-    return !h.expiredAt(m_env->now());
+    if (h.expiredAt(m_env->now())) {
+        close(fd);
+        return false;
+    }
+    m_held = new Held{ns, key, fd, h};
+    return true;
 }
 
 long VDiskStorage::getLastModified(const QByteArray& ns, const QByteArray& key)
 {
+    release();
     const QByteArray path = recordPath(ns, key);
     Header h;
     bool doubtful = false;
@@ -441,6 +477,7 @@ long VDiskStorage::getLastModified(const QByteArray& ns, const QByteArray& key)
 
 bool VDiskStorage::remove(const QByteArray& ns, const QByteArray& key)
 {
+    release();
     const QByteArray path = recordPath(ns, key);
     // Gone already, by another worker's hand, is as good as removed.
     if (unlink(path.constData()) == 0 || errno == ENOENT)
@@ -450,6 +487,7 @@ bool VDiskStorage::remove(const QByteArray& ns, const QByteArray& key)
 
 bool VDiskStorage::clearNamespace(const QByteArray& ns)
 {
+    release();
     // The tree is moved out of the way in one step, so readers and writers
     // see it either whole or gone, and then deleted at leisure.
     const QByteArray victim = ns.isNull() ? m_root : namespaceDir(ns);
@@ -466,6 +504,7 @@ bool VDiskStorage::clearNamespace(const QByteArray& ns)
 
 bool VDiskStorage::cleanExpired()
 {
+    release();
     const qint64 now = m_env->now();
     // Leftovers of clears that were interrupted.
     QDirIterator trash(QString::fromLocal8Bit(m_root), QStringList{QString::fromLatin1(TrashPrefix) + '*'},

@@ -68,9 +68,15 @@ public:
 
 private:
     QByteArray namespaceDir(const QByteArray& ns) const;
+    // A record that contains() found live stays open for a read of the same
+    // record right after it, as the hit path does: one open instead of two.
+    struct Held;
+    void release();
+
     bool fail(const QByteArray& what, const QByteArray& path, int error);
 
     QByteArray m_root;
     int m_depth;
     VDiskStorageEnv* m_env;
+    Held* m_held = nullptr;
 };

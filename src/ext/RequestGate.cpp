@@ -17,7 +17,6 @@
 #include "VMD5.h"
 
 #include <QFileInfo>
-#include <QRegExp>
 #include <strings.h>
 
 
@@ -80,13 +79,30 @@ QByteArray currentRequestUrl(bool withPort)
     const char* https = vesk_sapi_getenv("HTTPS");
     QByteArray url = https && *https && strcasecmp(https, "off") != 0 ? "https://" : "http://";
     url += hostPart;
-    QString uri = QString::fromUtf8(vesk_sapi_getenv("REQUEST_URI"));
-    const int query = uri.indexOf(QLatin1Char('?'));
-    if (query > 0)
-        uri.truncate(query);
-    static const QRegExp slashes(QStringLiteral("/+"));
-    uri.replace(slashes, QStringLiteral("/"));
-    return url + uri.toUtf8();
+    const char* uri = vesk_sapi_getenv("REQUEST_URI");
+    if (!uri)
+        return url;
+    // Up to the query (one that starts the URI stays), each run of slashes
+    // folded into one: what the pattern "/+" would do, on every request
+    // without a regular expression.
+    const char* query = strchr(uri, '?');
+    const size_t length = query && query > uri ? size_t(query - uri) : strlen(uri);
+    QByteArray path(uri, int(length));
+    // Bytes beyond ASCII go through the text form, which turns what isn't
+    // UTF-8 into replacement characters.
+    for (const char c : path) {
+        if (quint8(c) >= 0x80) {
+            path = QString::fromUtf8(path).toUtf8();
+            break;
+        }
+    }
+    url.reserve(url.size() + path.size());
+    for (int i = 0; i < path.size(); ++i) {
+        if (path[i] == '/' && i > 0 && path[i - 1] == '/')
+            continue;
+        url += path[i];
+    }
+    return url;
 }
 
 int requestStartup()

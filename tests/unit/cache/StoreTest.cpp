@@ -312,3 +312,21 @@ TEST_F(StoreTest, AWriterKilledAtAnyStepLeavesAWholeRecordAndNoLitter)
         EXPECT_EQ(QByteArray("after"), get("ns", "key"));
     }
 }
+
+TEST_F(StoreTest, AReadRightAfterContainsSeesTheRecordThatWasFound)
+{
+    ASSERT_TRUE(put("ns", "key", "first"));
+    ASSERT_TRUE(store->contains("ns", "key", false));
+    // Replaced by another worker meanwhile: the record found is read whole.
+    VDiskStorage other(VDiskStorage::VDiskStorageInit(2, root(), 1, "HTML-Cache", false), &env);
+    char flag;
+    ASSERT_TRUE(other.write("ns", "key", "second", &flag, 60, 0));
+    EXPECT_EQ(QByteArray("first"), get("ns", "key"));
+    // Anything else in between lets go of it.
+    ASSERT_TRUE(store->contains("ns", "key", false));
+    ASSERT_TRUE(put("ns", "key", "third"));
+    EXPECT_EQ(QByteArray("third"), get("ns", "key"));
+    ASSERT_TRUE(store->contains("ns", "key", false));
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "other"));
+    EXPECT_EQ(QByteArray("third"), get("ns", "key"));
+}
