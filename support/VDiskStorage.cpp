@@ -1,5 +1,7 @@
 #include "VDiskStorage.h"
 
+#include "VCrc32c.h"
+
 #include <QCryptographicHash>
 #include <QDirIterator>
 
@@ -15,12 +17,11 @@
 #include <signal.h>
 #include <QVarLengthArray>
 #include <QtEndian>
-#include <zlib.h>
 
 namespace {
 
 const char Magic[4] = {'V', 'K', 'D', 'S'};
-const quint32 FormatVersion = 2;
+const quint32 FormatVersion = 3;
 const char TempPrefix[] = ".tmp-";
 const char TrashPrefix[] = ".trash-";
 // A temporary file this old belongs to a writer that died.
@@ -62,16 +63,9 @@ quint64 get64(const char* at)
     return qFromLittleEndian<quint64>(at);
 }
 
-quint32 crc(const char* data, size_t size, quint32 start = quint32(crc32(0L, Z_NULL, 0)))
+quint32 crc(const char* data, size_t size, quint32 start = 0)
 {
-    uLong value = start;
-    while (size > 0) {
-        const uInt chunk = uInt(qMin<size_t>(size, 1u << 30));
-        value = crc32(value, reinterpret_cast<const Bytef*>(data), chunk);
-        data += chunk;
-        size -= chunk;
-    }
-    return quint32(value);
+    return crc32c(data, size, start);
 }
 
 QByteArray encodeHeader(const Header& h)

@@ -1,3 +1,4 @@
+#include "VCrc32c.h"
 #include "VException.h"
 #include "VGlobals.h"
 #include "VMD5.h"
@@ -47,4 +48,26 @@ TEST(VGlobals, PidFileLivesAsLongAsItsLastHandle)
 
     VGlobals::setPidDirectory(QByteArray());
     EXPECT_THROW(VGlobals::createPidFile(VDebug::DEVNULL, VeskServerInfo(), "x"), VException);
+}
+
+TEST(VCrc32c, KnownValueAndContinuation)
+{
+    EXPECT_EQ(0xE3069283u, crc32c("123456789", 9));
+    EXPECT_EQ(0u, crc32c("", 0));
+    // Bit by bit, as the definition goes, over lengths around the word size.
+    QByteArray data;
+    for (int i = 0; i < 1000; ++i)
+        data += char(i * 7 + 3);
+    for (int size : {1, 7, 8, 9, 15, 16, 17, 999, 1000}) {
+        quint32 expected = 0xFFFFFFFF;
+        for (int i = 0; i < size; ++i) {
+            expected ^= quint8(data[i]);
+            for (int bit = 0; bit < 8; ++bit)
+                expected = expected & 1 ? (expected >> 1) ^ 0x82F63B78 : expected >> 1;
+        }
+        EXPECT_EQ(~expected, crc32c(data.constData(), size_t(size))) << size;
+        EXPECT_EQ(crc32c(data.constData(), size_t(size)),
+                  crc32c(data.constData() + 5, size_t(size) - qMin(size, 5), crc32c(data.constData(), size_t(qMin(size, 5)))))
+            << size;
+    }
 }
