@@ -63,14 +63,16 @@ protected:
         return rows;
     }
 
-    // Sets a file's date, in seconds from now.
-    static void setFileDate(const QString& path, int secondsFromNow)
+    // Sets a file's date, in seconds from the start of the test, so that two
+    // calls with one offset give one date even when a second passes between.
+    void setFileDate(const QString& path, int secondsFromStart)
     {
         struct utimbuf times;
-        times.actime = times.modtime = time(nullptr) + secondsFromNow;
+        times.actime = times.modtime = started + secondsFromStart;
         ASSERT_EQ(0, utime(QFile::encodeName(path).constData(), &times));
     }
 
+    const time_t started = time(nullptr);
     QTemporaryDir dir;
     QByteArray logPath;
     VDebug::StreamId log = VDebug::DEVNULL;
