@@ -125,27 +125,6 @@ bool readAll(int fd, char* buffer, size_t size, off_t offset)
     return true;
 }
 
-// Opens a record and checks that its header is sound and that it is the
-// record of that namespace and key; -1 otherwise, with `doubtful` set when
-// a file was there but didn't check out. Header and names come in one read.
-int openRecord(const QByteArray& path, const QByteArray& ns, const QByteArray& key, Header* h, bool* doubtful)
-{
-    *doubtful = false;
-    const int fd = open(path.constData(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return -1;
-    const size_t wanted = size_t(VDiskStorage::HeaderSize + ns.size() + key.size());
-    QVarLengthArray<char, 512> bytes(static_cast<int>(wanted));
-    if (pread(fd, bytes.data(), wanted, 0) == ssize_t(wanted) && parseHeader(bytes.constData(), fileSize(fd), h)
-        && h->nsLength == quint32(ns.size()) && h->keyLength == quint32(key.size())
-        && memcmp(bytes.constData() + VDiskStorage::HeaderSize, ns.constData(), size_t(ns.size())) == 0
-        && memcmp(bytes.constData() + VDiskStorage::HeaderSize + ns.size(), key.constData(), size_t(key.size())) == 0)
-        return fd;
-    *doubtful = true;
-    close(fd);
-    return -1;
-}
-
 // Drops a record that didn't check out, unless a writer has put a new one
 // in its place meanwhile.
 void dropDoubtful(const QByteArray& path, const struct stat& judged)
@@ -156,11 +135,27 @@ void dropDoubtful(const QByteArray& path, const struct stat& judged)
         unlink(path.constData());
 }
 
-void dropDoubtful(const QByteArray& path)
+// Opens a record and checks that its header is sound and that it is the
+// record of that namespace and key; -1 otherwise. A file that was there but
+// didn't check out is removed, so that the next write replaces it. Header
+// and names come in one read.
+int openRecord(const QByteArray& path, const QByteArray& ns, const QByteArray& key, Header* h)
 {
+    const int fd = open(path.constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return -1;
+    const size_t wanted = size_t(VDiskStorage::HeaderSize + ns.size() + key.size());
+    QVarLengthArray<char, 512> bytes(static_cast<int>(wanted));
+    if (pread(fd, bytes.data(), wanted, 0) == ssize_t(wanted) && parseHeader(bytes.constData(), fileSize(fd), h)
+        && h->nsLength == quint32(ns.size()) && h->keyLength == quint32(key.size())
+        && memcmp(bytes.constData() + VDiskStorage::HeaderSize, ns.constData(), size_t(ns.size())) == 0
+        && memcmp(bytes.constData() + VDiskStorage::HeaderSize + ns.size(), key.constData(), size_t(key.size())) == 0)
+        return fd;
     struct stat judged;
-    if (lstat(path.constData(), &judged) == 0)
+    if (fstat(fd, &judged) == 0)
         dropDoubtful(path, judged);
+    close(fd);
+    return -1;
 }
 
 // Names of namespaces and keys become file names: safe ones as they are,
@@ -406,13 +401,9 @@ char* VDiskStorage::read(const QByteArray& ns, const QByteArray& key, int* lengt
         m_held = nullptr;
     } else {
         release();
-        bool doubtful = false;
-        fd = openRecord(path, ns, key, &h, &doubtful);
-        if (fd < 0) {
-            if (doubtful)
-                dropDoubtful(path);
+        fd = openRecord(path, ns, key, &h);
+        if (fd < 0)
             return nullptr;
-        }
     }
     char* buffer = nullptr;
     if (!h.expiredAt(m_env->now())) {
@@ -436,15 +427,10 @@ char* VDiskStorage::read(const QByteArray& ns, const QByteArray& key, int* lengt
 bool VDiskStorage::contains(const QByteArray& ns, const QByteArray& key, bool)
 {
     release();
-    const QByteArray path = recordPath(ns, key);
     Header h;
-    bool doubtful = false;
-    const int fd = openRecord(path, ns, key, &h, &doubtful);
-    if (fd < 0) {
-        if (doubtful)
-            dropDoubtful(path);
+    const int fd = openRecord(recordPath(ns, key), ns, key, &h);
+    if (fd < 0)
         return false;
-    }
     if (h.expiredAt(m_env->now())) {
         close(fd);
         return false;
@@ -456,15 +442,10 @@ bool VDiskStorage::contains(const QByteArray& ns, const QByteArray& key, bool)
 long VDiskStorage::getLastModified(const QByteArray& ns, const QByteArray& key)
 {
     release();
-    const QByteArray path = recordPath(ns, key);
     Header h;
-    bool doubtful = false;
-    const int fd = openRecord(path, ns, key, &h, &doubtful);
-    if (fd < 0) {
-        if (doubtful)
-            dropDoubtful(path);
+    const int fd = openRecord(recordPath(ns, key), ns, key, &h);
+    if (fd < 0)
         return -1;
-    }
     close(fd);
     return long(h.writeTime + h.lifetime);
 }
@@ -532,10 +513,8 @@ bool VDiskStorage::cleanExpired()
         // Only the file that was judged goes: if a writer renamed a fresh
         // record over it meanwhile, that one stays. (A rename in the instant
         // between this look and the unlink costs a miss, never a wrong page.)
-        struct stat current;
-        if (drop && lstat(path.constData(), &current) == 0 && current.st_ino == st.st_ino
-            && current.st_dev == st.st_dev)
-            unlink(path.constData());
+        if (drop)
+            dropDoubtful(path, st);
     }
     return true;
 }
