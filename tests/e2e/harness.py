@@ -70,6 +70,17 @@ class Workspace:
     def remove(self):
         shutil.rmtree(self.root, ignore_errors=True)
 
+    @classmethod
+    def with_site(cls, test, rules, site="site"):
+        """A workspace that `test` removes when it ends, with `rules` in
+        place and a copy of one of the test sites; answers both."""
+        workspace = cls()
+        test.addCleanup(workspace.remove)
+        workspace.use_rules(rules)
+        docroot = workspace.path("site")
+        shutil.copytree(os.path.join(os.path.dirname(os.path.abspath(__file__)), site), docroot)
+        return workspace, docroot
+
 
 def http_get(port, path, headers=None, method="GET"):
     """One request to 127.0.0.1: status, headers (lower-case names), body."""
@@ -125,14 +136,8 @@ class BuiltinServer:
             return error.code, dict(error.headers), error.read()
 
     def stop(self):
-        if self.process.poll() is None:
-            # The server's workers share its process group.
-            os.killpg(self.process.pid, signal.SIGTERM)
-            try:
-                self.process.wait(timeout=10)
-            except subprocess.TimeoutExpired:
-                os.killpg(self.process.pid, signal.SIGKILL)
-                self.process.wait(timeout=10)
+        # The server's workers share its process group.
+        _terminate(self.process)
         self.output.close()
 
 
@@ -149,7 +154,8 @@ def _wait_for_port(port, process, seconds, what):
     raise RuntimeError("%s did not listen within %s s" % (what, seconds))
 
 
-def _stop(process, output):
+def _terminate(process):
+    """Stops a process started in a session of its own, with its group."""
     if process.poll() is None:
         os.killpg(process.pid, signal.SIGTERM)
         try:
@@ -157,6 +163,10 @@ def _stop(process, output):
         except subprocess.TimeoutExpired:
             os.killpg(process.pid, signal.SIGKILL)
             process.wait(timeout=10)
+
+
+def _stop(process, output):
+    _terminate(process)
     output.close()
 
 
@@ -195,13 +205,7 @@ class StatsListener:
         return taken
 
     def stop(self):
-        if self.process.poll() is None:
-            os.killpg(self.process.pid, signal.SIGTERM)
-            try:
-                self.process.wait(timeout=10)
-            except subprocess.TimeoutExpired:
-                os.killpg(self.process.pid, signal.SIGKILL)
-                self.process.wait(timeout=10)
+        _terminate(self.process)
         self.process.stdout.close()
         self.process.stderr.close()
 

@@ -1,14 +1,12 @@
 """The cleaner process: forked at start-up, drops expired pages, ends with
 the server."""
 import os
-import shutil
 import signal
 import time
 import unittest
 
 import harness
 
-HERE = os.path.dirname(os.path.abspath(__file__))
 RULES = """<?xml version="1.0" encoding="UTF-8"?>
 <cache_settings><dont_cache/><cache>
   <url schema="http" host="&amp;lt;default-server&amp;gt;" path="page\\.php.*" lifetime="1" match_type="regex_match">
@@ -30,11 +28,7 @@ def alive(pid):
 
 class Cleaner(unittest.TestCase):
     def setUp(self):
-        self.workspace = harness.Workspace()
-        self.addCleanup(self.workspace.remove)
-        self.workspace.use_rules(RULES)
-        self.site = self.workspace.path("site")
-        shutil.copytree(os.path.join(HERE, "site"), self.site)
+        self.workspace, self.site = harness.Workspace.with_site(self, RULES)
 
     def directives(self, frequency):
         return self.workspace.directives(vesk_pagecache__clean_frequency=str(frequency),

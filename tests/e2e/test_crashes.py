@@ -2,7 +2,6 @@
 disk: no partial or wrong page is ever served, and the cache goes on."""
 import os
 import random
-import shutil
 import signal
 import threading
 import time
@@ -10,7 +9,6 @@ import unittest
 
 import harness
 
-HERE = os.path.dirname(os.path.abspath(__file__))
 RULES = """<?xml version="1.0" encoding="UTF-8"?>
 <cache_settings><dont_cache/><cache>
   <url schema="http" host="&lt;default-server&gt;" path="page\\.php" lifetime="300" match_type="regex_match">
@@ -59,11 +57,7 @@ def records(root):
 
 class Crashes(unittest.TestCase):
     def setUp(self):
-        self.workspace = harness.Workspace()
-        self.addCleanup(self.workspace.remove)
-        self.workspace.use_rules(RULES)
-        self.site = self.workspace.path("site")
-        shutil.copytree(os.path.join(HERE, "site"), self.site)
+        self.workspace, self.site = harness.Workspace.with_site(self, RULES)
 
     def runs(self):
         with open(os.path.join(self.site, "runs.log")) as f:

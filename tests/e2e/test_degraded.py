@@ -2,7 +2,6 @@
 statistics daemon that takes connections and never reads them. Pages go
 out exactly as without the cache, and requests aren't held up."""
 import os
-import shutil
 import socket
 import subprocess
 import time
@@ -10,7 +9,6 @@ import unittest
 
 import harness
 
-HERE = os.path.dirname(os.path.abspath(__file__))
 RULES = """<?xml version="1.0" encoding="UTF-8"?>
 <cache_settings><dont_cache/><cache>
   <url schema="http" host="&lt;default-server&gt;" path="page\\.php" lifetime="300" match_type="regex_match">
@@ -37,11 +35,7 @@ def unshare_prefix():
 
 class Degraded(unittest.TestCase):
     def setUp(self):
-        self.workspace = harness.Workspace()
-        self.addCleanup(self.workspace.remove)
-        self.workspace.use_rules(RULES)
-        self.site = self.workspace.path("site")
-        shutil.copytree(os.path.join(HERE, "site"), self.site)
+        self.workspace, self.site = harness.Workspace.with_site(self, RULES)
 
     def runs(self):
         with open(os.path.join(self.site, "runs.log")) as f:

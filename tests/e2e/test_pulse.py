@@ -2,13 +2,11 @@
 socket, once per request, and a daemon that is away costs requests nothing."""
 import os
 import re
-import shutil
 import time
 import unittest
 
 import harness
 
-HERE = os.path.dirname(os.path.abspath(__file__))
 RULES = """<?xml version="1.0" encoding="UTF-8"?>
 <cache_settings><dont_cache/><cache>
   <url schema="http" host="&lt;default-server&gt;" path="(page|status)\\.php" lifetime="300"
@@ -26,11 +24,7 @@ def counter_types(lines):
 
 class Pulse(unittest.TestCase):
     def setUp(self):
-        self.workspace = harness.Workspace()
-        self.addCleanup(self.workspace.remove)
-        self.workspace.use_rules(RULES)
-        self.site = self.workspace.path("site")
-        shutil.copytree(os.path.join(HERE, "site"), self.site)
+        self.workspace, self.site = harness.Workspace.with_site(self, RULES)
         self.socket = "unix:" + self.workspace.path("run", "statsd.sock")
         self.listener = harness.StatsListener(self.socket)
         self.addCleanup(lambda: self.listener and self.listener.stop())
@@ -98,11 +92,7 @@ class RecordChannel(unittest.TestCase):
     def test_directives_as_written_leave_the_channel_shut(self):
         # The page cache's switch is looked up with its terminating zero as
         # part of the name, so no configuration as written opens the channel.
-        workspace = harness.Workspace()
-        self.addCleanup(workspace.remove)
-        workspace.use_rules(RULES)
-        site = workspace.path("site")
-        shutil.copytree(os.path.join(HERE, "site"), site)
+        workspace, site = harness.Workspace.with_site(self, RULES)
         with open(os.path.join(site, "reporting.php"), "w") as f:
             f.write("<?php\nfunction vesk_report_statistics(array $r) {\n"
                     "    file_put_contents(__DIR__ . '/records.log', $r['record_type'] . \"\\n\", FILE_APPEND);\n}\n")

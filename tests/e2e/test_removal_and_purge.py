@@ -2,17 +2,14 @@
 stored page is no longer served."""
 import json
 import os
-import shutil
 import sqlite3
 import subprocess
-import threading
 import time
 import unittest
 import urllib.parse
 
 import harness
 
-HERE = os.path.dirname(os.path.abspath(__file__))
 RULES = """<?xml version="1.0" encoding="UTF-8"?>
 <cache_settings><dont_cache/><cache>
   <url schema="http" host="&lt;default-server&gt;" path="(page)\\.php" lifetime="300"
@@ -28,11 +25,7 @@ class Site:
     """A workspace with the test site and the rules above."""
 
     def __init__(self, test):
-        self.workspace = harness.Workspace()
-        test.addCleanup(self.workspace.remove)
-        self.workspace.use_rules(RULES)
-        self.root = self.workspace.path("site")
-        shutil.copytree(os.path.join(HERE, "site"), self.root)
+        self.workspace, self.root = harness.Workspace.with_site(test, RULES)
 
     def runs(self):
         try:
