@@ -210,6 +210,23 @@ class StatsListener:
         self.process.stderr.close()
 
 
+def fastcgi_send_and_leave(socket_path, params):
+    """Sends one FastCGI request straight to php-fpm's socket and closes the
+    connection without reading: a client that went away while its request
+    waited for a worker, as nginx passes it on."""
+    def record(kind, content=b""):
+        return bytes([1, kind, 0, 1, len(content) >> 8, len(content) & 0xFF, 0, 0]) + content
+
+    def length(n):
+        return bytes([n]) if n < 128 else (n | 0x80000000).to_bytes(4, "big")
+
+    pairs = b"".join(length(len(k)) + length(len(v)) + k.encode() + v.encode() for k, v in params.items())
+    message = (record(1, bytes([0, 1, 0, 0, 0, 0, 0, 0])) + record(4, pairs) + record(4) + record(5))
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+        s.connect(socket_path)
+        s.sendall(message)
+
+
 def make_shared(workspace, *names):
     """Lets unprivileged workers (nobody) reach the workspace and write where they must."""
     os.chmod(workspace.root, 0o755)
@@ -231,7 +248,7 @@ class FpmBehindNginx:
 
     def __init__(self, workspace, docroot, directives):
         self.port = free_port()
-        socket_path = workspace.path("fpm.sock")
+        self.socket_path = socket_path = workspace.path("fpm.sock")
         with open(workspace.path("fpm.conf"), "w") as f:
             f.write("[global]\npid = %s\nerror_log = %s\ndaemonize = no\n\n[www]\n"
                     "listen = %s\nlisten.mode = 0666\npm = static\npm.max_children = 2\n"

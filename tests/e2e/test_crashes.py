@@ -127,6 +127,34 @@ class Crashes(unittest.TestCase):
             harness.http_get(server.port, "/page.php?size=%d" % size)
         self.assertEqual(runs, self.runs())
 
+    def test_a_client_that_leaves_during_a_hit_costs_no_worker(self):
+        if not harness.FpmBehindNginx.available():
+            self.fail("nginx or php-fpm is not installed: scripts/bootstrap installs them")
+        harness.make_shared(self.workspace, "log", "tmp", "run", "site", "var")
+        server = harness.FpmBehindNginx(self.workspace, self.site, self.workspace.directives())
+        self.addCleanup(server.stop)
+        # Larger than any output buffer, so that the stored page goes out
+        # while the request is still starting.
+        size = 200000
+        path = "/page.php?size=%d" % size
+        self.assertEqual(200, harness.http_get(server.port, path)[0])
+        workers = sorted(p for p in children(server.fpm.pid) if b"php-fpm: pool" in cmdline(p))
+        params = {"GATEWAY_INTERFACE": "CGI/1.1", "REQUEST_METHOD": "GET", "REQUEST_URI": path,
+                  "QUERY_STRING": path.split("?")[1], "SCRIPT_NAME": "/page.php",
+                  "SCRIPT_FILENAME": os.path.join(self.site, "page.php"), "DOCUMENT_ROOT": self.site,
+                  "HTTP_HOST": "127.0.0.1:%d" % server.port, "SERVER_PORT": str(server.port),
+                  "SERVER_NAME": "127.0.0.1", "SERVER_PROTOCOL": "HTTP/1.1"}
+        for _ in range(20):
+            harness.fastcgi_send_and_leave(server.socket_path, params)
+        time.sleep(1)
+        status, _, body = harness.http_get(server.port, path)
+        self.assertEqual(200, status)
+        self.assertTrue(whole(body, size))
+        self.assertEqual(1, self.runs(), "the page was not served from the store")
+        with open(self.workspace.path("fpm.log")) as f:
+            self.assertNotIn("exited", f.read())
+        self.assertEqual(workers, sorted(p for p in children(server.fpm.pid) if b"php-fpm: pool" in cmdline(p)))
+
     def test_damaged_records_are_misses_and_are_replaced(self):
         server = harness.BuiltinServer(self.workspace, self.site, self.workspace.directives())
         self.addCleanup(server.stop)

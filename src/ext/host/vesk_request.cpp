@@ -106,7 +106,15 @@ void vesk_add_header(const char* line, size_t length)
 
 void vesk_output_write(const char* data, size_t length)
 {
+    // A stored page usually goes out while the request is still starting.
+    // Were the client gone, the engine's abort handling would bail out of
+    // the start-up itself, which php-fpm and php-cgi answer by ending the
+    // worker. With the abort ignored for this one write, the engine merely
+    // switches the output off and the request ends as any hit does.
+    const bool ignoreAbort = PG(ignore_user_abort);
+    PG(ignore_user_abort) = true;
     php_output_write(data, length);
+    PG(ignore_user_abort) = ignoreAbort;
 }
 
 int vesk_output_get_level()
