@@ -4,6 +4,8 @@
 #include <QDateTime>
 #include <QLinkedList>
 
+#include <memory>
+
 // One stored page. Its record is what a QDataStream at Qt 5.12's version
 // (18) makes of the fields, in this order; see STORE_FORMAT.md.
 class CacheEntry
@@ -14,12 +16,20 @@ public:
     // Serialises the fields; a null creation time becomes now, on the entry too.
     QByteArray toRecord();
     // Reads the fields of a record. Nothing is checked: a short record
-    // leaves the later fields as the stream gives them.
+    // leaves the later fields as the stream gives them. The creation time
+    // comes back in UTC, so that comparing it never consults the time zone.
     void readRecord(const QByteArray& record);
+    // The same for a record in a malloc()ed buffer, which the entry takes
+    // over and frees: the body is then read where it lies, not copied.
+    void takeRecord(char* buffer, int length);
 
     qint32 status() const { return m_status; }
     QLinkedList<QByteArray> headers() const { return m_headers; }
-    QByteArray body() const { return m_body; }
+    // A copy of the body, for as long as the caller wants it.
+    QByteArray body() const;
+    // The body where it lies, valid while this entry (or a copy of it) lives.
+    const char* bodyData() const { return m_body.constData(); }
+    int bodySize() const { return m_body.size(); }
     QByteArray url() const { return m_url; }
     QDateTime created() const { return m_created; }
     qint32 formatTag() const { return m_formatTag; }
@@ -30,4 +40,11 @@ public:
     qint32 m_status = 0;
     QLinkedList<QByteArray> m_headers;
     QByteArray m_body;
+
+private:
+    bool readInPlace(const char* data, int size);
+    void readThroughStream(const QByteArray& record);
+
+    // The record a body read in place lies in.
+    std::shared_ptr<const char> m_record;
 };

@@ -209,8 +209,7 @@ void readInto(VDiskStorage* storage, const QByteArray& ns, const QByteArray& key
     char* buffer = storage->read(ns, key, &length);
     if (!buffer)
         return;
-    entry.readRecord(QByteArray::fromRawData(buffer, length));
-    free(buffer);
+    entry.takeRecord(buffer, length);
 }
 } // namespace
 

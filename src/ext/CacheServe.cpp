@@ -216,9 +216,8 @@ bool serveOrCapture(const QString& ruleName, qint64 ruleId)
             headers.append("X-PageCache-Compression: " + QByteArray::number(compressedHit));
         while (!headers.isEmpty())
             sendHeader(headers.takeFirst());
-        const QByteArray body = entry.body();
-        VLOG(log, 5) << "Writing php body from cache. Data size is" << body.size();
-        vesk_output_write(body.constData(), size_t(body.size()));
+        VLOG(log, 5) << "Writing php body from cache. Data size is" << entry.bodySize();
+        vesk_output_write(entry.bodyData(), size_t(entry.bodySize()));
     }
     return true;
 }
