@@ -6,6 +6,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QHash>
 
 #include <algorithm>
 
@@ -27,7 +28,33 @@ bool contains(const QString& text, const QString& part)
     return text.indexOf(part) != -1;
 }
 
+// Marker dates seen during the running request, by path.
+bool inRequest = false;
+QHash<QString, QDateTime> markersSeen;
+
 } // namespace
+
+void VDeploymentInfo::beginRequest()
+{
+    markersSeen.clear();
+    inRequest = true;
+}
+
+void VDeploymentInfo::endRequest()
+{
+    inRequest = false;
+    markersSeen.clear();
+}
+
+QDateTime VDeploymentInfo::markerDate() const
+{
+    if (!inRequest)
+        return fileModified(markerFile);
+    auto seen = markersSeen.constFind(markerFile);
+    if (seen == markersSeen.constEnd())
+        seen = markersSeen.insert(markerFile, fileModified(markerFile));
+    return seen.value();
+}
 
 VDeploymentInfo::VDeploymentInfo(const VeskServerInfo& serverInfo, VDebug::StreamId logStream,
                                  const QString& connectionName)
@@ -40,7 +67,7 @@ VDeploymentInfo::VDeploymentInfo(const VeskServerInfo& serverInfo, VDebug::Strea
 
 void VDeploymentInfo::refresh()
 {
-    if (isEarlier(lastFetch, fileModified(markerFile)))
+    if (isEarlier(lastFetch, markerDate()))
         fetch(QString());
 }
 
@@ -104,7 +131,7 @@ void VDeploymentInfo::fetch(const QString& connectionName)
                      [](const ApplicationRecord& a, const ApplicationRecord& b) {
                          return a.path.length() < b.path.length();
                      });
-    lastFetch = fileModified(markerFile);
+    lastFetch = markerDate();
 }
 
 ApplicationRecord VDeploymentInfo::applicationById(qint32 id) const

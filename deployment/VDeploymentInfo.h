@@ -21,6 +21,13 @@ public:
 
     // Re-reads the tables when the marker file is newer than the last read.
     void refresh();
+    // Between these two, every object takes the marker's date from one look
+    // at the file: a request asks up to three lookups, and a deployment is
+    // seen by the next request all the same. Outside, each refresh looks.
+    static void beginRequest();
+    static void endRequest();
+
+    bool hasApplications() const { return !byId.isEmpty(); }
 
     ApplicationRecord applicationById(qint32 id) const;
     // The record whose base URL occurs in `url`, the longest base URL first.
@@ -36,6 +43,7 @@ public:
 
 private:
     void fetch(const QString& connectionName);
+    QDateTime markerDate() const;
 
     QString markerFile;
     QDateTime lastFetch;

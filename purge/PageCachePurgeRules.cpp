@@ -81,8 +81,22 @@ QList<PurgeRule> PageCachePurgeRules::rulesOf(const QString& applicationName)
     return list;
 }
 
+bool PageCachePurgeRules::holdsRules()
+{
+    QMutexLocker lock(&mutex);
+    for (const QList<PurgeRule>& list : qAsConst(rules)) {
+        if (!list.isEmpty())
+            return true;
+    }
+    return false;
+}
+
 bool PageCachePurgeRules::isUrlPurged(const QString& url, qint32 appId)
 {
+    // Asked on every hit: without a rule in this process nothing is purged,
+    // and the URL needn't be parsed to find that out.
+    if (!holdsRules())
+        return false;
     const QString normalized = normalizeUrl(url);
     const QString name = applicationNameOf(appId);
     QMutexLocker lock(&mutex);
@@ -99,7 +113,8 @@ QDateTime PageCachePurgeRules::latestCreationTime(const QString& applicationName
 {
     QMutexLocker lock(&mutex);
     // The present is the floor: a page dated in the past is never refused here.
-    QDateTime latest = QDateTime::currentDateTime();
+    // In UTC, as the pages' dates are read, so comparing needs no time zone.
+    QDateTime latest = QDateTime::currentDateTimeUtc();
     for (const PurgeRule& rule : rulesOf(applicationName)) {
         if (rule.creationTime.isValid() && latest < rule.creationTime)
             latest = rule.creationTime;
@@ -261,7 +276,7 @@ void PageCachePurgeRules::refresh()
             PurgeRule rule;
             rule.id = query.value(0).toLongLong();
             rule.name = query.value(1).toString();
-            rule.ruleCreationTime = QDateTime::fromSecsSinceEpoch(query.value(2).toUInt());
+            rule.ruleCreationTime = QDateTime::fromSecsSinceEpoch(query.value(2).toUInt(), Qt::UTC);
             rule.applicationName = query.value(3).toString();
             read[rule.id] = rule;
         }
@@ -275,7 +290,7 @@ void PageCachePurgeRules::refresh()
         query.exec(QStringLiteral("SELECT * FROM pagecache_purge_creation_time"));
         while (query.next())
             read[query.value(1).toLongLong()].creationTime =
-                QDateTime::fromSecsSinceEpoch(query.value(2).toUInt());
+                QDateTime::fromSecsSinceEpoch(query.value(2).toUInt(), Qt::UTC);
         query.exec(QStringLiteral("SELECT * FROM pagecache_purge_response_headers"));
         while (query.next())
             read[query.value(1).toLongLong()].responseHeaders

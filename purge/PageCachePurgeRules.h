@@ -46,6 +46,7 @@ public:
     static const int FlushAttempts = 10;
 
 private:
+    bool holdsRules();
     QString applicationNameOf(qint32 appId);
     QList<PurgeRule> rulesOf(const QString& applicationName);
     QDateTime latestCreationTime(const QString& applicationName);

@@ -30,21 +30,26 @@ bool debuggerAttached(int readBody)
 
 qint32 appIdForUrl(const char* url)
 {
-    if (debuggerAttached(1) || !url || !*url)
+    if (!url || !*url)
         return -1;
     static VDeploymentInfo deployment(lookupServerInfo(), moduleState.logStream,
                                       QStringLiteral("DeplInf_app_id_for_url"));
     deployment.refresh();
+    // With nothing deployed the answer is -1 whatever the request carries.
+    if (!deployment.hasApplications() || debuggerAttached(1))
+        return -1;
     return deployment.applicationForUrl(QString::fromUtf8(url)).id;
 }
 
 qint32 appIdForPath(const char* path)
 {
-    if (debuggerAttached(0) || !path || !*path)
+    if (!path || !*path)
         return -1;
     static VDeploymentInfo deployment(lookupServerInfo(), moduleState.logStream,
                                       QStringLiteral("DeplInf_app_id_for_path"));
     deployment.refresh();
+    if (!deployment.hasApplications() || debuggerAttached(0))
+        return -1;
     return deployment.applicationForPath(QString::fromUtf8(path)).id;
 }
 

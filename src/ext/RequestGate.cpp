@@ -10,6 +10,7 @@
 #include "StatisticsRecords.h"
 #include "host/vesk_host.h"
 
+#include "VDeploymentInfo.h"
 #include "VDevBar.h"
 #include "VException.h"
 #include "VFileDate.h"
@@ -111,6 +112,7 @@ int requestStartup()
         return 0;
     RequestState& r = requestState;
     const VDebug::StreamId log = moduleState.logStream;
+    VDeploymentInfo::beginRequest();
     r.appId = 0;
     r.seenHeaders.clear();
     if (!moduleState.enabled) {
@@ -239,5 +241,6 @@ int requestShutdown()
         reportStatisticsRecords();
     if (pageCacheConfig.pulse_enable)
         PageCachePulse::instance()->sendMessages(isInternalRequest(), currentUrl());
+    VDeploymentInfo::endRequest();
     return 0;
 }

@@ -291,7 +291,7 @@ bool pageCachePurge(VeskCall* call)
                 VLOG(log, 0) << "Invalid element value for 'created_ago' in page_cache_purge";
                 return false;
             }
-            rule.creationTime = QDateTime::currentDateTime().addSecs(-value.number);
+            rule.creationTime = QDateTime::currentDateTimeUtc().addSecs(-value.number);
         } else if (key == "url") {
             if (value.type != VeskValue::String) {
                 VLOG(log, 0) << "Invalid element value for 'url' in page_cache_purge";

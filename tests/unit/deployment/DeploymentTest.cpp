@@ -98,6 +98,32 @@ TEST_F(DeploymentTest, OnlyTheMarkerMakesItReadAgain)
     EXPECT_EQ(-1, deployment.applicationById(1).id);
 }
 
+TEST_F(DeploymentTest, WithinARequestTheMarkerIsLookedAtOnceForAllLookups)
+{
+    deploy({"1, 'a.example', '/a', 'a', '1', ''"});
+    touchMarker(-100);
+    VDeploymentInfo byUrl(info, log, QStringLiteral("u"));
+    VDeploymentInfo byPath(info, log, QStringLiteral("p"));
+
+    VDeploymentInfo::beginRequest();
+    byUrl.refresh();
+    deploy({"2, 'a.example', '/a', 'a2', '2', ''"});
+    touchMarker(-50);
+    byPath.refresh();
+    byUrl.refresh();
+    EXPECT_EQ(1, byUrl.applicationForUrl(QStringLiteral("http://a.example/")).id);
+    EXPECT_EQ(1, byPath.applicationForPath(QStringLiteral("/a/index.php")).id);
+    VDeploymentInfo::endRequest();
+
+    // The next request sees the deployment, in every lookup.
+    VDeploymentInfo::beginRequest();
+    byUrl.refresh();
+    byPath.refresh();
+    VDeploymentInfo::endRequest();
+    EXPECT_EQ(2, byUrl.applicationForUrl(QStringLiteral("http://a.example/")).id);
+    EXPECT_EQ(2, byPath.applicationForPath(QStringLiteral("/a/index.php")).id);
+}
+
 TEST_F(DeploymentTest, BrokenTableIsLoggedAndTriedAgainAtTheNextMarker)
 {
     QDir().mkpath(QString::fromLocal8Bit(info.dataDir()));
