@@ -56,9 +56,10 @@ TEST(VCrc32c, KnownValueAndContinuation)
     EXPECT_EQ(0u, crc32c("", 0));
     // Bit by bit, as the definition goes, over lengths around the word size.
     QByteArray data;
-    for (int i = 0; i < 1000; ++i)
-        data += char(i * 7 + 3);
-    for (int size : {1, 7, 8, 9, 15, 16, 17, 999, 1000}) {
+    for (int i = 0; i < 70000; ++i)
+        data += char(i * 7 + 3 + i / 251);
+    // Short runs, and long ones that the instruction takes in three lanes.
+    for (int size : {1, 7, 8, 9, 15, 16, 17, 999, 1000, 1535, 1536, 1537, 1543, 4099, 65536, 70000}) {
         quint32 expected = 0xFFFFFFFF;
         for (int i = 0; i < size; ++i) {
             expected ^= quint8(data[i]);
