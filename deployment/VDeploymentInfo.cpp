@@ -6,9 +6,10 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QHash>
 
 #include <algorithm>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -28,9 +29,10 @@ bool contains(const QString& text, const QString& part)
     return text.indexOf(part) != -1;
 }
 
-// Marker dates seen during the running request, by path.
+// Marker dates seen during the running request, by path: in practice one
+// path, so a short list that keeps its room from request to request.
 bool inRequest = false;
-QHash<QString, QDateTime> markersSeen;
+std::vector<std::pair<QByteArray, QDateTime>> markersSeen;
 
 } // namespace
 
@@ -49,18 +51,20 @@ void VDeploymentInfo::endRequest()
 QDateTime VDeploymentInfo::markerDate() const
 {
     if (!inRequest)
-        return fileModified(markerFile);
-    auto seen = markersSeen.constFind(markerFile);
-    if (seen == markersSeen.constEnd())
-        seen = markersSeen.insert(markerFile, fileModified(markerFile));
-    return seen.value();
+        return fileModified(markerPath);
+    for (const auto& seen : markersSeen) {
+        if (seen.first == markerPath)
+            return seen.second;
+    }
+    markersSeen.emplace_back(markerPath, fileModified(markerPath));
+    return markersSeen.back().second;
 }
 
 VDeploymentInfo::VDeploymentInfo(const VeskServerInfo& serverInfo, VDebug::StreamId logStream,
                                  const QString& connectionName)
     : markerFile(QStringLiteral("%1/%2").arg(QString::fromLocal8Bit(serverInfo.dataDir()),
                                               QStringLiteral("deployment_update"))),
-      serverInfo(serverInfo), logStream(logStream)
+      markerPath(QFile::encodeName(markerFile)), serverInfo(serverInfo), logStream(logStream)
 {
     fetch(connectionName);
 }

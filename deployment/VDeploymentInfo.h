@@ -46,6 +46,7 @@ private:
     QDateTime markerDate() const;
 
     QString markerFile;
+    QByteArray markerPath; // the same, as the file system names it
     QDateTime lastFetch;
     VeskServerInfo serverInfo;
     VDebug::StreamId logStream;

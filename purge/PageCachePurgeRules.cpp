@@ -46,6 +46,7 @@ QString normalizeUrl(const QString& url)
 PageCachePurgeRules::PageCachePurgeRules(const VeskServerInfo& serverInfo,
                                          VDebug::StreamId logStream)
     : dbFileName(VeskDB::getSqliteDbFileName(DB_PAGECACHE, serverInfo)),
+      dbFilePath(QFile::encodeName(dbFileName)),
       serverInfo(serverInfo),
       deploymentInfo(serverInfo, logStream, QStringLiteral("PageCachePurgeRules")),
       logStream(logStream)
@@ -260,7 +261,7 @@ void PageCachePurgeRules::flushToDb()
 
 void PageCachePurgeRules::refresh()
 {
-    const QDateTime fileDate = fileModified(dbFileName);
+    const QDateTime fileDate = fileModified(dbFilePath);
     if (lastRefresh.isValid() && !isEarlier(lastRefresh, fileDate))
         return;
     // Kept before the read: a read that fails waits for the next change.

@@ -55,6 +55,7 @@ private:
 
     QMap<QString, QList<PurgeRule>> rules;
     QString dbFileName;
+    QByteArray dbFilePath; // the same, as the file system names it
     QDateTime lastRefresh;
     VeskServerInfo serverInfo;
     QRecursiveMutex mutex;

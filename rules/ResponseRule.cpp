@@ -39,7 +39,8 @@ void ResponseRule::setResponseCodes(const QString& codes)
 bool ResponseRule::statusFits(int status) const
 {
     const QString code = QString::number(status);
-    for (QRegExp pattern : codePatterns) {
+    // By reference: a copy of a QRegExp looks its engine up again.
+    for (const QRegExp& pattern : codePatterns) {
         if (pattern.exactMatch(code))
             return true;
     }

@@ -299,6 +299,7 @@ struct VDiskStorage::Held
 {
     QByteArray ns;
     QByteArray key;
+    QByteArray path;
     int fd;
     Header header;
 };
@@ -391,16 +392,18 @@ bool VDiskStorage::write(const QByteArray& ns, const QByteArray& key, const QByt
 
 char* VDiskStorage::read(const QByteArray& ns, const QByteArray& key, int* length)
 {
-    const QByteArray path = recordPath(ns, key);
+    QByteArray path;
     Header h;
     int fd = -1;
     if (m_held && m_held->ns == ns && m_held->key == key) {
+        path = m_held->path;
         fd = m_held->fd;
         h = m_held->header;
         delete m_held;
         m_held = nullptr;
     } else {
         release();
+        path = recordPath(ns, key);
         fd = openRecord(path, ns, key, &h);
         if (fd < 0)
             return nullptr;
@@ -428,14 +431,15 @@ bool VDiskStorage::contains(const QByteArray& ns, const QByteArray& key, bool)
 {
     release();
     Header h;
-    const int fd = openRecord(recordPath(ns, key), ns, key, &h);
+    const QByteArray path = recordPath(ns, key);
+    const int fd = openRecord(path, ns, key, &h);
     if (fd < 0)
         return false;
     if (h.expiredAt(m_env->now())) {
         close(fd);
         return false;
     }
-    m_held = new Held{ns, key, fd, h};
+    m_held = new Held{ns, key, path, fd, h};
     return true;
 }
 

@@ -8,5 +8,6 @@
 // file is missing. Cheaper than QFileInfo::lastModified(), whose local time
 // makes the C library look at the time zone file on every call, and the
 // request path asks for file dates on every request.
-QDateTime fileModified(const QString& path);
+QDateTime fileModified(const char* path);
 QDateTime fileModified(const QByteArray& path);
+QDateTime fileModified(const QString& path);

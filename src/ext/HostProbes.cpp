@@ -146,11 +146,8 @@ int isInternalRequest()
     const char* colon = strchr(rest, ':');
     if (!colon)
         return 0;
-    char portText[UrlBufferSize];
-    snprintf(portText, sizeof portText, "%s", colon + 1);
-    if (char* slash = strchr(portText, '/'))
-        *slash = '\0';
-    const long port = strtol(portText, nullptr, 10);
+    // strtol stops at the "/" that ends the port by itself.
+    const long port = strtol(colon + 1, nullptr, 10);
     if (port == -1 || !ports)
         return 0;
     const char* piece = ports;

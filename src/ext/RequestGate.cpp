@@ -125,7 +125,7 @@ int requestStartup()
     }
     // Each worker picks up a newer rules file by itself, at its next request.
     if (moduleState.rulesFileDate.isNull()
-        || moduleState.rulesFileDate < fileModified(moduleState.rulesFilePath)) {
+        || moduleState.rulesFileDate < fileModified(moduleState.resolvedRulesFile)) {
         try {
             reloadRules(false);
         } catch (const VException& e) {
