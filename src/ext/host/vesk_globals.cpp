@@ -6,10 +6,13 @@
 extern "C" {
 #include "ext/standard/php_var.h"
 }
+#include "SAPI.h"
 #include "zend_smart_str.h"
 
 #include "vesk_host.h"
 
+#include <cstdlib>
+#include <strings.h>
 #include <vector>
 
 namespace {
@@ -93,12 +96,72 @@ void textOf(zval* value, std::string* text)
     }
 }
 
+// $_SERVER is made on its first use from the whole FastCGI table and the
+// process environment, which costs a hit more than all the rest of its
+// work. Until something has made it, one plain variable of it can only get
+// the value the table would give it: FastCGI's own, else the environment's
+// (the worker's getenv() reads FastCGI's alone). That holds where nothing
+// changes values on their way in: a FastCGI server API, "S" in
+// variables_order, no input filter at work, and a name that PHP neither
+// sets itself nor rewrites. True when the answer is given here, with the
+// value or null for a variable that isn't there.
+bool serverVariableBeforeTable(const char* name, size_t nameLength, const VeskKey* keys, size_t keyCount,
+                               const char** value)
+{
+    if (keyCount != 1 || nameLength != 7 || memcmp(name, "_SERVER", 7) != 0 || !sapi_module.getenv
+        || !sapi_module.name
+        || (strcmp(sapi_module.name, "fpm-fcgi") != 0 && strcmp(sapi_module.name, "cgi-fcgi") != 0))
+        return false;
+    const zend_auto_global* global =
+        static_cast<const zend_auto_global*>(zend_hash_str_find_ptr(CG(auto_globals), name, nameLength));
+    if (!global || !global->armed || !PG(variables_order)
+        || (!strchr(PG(variables_order), 'S') && !strchr(PG(variables_order), 's')))
+        return false;
+    if (sapi_module.input_filter != php_default_input_filter) {
+        // The filter extension's own filter passes values on as they came
+        // only with its raw default.
+        bool exists = false;
+        const char* filter = zend_ini_string_ex(const_cast<char*>("filter.default"), strlen("filter.default"), 0,
+                                                &exists);
+        if (!zend_hash_str_exists(&module_registry, "filter", strlen("filter")) || !filter
+            || strcasecmp(filter, "unsafe_raw") != 0)
+            return false;
+    }
+    // Letters, digits and "_", not starting with a digit: nothing for the
+    // engine to rewrite, and no number it would turn into an integer key.
+    const VeskKey& key = keys[0];
+    if (key.length == 0 || key.length > 128 || (key.data[0] >= '0' && key.data[0] <= '9'))
+        return false;
+    char variable[129];
+    for (size_t i = 0; i < key.length; ++i) {
+        const char c = key.data[i];
+        if (!((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_'))
+            return false;
+        variable[i] = c;
+    }
+    variable[key.length] = '\0';
+    for (const char* own : {"PHP_SELF", "PHP_AUTH_USER", "PHP_AUTH_PW", "PHP_AUTH_DIGEST", "REQUEST_TIME",
+                            "REQUEST_TIME_FLOAT", "argv", "argc", "HTTP_PROXY", "GLOBALS"}) {
+        if (strcmp(variable, own) == 0)
+            return false;
+    }
+    const char* found = sapi_module.getenv(variable, key.length);
+    *value = found ? found : getenv(variable);
+    return true;
+}
+
 } // namespace
 
 bool vesk_global_element_text(const char* name, size_t nameLength, const VeskKey* keys,
                               size_t keyCount, std::string* text)
 {
     text->clear();
+    const char* direct = nullptr;
+    if (serverVariableBeforeTable(name, nameLength, keys, keyCount, &direct)) {
+        if (direct)
+            text->assign(direct);
+        return direct != nullptr;
+    }
     std::vector<zval> scratch;
     zval* value = walk(fetchGlobal(name, nameLength), keys, keyCount, scratch);
     if (value)
@@ -116,6 +179,9 @@ bool vesk_global_exists(const char* name, size_t nameLength)
 bool vesk_global_element_exists(const char* name, size_t nameLength, const VeskKey* keys,
                                 size_t keyCount)
 {
+    const char* direct = nullptr;
+    if (serverVariableBeforeTable(name, nameLength, keys, keyCount, &direct))
+        return direct != nullptr;
     if (!vesk_global_exists(name, nameLength))
         return false;
     std::vector<zval> scratch;
