@@ -97,12 +97,15 @@ QByteArray currentRequestUrl(bool withPort)
             break;
         }
     }
-    url.reserve(url.size() + path.size());
+    const int start = url.size();
+    url.resize(start + path.size());
+    char* out = url.data() + start;
+    const char* in = path.constData();
     for (int i = 0; i < path.size(); ++i) {
-        if (path[i] == '/' && i > 0 && path[i - 1] == '/')
-            continue;
-        url += path[i];
+        if (in[i] != '/' || i == 0 || in[i - 1] != '/')
+            *out++ = in[i];
     }
+    url.resize(int(out - url.constData()));
     return url;
 }
 
