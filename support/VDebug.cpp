@@ -130,6 +130,14 @@ VDebug& VDebug::number(qint64 n)
     return *this;
 }
 
+VDebug& VDebug::operator<<(VHex n)
+{
+    if (!wantsText())
+        return *this;
+    item("0x" + QByteArray::number(n.value, 16), false);
+    return *this;
+}
+
 VDebug& VDebug::unsignedNumber(quint64 n)
 {
     if (!wantsText())

@@ -16,6 +16,13 @@
     (VDebug::sinkLevel(stream) < (lvl) ? VDebug::cheap((stream), (lvl))       \
                                        : VDebug::full((stream), (lvl)))
 
+// A 32-bit word shown as "0x" and its digits in base 16 (so -1 reads
+// 0xffffffff), formatted only when the statement is on.
+struct VHex
+{
+    quint32 value;
+};
+
 class VDebug
 {
 public:
@@ -90,6 +97,7 @@ public:
     VDebug& operator<<(unsigned long n) { return unsignedNumber(n); }
     VDebug& operator<<(long long n) { return number(n); }
     VDebug& operator<<(unsigned long long n) { return unsignedNumber(n); }
+    VDebug& operator<<(VHex n);
 
     void setHexNumbers(bool on) { hexNumbers = on; }
     void flush();

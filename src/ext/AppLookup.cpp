@@ -7,7 +7,6 @@
 #include "VDeploymentInfo.h"
 #include "host/vesk_host.h"
 
-#include <QDir>
 
 namespace {
 
@@ -57,12 +56,12 @@ qint32 currentAppId()
 {
     const VDebug::StreamId log = moduleState.logStream;
     qint32 id = -1;
+    // The path goes to the lookup as it came: its separators are this
+    // system's own, and the lookup reads it as UTF-8 itself.
     if (const char* script = scriptFilename()) {
-        const QByteArray path = QDir::toNativeSeparators(QString::fromUtf8(script)).toUtf8();
-        VLOG(log, 4) << "current script path is:" << path;
-        id = appIdForPath(path.constData());
-        VLOG(log, 4) << "vesk_get_app_id_for_current_path found app id:"
-                     << "0x" + QByteArray::number(id, 16);
+        VLOG(log, 4) << "current script path is:" << script;
+        id = appIdForPath(script);
+        VLOG(log, 4) << "vesk_get_app_id_for_current_path found app id:" << VHex{quint32(id)};
     }
     if (id != -1)
         return id;
