@@ -332,13 +332,27 @@ QByteArray VDiskStorage::namespaceDir(const QByteArray& ns) const
 
 QByteArray VDiskStorage::recordPath(const QByteArray& ns, const QByteArray& key) const
 {
-    QByteArray path = namespaceDir(ns);
+    const QByteArray dir = namespaceDir(ns);
+    const QByteArray name = fileName(key);
+    // Built in place: every hit asks for a path.
+    QByteArray path(dir.size() + 3 * m_depth + 1 + name.size(), Qt::Uninitialized);
+    char* at = path.data();
+    memcpy(at, dir.constData(), size_t(dir.size()));
+    at += dir.size();
     if (m_depth > 0) {
-        const QByteArray spread = QCryptographicHash::hash(key, QCryptographicHash::Md5).toHex();
-        for (int level = 0; level < m_depth; ++level)
-            path += '/' + spread.mid(level * 2, 2);
+        // Level n is the n-th byte of the key's MD5, in two hex digits.
+        static const char digits[] = "0123456789abcdef";
+        const QByteArray spread = QCryptographicHash::hash(key, QCryptographicHash::Md5);
+        for (int level = 0; level < m_depth; ++level) {
+            const quint8 byte = quint8(spread.at(level));
+            *at++ = '/';
+            *at++ = digits[byte >> 4];
+            *at++ = digits[byte & 15];
+        }
     }
-    return path + '/' + fileName(key);
+    *at++ = '/';
+    memcpy(at, name.constData(), size_t(name.size()));
+    return path;
 }
 
 bool VDiskStorage::write(const QByteArray& ns, const QByteArray& key, const QByteArray& value, char* outFlag,
