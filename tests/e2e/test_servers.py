@@ -20,6 +20,13 @@ RULES = """<?xml version="1.0" encoding="UTF-8"?>
       </conditions_AND_block></conditions_OR_block>
       <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by>
     </url>
+    <url schema="http" host="&amp;lt;default-server&amp;gt;" path="variant\\.php" lifetime="300" match_type="regex_match" priority="3">
+      <name>Variants by a request header</name>
+      <conditions_OR_block><conditions_AND_block>
+        <condition global="_SERVER[HTTP_X_VARIANT]" type="regex_match" value="[ab]"/>
+      </conditions_AND_block></conditions_OR_block>
+      <split_by><split_condition global="_SERVER[HTTP_X_VARIANT]"/></split_by>
+    </url>
     <url schema="http" host="&amp;lt;default-server&amp;gt;" path="page\\.php.*" lifetime="300" match_type="regex_match" priority="1">
       <name>Pages</name>
       <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by>
@@ -78,6 +85,26 @@ class CoreScenarios:
         self.assertEqual("gzip", headers.get("content-encoding"))
         self.assertEqual(body, gzip.decompress(packed))
         self.assertEqual(1, self.count("runs.log", "page.php"))
+
+    def test_conditions_and_variants_on_a_server_variable(self):
+        # Read before the script makes $_SERVER (php-fpm) or after the
+        # server made it (Apache): either way the header's variable decides.
+        shutil.copy(os.path.join(self.site, "page.php"), os.path.join(self.site, "variant.php"))
+
+        def page(variant):
+            headers = {"X-Variant": variant} if variant else {}
+            status, _, body = self.get("/variant.php", headers)
+            self.assertEqual(200, status, self.workspace.log()[-2000:])
+            return body
+        a, b = page("a"), page("b")
+        self.assertNotEqual(a, b)
+        for _ in range(3):
+            self.assertEqual((a, b), (page("a"), page("b")))
+        self.assertEqual(2, self.count("runs.log", "variant.php"))
+        # A value the condition refuses, and none at all: the script runs each time.
+        for variant in ("c", "c", None, None):
+            self.assertNotIn(page(variant), (a, b))
+        self.assertEqual(6, self.count("runs.log", "variant.php"))
 
     def test_session_dependent_page(self):
         status, first_headers, first = self.get("/anonymous.php")
