@@ -27,6 +27,9 @@ public:
     // Re-reads the database and the deployed applications when their files
     // have changed.
     void refreshAll();
+    // Whether this process holds any rule at all: without one, nothing is
+    // purged, and a caller needn't even build the URL to ask.
+    bool holdsRules();
     bool isUrlPurged(const QString& url, qint32 appId);
     bool isCreationTimePurged(const QDateTime& creationTime, qint32 appId);
     // Whether a page created at `entryCreationTime` for `url` outlives every
@@ -46,7 +49,6 @@ public:
     static const int FlushAttempts = 10;
 
 private:
-    bool holdsRules();
     QString applicationNameOf(qint32 appId);
     QList<PurgeRule> rulesOf(const QString& applicationName);
     QDateTime latestCreationTime(const QString& applicationName);

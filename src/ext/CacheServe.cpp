@@ -137,7 +137,7 @@ bool serveOrCapture(const QString& ruleName, qint64 ruleId)
     const int status = conditionalStatus();
     PageCachePurgeRules* purge = moduleState.purgeRules;
     // A purged URL goes the miss path, so that this request's page replaces the stored one.
-    bool usable = !(purge && purge->isUrlPurged(QString::fromLatin1(currentUrl()), r.appId));
+    bool usable = !(purge && purge->holdsRules() && purge->isUrlPurged(QString::fromLatin1(currentUrl()), r.appId));
 
     if (status == 304 && usable) {
         CacheEntry entry;
