@@ -59,16 +59,21 @@ class Crashes(unittest.TestCase):
     def setUp(self):
         self.workspace, self.site = harness.Workspace.with_site(self, RULES)
 
-    def runs(self):
-        with open(os.path.join(self.site, "runs.log")) as f:
-            return f.read().split().count("page.php")
-
-    def test_workers_killed_under_load(self):
+    def fpm_server(self):
+        """nginx with php-fpm over this test's workspace, stopped when it ends."""
         if not harness.FpmBehindNginx.available():
             self.fail("nginx or php-fpm is not installed: scripts/bootstrap installs them")
         harness.make_shared(self.workspace, "log", "tmp", "run", "site", "var")
         server = harness.FpmBehindNginx(self.workspace, self.site, self.workspace.directives())
         self.addCleanup(server.stop)
+        return server
+
+    def runs(self):
+        with open(os.path.join(self.site, "runs.log")) as f:
+            return f.read().split().count("page.php")
+
+    def test_workers_killed_under_load(self):
+        server = self.fpm_server()
         sizes = {n: 2000 + n * 37000 for n in range(12)}   # up to about 400 KB
         stop = threading.Event()
         problems, answers = [], {"whole": 0, "failed": 0, "cut": 0}
@@ -128,11 +133,7 @@ class Crashes(unittest.TestCase):
         self.assertEqual(runs, self.runs())
 
     def test_a_client_that_leaves_during_a_hit_costs_no_worker(self):
-        if not harness.FpmBehindNginx.available():
-            self.fail("nginx or php-fpm is not installed: scripts/bootstrap installs them")
-        harness.make_shared(self.workspace, "log", "tmp", "run", "site", "var")
-        server = harness.FpmBehindNginx(self.workspace, self.site, self.workspace.directives())
-        self.addCleanup(server.stop)
+        server = self.fpm_server()
         # Larger than any output buffer, so that the stored page goes out
         # while the request is still starting.
         size = 200000
