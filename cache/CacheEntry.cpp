@@ -1,7 +1,6 @@
 #include "CacheEntry.h"
 
 #include <QDataStream>
-#include <QDate>
 #include <QtEndian>
 
 #include <cstdlib>

@@ -94,10 +94,6 @@ bool PageCachePurgeRules::holdsRules()
 
 bool PageCachePurgeRules::isUrlPurged(const QString& url, qint32 appId)
 {
-    // Asked on every hit: without a rule in this process nothing is purged,
-    // and the URL needn't be parsed to find that out.
-    if (!holdsRules())
-        return false;
     const QString normalized = normalizeUrl(url);
     const QString name = applicationNameOf(appId);
     QMutexLocker lock(&mutex);

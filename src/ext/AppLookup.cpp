@@ -7,7 +7,6 @@
 #include "VDeploymentInfo.h"
 #include "host/vesk_host.h"
 
-
 namespace {
 
 VeskServerInfo lookupServerInfo()
