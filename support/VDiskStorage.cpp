@@ -138,25 +138,78 @@ void dropDoubtful(const QByteArray& path, const struct stat& judged)
 // Opens a record and checks that its header is sound and that it is the
 // record of that namespace and key; -1 otherwise. A file that was there but
 // didn't check out is removed, so that the next write replaces it. Header
-// and names come in one read.
-int openRecord(const QByteArray& path, const QByteArray& ns, const QByteArray& key, Header* h)
+// and names come in one read. `st` receives the open file's status.
+int openRecord(const QByteArray& path, const QByteArray& ns, const QByteArray& key, Header* h, struct stat* st)
 {
     const int fd = open(path.constData(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return -1;
     const size_t wanted = size_t(VDiskStorage::HeaderSize + ns.size() + key.size());
     QVarLengthArray<char, 512> bytes(static_cast<int>(wanted));
-    if (pread(fd, bytes.data(), wanted, 0) == ssize_t(wanted) && parseHeader(bytes.constData(), fileSize(fd), h)
+    if (pread(fd, bytes.data(), wanted, 0) == ssize_t(wanted) && fstat(fd, st) == 0
+        && parseHeader(bytes.constData(), quint64(st->st_size), h)
         && h->nsLength == quint32(ns.size()) && h->keyLength == quint32(key.size())
         && memcmp(bytes.constData() + VDiskStorage::HeaderSize, ns.constData(), size_t(ns.size())) == 0
         && memcmp(bytes.constData() + VDiskStorage::HeaderSize + ns.size(), key.constData(), size_t(key.size())) == 0)
         return fd;
-    struct stat judged;
-    if (fstat(fd, &judged) == 0)
-        dropDoubtful(path, judged);
+    if (fstat(fd, st) == 0)
+        dropDoubtful(path, *st);
     close(fd);
     return -1;
 }
+
+bool valueMatches(const QByteArray& ns, const QByteArray& key, const char* value, const Header& h)
+{
+    const quint32 identityCrc = crc((ns + key).constData(), size_t(ns.size() + key.size()));
+    return crc(value, size_t(h.length), identityCrc) == h.bodyCrc;
+}
+
+bool sameTime(const struct timespec& a, const struct timespec& b)
+{
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+} // namespace
+
+// Record files whose value this store has read and found sound. No record is
+// ever changed in place: a writer renames a whole new file over it. So a file
+// of the same device, inode, size and modification and change times holds
+// the bytes that were checked, and a page read on every hit is checked once
+// per process instead of once per hit. Direct-mapped and fixed in size: a
+// collision only costs one more check.
+class VDiskStorage::CheckedFiles
+{
+public:
+    bool holds(const struct stat& st) const
+    {
+        const Slot& slot = m_slots[index(st)];
+        return slot.ino == st.st_ino && slot.dev == st.st_dev && slot.size == st.st_size
+               && sameTime(slot.mtime, st.st_mtim) && sameTime(slot.ctime, st.st_ctim);
+    }
+
+    void add(const struct stat& st)
+    {
+        m_slots[index(st)] = Slot{st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
+    }
+
+private:
+    struct Slot
+    {
+        dev_t dev;
+        ino_t ino;
+        off_t size;
+        struct timespec mtime;
+        struct timespec ctime;
+    };
+    static const size_t Slots = 1024;
+
+    static size_t index(const struct stat& st) { return size_t(st.st_ino ^ (st.st_dev << 7)) % Slots; }
+
+    // Inode 0 is no file's, so an empty slot matches nothing.
+    Slot m_slots[Slots] = {};
+};
+
+namespace {
 
 // Names of namespaces and keys become file names: safe ones as they are,
 // anything else in hexadecimal, so no name can leave its directory.
@@ -302,6 +355,7 @@ struct VDiskStorage::Held
     QByteArray path;
     int fd;
     Header header;
+    struct stat status;
 };
 
 VDiskStorage::~VDiskStorage()
@@ -408,52 +462,66 @@ char* VDiskStorage::read(const QByteArray& ns, const QByteArray& key, int* lengt
 {
     QByteArray path;
     Header h;
+    struct stat st;
     int fd = -1;
     if (m_held && m_held->ns == ns && m_held->key == key) {
         path = m_held->path;
         fd = m_held->fd;
         h = m_held->header;
+        st = m_held->status;
         delete m_held;
         m_held = nullptr;
     } else {
         release();
         path = recordPath(ns, key);
-        fd = openRecord(path, ns, key, &h);
+        fd = openRecord(path, ns, key, &h, &st);
         if (fd < 0)
             return nullptr;
     }
     char* buffer = nullptr;
     if (!h.expiredAt(m_env->now())) {
         buffer = static_cast<char*>(malloc(qMax<size_t>(size_t(h.length), 1)));
-        const quint32 identityCrc = crc((ns + key).constData(), size_t(ns.size() + key.size()));
         if (buffer && (!readAll(fd, buffer, size_t(h.length), off_t(h.valueOffset()))
-                       || crc(buffer, size_t(h.length), identityCrc) != h.bodyCrc)) {
+                       || !(checkedBefore(st) || valueMatches(ns, key, buffer, h)))) {
             free(buffer);
             buffer = nullptr;
-            struct stat judged;
-            if (fstat(fd, &judged) == 0)
-                dropDoubtful(path, judged);
-        } else if (buffer && length) {
-            *length = int(h.length);
+            dropDoubtful(path, st);
+        } else if (buffer) {
+            rememberChecked(st);
+            if (length)
+                *length = int(h.length);
         }
     }
     close(fd);
     return buffer;
 }
 
+bool VDiskStorage::checkedBefore(const struct stat& st) const
+{
+    return m_checked && m_checked->holds(st);
+}
+
+void VDiskStorage::rememberChecked(const struct stat& st)
+{
+    if (!m_checked)
+        m_checked.reset(new CheckedFiles);
+    m_checked->add(st);
+}
+
 bool VDiskStorage::contains(const QByteArray& ns, const QByteArray& key, bool)
 {
     release();
     Header h;
+    struct stat st;
     const QByteArray path = recordPath(ns, key);
-    const int fd = openRecord(path, ns, key, &h);
+    const int fd = openRecord(path, ns, key, &h, &st);
     if (fd < 0)
         return false;
     if (h.expiredAt(m_env->now())) {
         close(fd);
         return false;
     }
-    m_held = new Held{ns, key, path, fd, h};
+    m_held = new Held{ns, key, path, fd, h, st};
     return true;
 }
 
@@ -461,7 +529,8 @@ long VDiskStorage::getLastModified(const QByteArray& ns, const QByteArray& key)
 {
     release();
     Header h;
-    const int fd = openRecord(recordPath(ns, key), ns, key, &h);
+    struct stat st;
+    const int fd = openRecord(recordPath(ns, key), ns, key, &h, &st);
     if (fd < 0)
         return -1;
     close(fd);

@@ -3,6 +3,10 @@
 #include <QByteArray>
 #include <QtGlobal>
 
+#include <memory>
+
+struct stat;
+
 // The file operations of the store that tests may want to fail or to see
 // at another time. The default one is the operating system.
 class VDiskStorageEnv
@@ -74,9 +78,14 @@ private:
     void release();
 
     bool fail(const QByteArray& what, const QByteArray& path, int error);
+    // Whether this file, unchanged, already passed the value check here.
+    class CheckedFiles;
+    bool checkedBefore(const struct stat& st) const;
+    void rememberChecked(const struct stat& st);
 
     QByteArray m_root;
     int m_depth;
     VDiskStorageEnv* m_env;
     Held* m_held = nullptr;
+    std::unique_ptr<CheckedFiles> m_checked;
 };

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <csignal>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -203,6 +204,33 @@ TEST_F(StoreTest, DamagedValueIsNeverHandedOut)
     EXPECT_FALSE(file.exists());
     ASSERT_TRUE(put("ns", "key", "fresh"));
     EXPECT_EQ(QByteArray("fresh"), get("ns", "key"));
+}
+
+TEST_F(StoreTest, AValueCheckedOnceIsCheckedAgainWhenItsFileChanges)
+{
+    ASSERT_TRUE(put("ns", "key", "abcdef"));
+    EXPECT_EQ(QByteArray("abcdef"), get("ns", "key"));
+    EXPECT_EQ(QByteArray("abcdef"), get("ns", "key"));
+    const QByteArray path = store->recordPath("ns", "key");
+    struct stat before;
+    ASSERT_EQ(0, stat(path.constData(), &before));
+    // File times move with the kernel's coarse clock: let it tick, so the
+    // change below is one the file's times can show.
+    usleep(30 * 1000);
+    QFile file(QString::fromLocal8Bit(path));
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    file.seek(VDiskStorage::HeaderSize + 5 + 2);
+    file.write("X");
+    file.close();
+    // Even with its modification time put back, the change time tells.
+    const struct timespec times[2] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, path.constData(), times, 0));
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "key"));
+    EXPECT_FALSE(QFile::exists(QString::fromLocal8Bit(path)));
+
+    // A new record in its place is read and checked afresh.
+    ASSERT_TRUE(put("ns", "key", "ghijkl"));
+    EXPECT_EQ(QByteArray("ghijkl"), get("ns", "key"));
 }
 
 TEST_F(StoreTest, EveryBitFlipAndTruncationIsAMiss)
