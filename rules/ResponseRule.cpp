@@ -29,6 +29,7 @@ void ResponseRule::setResponseCodes(const QString& codes)
 {
     responseCodes = codes;
     codePatterns.clear();
+    lastStatus = -1;
     for (QString piece : codes.split(QLatin1Char(','), Qt::SkipEmptyParts)) {
         piece = piece.trimmed();
         piece.replace(QLatin1String("x"), QLatin1String("."), Qt::CaseInsensitive);
@@ -38,13 +39,20 @@ void ResponseRule::setResponseCodes(const QString& codes)
 
 bool ResponseRule::statusFits(int status) const
 {
+    if (status == lastStatus)
+        return lastFits;
     const QString code = QString::number(status);
+    bool fits = false;
     // By reference: a copy of a QRegExp looks its engine up again.
     for (const QRegExp& pattern : codePatterns) {
-        if (pattern.exactMatch(code))
-            return true;
+        if (pattern.exactMatch(code)) {
+            fits = true;
+            break;
+        }
     }
-    return false;
+    lastStatus = status;
+    lastFits = fits;
+    return fits;
 }
 
 bool ResponseRule::headersPass(const QLinkedList<QByteArray>& headers, int logStream) const

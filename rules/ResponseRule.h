@@ -52,4 +52,10 @@ public:
     // to every application unless the generator says otherwise.
     bool inheritGlobals = true;
     QString note;
+
+private:
+    // The last status asked about and its answer: a worker sees the same
+    // status, mostly 200, on hit after hit.
+    mutable int lastStatus = -1;
+    mutable bool lastFits = false;
 };

@@ -133,16 +133,20 @@ QList<QRegExp> VRuleMatcher::matchingPatterns(const QByteArray& url) const
     return found;
 }
 
-ResponseRule VRuleMatcher::responseRule(int appId) const
+const ResponseRule& VRuleMatcher::responseRule(int appId) const
 {
-    return responseRules ? responseRules->value(appId) : ResponseRule();
+    static const ResponseRule none;
+    if (!responseRules)
+        return none;
+    const auto it = responseRules->constFind(appId);
+    return it == responseRules->constEnd() ? none : it.value();
 }
 
 bool VRuleMatcher::isStatusCacheable(int status, int appId) const
 {
     const VDebug::StreamId log = PageCacheLogStream;
     VLOG(log, 3) << "Checking if the request with response code" << status << "should be cached. App id" << appId;
-    const ResponseRule rule = responseRule(appId);
+    const ResponseRule& rule = responseRule(appId);
     if (rule.hasCodePatterns()) {
         if (rule.statusFits(status)) {
             VLOG(log, 3) << "Accepted for cache - by response code rule";
@@ -162,16 +166,17 @@ bool VRuleMatcher::isStatusCacheable(int status, int appId) const
 bool VRuleMatcher::areHeadersCacheable(const QLinkedList<QByteArray>& headers, int appId) const
 {
     const VDebug::StreamId log = PageCacheLogStream;
-    const ResponseRule rule = responseRule(appId);
+    const ResponseRule& rule = responseRule(appId);
     if (!rule.hasCodePatterns())
         return true;
     if (!rule.headersPass(headers, log)) {
         VLOG(log, 3) << "Cache REJECTED by app response headers rules";
         return false;
     }
-    if (!rule.inheritGlobals)
+    const ResponseRule& global = responseRule(-1);
+    // The rule for no application is the global one, already passed.
+    if (!rule.inheritGlobals || &global == &rule)
         return true;
-    const ResponseRule global = responseRule(-1);
     if (!global.hasCodePatterns())
         return true;
     if (!global.headersPass(headers, log)) {

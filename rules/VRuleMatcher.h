@@ -43,7 +43,8 @@ protected:
 
 private:
     CacheRule* remember(const QByteArray& url, const CacheRule& rule);
-    ResponseRule responseRule(int appId) const;
+    // The table's own rule, or an empty one: asked on every hit, so not copied.
+    const ResponseRule& responseRule(int appId) const;
 
     // A rule the cache couldn't keep (a cache of size 0) lives here until
     // the next lookup.

@@ -58,6 +58,19 @@ void captureHeaderLine(const char* text, size_t length)
     r.storedHeaders.append(line);
 }
 
+// A rule's pages are stored under the MD5 of its URL. A worker mostly
+// serves the same few rules, so the last one's is kept.
+QByteArray namespaceKeyFor(const QByteArray& ruleUrl)
+{
+    static QByteArray lastUrl;
+    static QByteArray lastKey;
+    if (lastKey.isEmpty() || ruleUrl != lastUrl) {
+        lastUrl = ruleUrl;
+        lastKey = VMD5::hash(ruleUrl);
+    }
+    return lastKey;
+}
+
 bool isCacheableMethod(const char* method)
 {
     return method && (strcasecmp(method, "GET") == 0 || strcasecmp(method, "HEAD") == 0);
@@ -65,24 +78,26 @@ bool isCacheableMethod(const char* method)
 
 } // namespace
 
-QByteArray currentRequestUrl(bool withPort)
+QByteArray currentRequestUrl(QByteArray* withPort)
 {
+    if (withPort)
+        withPort->clear();
     if (!vesk_sapi_has_getenv())
         return QByteArray();
     const char* host = vesk_sapi_getenv("HTTP_HOST");
     if (!host || !*host)
         return QByteArray();
-    QByteArray hostPart(host);
-    if (withPort && !hostPart.contains(':')) {
-        if (const char* port = vesk_sapi_getenv("SERVER_PORT"))
-            hostPart += ':' + QByteArray(port);
-    }
     const char* https = vesk_sapi_getenv("HTTPS");
     QByteArray url = https && *https && strcasecmp(https, "off") != 0 ? "https://" : "http://";
-    url += hostPart;
+    url += host;
+    const int hostEnd = url.size();
+    const char* port = withPort && !strchr(host, ':') ? vesk_sapi_getenv("SERVER_PORT") : nullptr;
     const char* uri = vesk_sapi_getenv("REQUEST_URI");
-    if (!uri)
+    if (!uri) {
+        if (withPort)
+            *withPort = port ? url + ':' + port : url;
         return url;
+    }
     // Up to the query (one that starts the URI stays), each run of slashes
     // folded into one: what the pattern "/+" would do, on every request
     // without a regular expression.
@@ -106,6 +121,8 @@ QByteArray currentRequestUrl(bool withPort)
             *out++ = in[i];
     }
     url.resize(int(out - url.constData()));
+    if (withPort)
+        *withPort = port ? QByteArray(url).insert(hostEnd, ':' + QByteArray(port)) : url;
     return url;
 }
 
@@ -116,6 +133,7 @@ int requestStartup()
     RequestState& r = requestState;
     const VDebug::StreamId log = moduleState.logStream;
     VDeploymentInfo::beginRequest();
+    r.internalRequest = -1;
     r.appId = 0;
     r.seenHeaders.clear();
     if (!moduleState.enabled) {
@@ -149,7 +167,8 @@ int requestStartup()
         VLOG(log, 5) << "Cache is not active since debug session is in progress";
         return 0;
     }
-    if (isInternalRequest()) {
+    r.internalRequest = isInternalRequest();
+    if (r.internalRequest) {
         VLOG(log, 5) << "Cache is not active since internal request is in progress";
         return 0;
     }
@@ -175,8 +194,8 @@ int requestStartup()
     }
     r.appId = appId;
 
-    r.requestUrl = currentRequestUrl(false);
-    const QByteArray urlWithPort = currentRequestUrl(true);
+    QByteArray urlWithPort;
+    r.requestUrl = currentRequestUrl(&urlWithPort);
     VHTMLCache* cache = VHTMLCache::instance();
     // Without a host there is no URL, and no rule may cover it: a pattern
     // rule for any host would otherwise fit the empty text.
@@ -195,7 +214,7 @@ int requestStartup()
     r.cacheable = false;
     r.ruleActive = true;
     r.compressionAllowed = pageCacheConfig.compression_enable;
-    r.namespaceKey = VMD5::hash(r.ruleUrl);
+    r.namespaceKey = namespaceKeyFor(r.ruleUrl);
     if (r.rule->d->splitNeedsSession) {
         r.waitingForSession = true;
     } else if (r.rule->conditionsHoldWithoutSession()) {
@@ -242,8 +261,11 @@ int requestShutdown()
     r.cleanRequest = true;
     if (isRecordChannelOn())
         reportStatisticsRecords();
-    if (pageCacheConfig.pulse_enable)
-        PageCachePulse::instance()->sendMessages(isInternalRequest(), currentUrl());
+    if (pageCacheConfig.pulse_enable) {
+        const bool internal = r.internalRequest >= 0 ? r.internalRequest != 0 : isInternalRequest() != 0;
+        // The URL only goes into the log line of an internal request.
+        PageCachePulse::instance()->sendMessages(internal, internal ? currentUrl() : nullptr);
+    }
     VDeploymentInfo::endRequest();
     return 0;
 }

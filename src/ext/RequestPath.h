@@ -9,9 +9,10 @@
 int requestStartup();
 int requestShutdown();
 
-// Scheme, host and path of the request, slashes folded, without the query;
-// with `withPort` the server's port is added when the host has none.
-QByteArray currentRequestUrl(bool withPort);
+// Scheme, host and path of the request, slashes folded, without the query.
+// `withPort`, when given, receives the same URL with the server's port added
+// when the host has none: both come from one reading of the request.
+QByteArray currentRequestUrl(QByteArray* withPort = nullptr);
 bool isGzipAccepted();
 
 // Decides, for a request whose rule and conditions allow the cache, between

@@ -16,6 +16,10 @@ struct RequestState
     // False between the gate and request end: still false at the gate means
     // the previous request never reached its end.
     bool cleanRequest = true;
+    // The gate's answer to whether this is an internal request, -1 when the
+    // gate didn't get as far as asking; request end takes it over, as the
+    // address it rests on is the request's own.
+    int internalRequest = -1;
     qint32 appId = -1;
     QByteArray requestUrl;
     // Owned by the cache object; valid for the length of the request.
