@@ -3,6 +3,7 @@
 #include "PageCacheLogStream.h"
 #include "QtIOCompressor.h"
 #include "VDiskStorage.h"
+#include "VHeaderLines.h"
 #include "VMD5.h"
 #include "ParserErrorHandler.h"
 #include "VCacheCleaner.h"
@@ -249,8 +250,11 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
         return false;
     }
     const QByteArray input = QByteArray::fromRawData(data, int(size));
+    // A length can only be right for one of the two bodies, and the server
+    // counts the body it sends anyway: neither copy keeps one.
     QLinkedList<QByteArray> clearHeaders = headers;
-    QLinkedList<QByteArray> copyHeaders = headers;
+    VHeaderLines::removeName(clearHeaders, "Content-Length");
+    QLinkedList<QByteArray> copyHeaders = clearHeaders;
     QByteArray compressedBody;
     bool storeCompressed = false;
     if (alreadyCompressed) {
@@ -263,8 +267,13 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
         VLOG(log, 5) << "Output size after compression:" << compressedBody.size();
         VLOG(log, 5) << "Adding compression headers for compressed copy";
         copyHeaders.append("Content-Encoding: gzip");
-        copyHeaders.append("Vary: Accept-Encoding");
         storeCompressed = true;
+    }
+    // With two copies, whichever goes out varies on Accept-Encoding, on top
+    // of what the application varies on.
+    if (storeCompressed) {
+        VHeaderLines::addVary(clearHeaders, "Accept-Encoding");
+        VHeaderLines::addVary(copyHeaders, "Accept-Encoding");
     }
     char scratch = 0;
     if (storeCompressed) {
@@ -287,10 +296,7 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
         // The gzip copy alone stands for the page.
         if (clearBody.isEmpty())
             return true;
-        clearHeaders.removeAll("Content-Encoding: gzip");
-        // Spelled with blanks on purpose: an application's own
-        // "Vary: Accept-Encoding" stays in the clear copy.
-        clearHeaders.removeAll("Vary: Accept - Encoding");
+        VHeaderLines::removeName(clearHeaders, "Content-Encoding");
     }
     CacheEntry entry;
     entry.m_formatTag = CacheEntry::FormatTag;

@@ -64,7 +64,7 @@ qint32 currentAppId()
     }
     if (id != -1)
         return id;
-    const char* url = currentUrl();
-    VLOG(log, 4) << "current script url is:" << url;
-    return appIdForUrl(url);
+    const QByteArray url = currentUrl();
+    VLOG(log, 4) << "current script url is:" << url.constData();
+    return appIdForUrl(url.constData());
 }

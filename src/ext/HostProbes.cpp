@@ -17,20 +17,6 @@ bool sapiIs(const char* name)
     return sapi && strcmp(sapi, name) == 0;
 }
 
-const size_t UrlBufferSize = 8192;
-char urlBuffer[UrlBufferSize];
-size_t urlLength = 0;
-
-void appendToUrl(const char* text)
-{
-    const size_t length = strlen(text);
-    // The buffer is fixed; a URL past it is no request this process can serve.
-    if (urlLength + length >= UrlBufferSize)
-        abort();
-    memcpy(urlBuffer + urlLength, text, length + 1);
-    urlLength += length;
-}
-
 // Looks for `name` among the pairs of `data`, split at `separator`.
 char* findParameter(const char* data, char separator, const char* name, size_t nameLength)
 {
@@ -109,32 +95,36 @@ const char* scriptFilename()
     return vesk_sapi_getenv("SCRIPT_FILENAME");
 }
 
-const char* currentUrl()
+bool isHttpsOn(const char* https)
 {
-    urlBuffer[0] = '\0';
-    urlLength = 0;
+    return https && *https && strcasecmp(https, "off") != 0;
+}
+
+QByteArray currentUrl()
+{
+    QByteArray url;
     if (!vesk_sapi_has_getenv())
-        return urlBuffer;
+        return url;
     const char* host = vesk_sapi_getenv("HTTP_HOST");
     if (!host)
-        return urlBuffer;
-    const char* https = vesk_sapi_getenv("HTTPS");
-    appendToUrl(https && strcasecmp(https, "off") != 0 ? "https://" : "http://");
-    appendToUrl(host);
+        return url;
+    url = isHttpsOn(vesk_sapi_getenv("HTTPS")) ? "https://" : "http://";
+    url += host;
     const char* port = vesk_sapi_getenv("SERVER_PORT");
     if (port && !strchr(host, ':')) {
-        appendToUrl(":");
-        appendToUrl(port);
+        url += ':';
+        url += port;
     }
     if (const char* uri = vesk_sapi_getenv("REQUEST_URI"))
-        appendToUrl(uri);
-    return urlBuffer;
+        url += uri;
+    return url;
 }
 
 int isInternalRequest()
 {
     const char* ports = internalPorts();
-    const char* url = currentUrl();
+    const QByteArray whole = currentUrl();
+    const char* url = whole.constData();
     const char* rest = strstr(url, "https://");
     if (rest) {
         rest += strlen("https://");

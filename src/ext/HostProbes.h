@@ -2,6 +2,7 @@
 
 // What host the extension runs under, and what the current request is.
 
+#include <QByteArray>
 #include <cstddef>
 
 bool isFpm();
@@ -16,9 +17,11 @@ int webSapiCheck();
 int isDaemonMode();
 
 const char* scriptFilename();
-// Scheme, host, port and request URI of this request, in a static buffer
-// that the next call overwrites. Never null; empty without a host.
-const char* currentUrl();
+// Whether the server's HTTPS variable says https: set, not empty, not "off".
+bool isHttpsOn(const char* https);
+// Scheme, host, port and request URI of this request, of any length;
+// empty without a host.
+QByteArray currentUrl();
 // 1 when the request came in on one of the internal ports, else 0.
 int isInternalRequest();
 // The decoded value of a query, cookie or (with readBody) body parameter,

@@ -17,15 +17,94 @@
 
 namespace {
 
-void storeToCache(const char* output, size_t length)
+// A flush of the capture's level sends part of the page on ahead: that
+// part is kept, so the page stored is still the whole of what was sent.
+void keepFlushed(const char* output, size_t length, const VeskOutputPass& pass)
+{
+    RequestState& r = requestState;
+    if (pass.flush && !pass.clean && r.buffering && r.cacheable && output)
+        r.flushedOutput.append(output, int(length));
+}
+
+// What the script did to the capture's own level that leaves it without
+// the whole page: threw output away, or ended the level while it runs on.
+bool captureBroken(const VeskOutputPass& pass)
+{
+    if (!pass.clean && !pass.byScript)
+        return false;
+    VLOG(moduleState.logStream, 3) << "The script ended the page cache's output buffer. Output will not be cached.";
+    return true;
+}
+
+// The page passed every test: its output joined to what was flushed ahead,
+// stored under the request's key.
+void storeWhole(const char* output, size_t length, int responseCode)
 {
     RequestState& r = requestState;
     const VDebug::StreamId log = moduleState.logStream;
     VHTMLCache* cache = VHTMLCache::instance();
+    if (!r.flushedOutput.isEmpty()) {
+        r.flushedOutput.append(output ? output : "", int(length));
+        output = r.flushedOutput.constData();
+        length = size_t(r.flushedOutput.size());
+    }
+    if (r.responseCompressed && !r.responseIsGzip) {
+        VLOG(log, 3) << "Unsupported compression format of response. Output will not be cached.";
+        r.buffering = false;
+        return;
+    }
+    if (output && length == 0) {
+        VLOG(log, 3) << "Empty output to store. Output will not be cached.";
+        r.buffering = false;
+        return;
+    }
+    // After a flush reached the client its headers are gone: the page is
+    // then stored with the lines the client got, and no line of ours.
+    if (r.lastModifiedSent) {
+        VLOG(log, 3) << "Not generating Last-Modified header - already sent";
+    } else if (!vesk_headers_sent()) {
+        static QDateTime now;
+        now = QDateTime::fromSecsSinceEpoch(qint64(time(nullptr)), Qt::UTC);
+        sendHeader("Last-Modified: " + now.toString(QStringLiteral("ddd, dd MMM yyyy hh:mm:ss 'GMT'")).toLatin1());
+    }
+    const quint32 lifetime = r.rule->d->lifetime;
+    // Where an output handler of the engine compresses every response, a
+    // hit goes out through it too: a gzip copy would be compressed twice.
+    const bool compress = VHTMLCache::compressionWanted(qint64(length), r.compressionAllowed,
+                                                        iniFromEngine("tidy.clean_output", strlen("tidy.clean_output")))
+                          && !vesk_output_compressing();
+    if (!cache->storeOutput(r.namespaceKey, r.matchKey, currentUrl(), output, qint64(length), responseCode,
+                            r.storedHeaders, lifetime, compress, r.responseCompressed)) {
+        VLOG(log, 0) << "Storing entry failed";
+        return;
+    }
+    if (pageCacheConfig.pulse_enable)
+        PageCachePulse::instance()->addTimeSaved(r.rule->id, r.rule->name, QString::fromLatin1(r.matchKey));
+    if (r.responseCompressed)
+        VLOG(log, 5) << "Stored compressed entry with size" << quint64(length) << "for" << r.requestUrl
+                     << "with matched rule" << r.ruleUrl << "and specific match key" << r.matchKey;
+    else
+        VLOG(log, 5) << "Stored entry" << QByteArray(output ? output : "", int(length)).constData() << "for"
+                     << r.requestUrl << "with matched rule" << r.ruleUrl << "and specific match key" << r.matchKey;
+    r.buffering = false;
+    r.flushedOutput.clear();
+}
+
+void storeToCache(const char* output, size_t length, const VeskOutputPass& pass)
+{
+    RequestState& r = requestState;
+    const VDebug::StreamId log = moduleState.logStream;
+    VHTMLCache* cache = VHTMLCache::instance();
+    if (!pass.final) {
+        // A clean only drops what no client will see.
+        keepFlushed(output, length, pass);
+        return;
+    }
     VLOG(log, 5) << "storeToCache handler called with output size of" << quint64(length);
     if (!r.buffering || !r.cacheable) {
         VLOG(log, 5) << "Current request is not cached";
         r.buffering = false;
+        r.flushedOutput.clear();
         return;
     }
     if (!cache->areHeadersCacheable(r.seenHeaders, r.appId)) {
@@ -46,47 +125,18 @@ void storeToCache(const char* output, size_t length)
         r.buffering = false;
         return;
     }
-    if (r.responseCompressed && !r.responseIsGzip) {
-        VLOG(log, 3) << "Unsupported compression format of response. Output will not be cached.";
+    if (captureBroken(pass)) {
         r.buffering = false;
         return;
     }
-    if (output && length == 0) {
-        VLOG(log, 3) << "Empty output to store. Output will not be cached.";
-        r.buffering = false;
-        return;
-    }
-    if (r.lastModifiedSent) {
-        VLOG(log, 3) << "Not generating Last-Modified header - already sent";
-    } else {
-        static QDateTime now;
-        now = QDateTime::fromSecsSinceEpoch(qint64(time(nullptr)), Qt::UTC);
-        sendHeader("Last-Modified: " + now.toString(QStringLiteral("ddd, dd MMM yyyy hh:mm:ss 'GMT'")).toLatin1());
-    }
-    const quint32 lifetime = r.rule->d->lifetime;
-    const bool compress = VHTMLCache::compressionWanted(qint64(length), r.compressionAllowed,
-                                                        iniFromEngine("tidy.clean_output", strlen("tidy.clean_output")));
-    if (!cache->storeOutput(r.namespaceKey, r.matchKey, currentUrl(), output, qint64(length), responseCode,
-                            r.storedHeaders, lifetime, compress, r.responseCompressed)) {
-        VLOG(log, 0) << "Storing entry failed";
-        return;
-    }
-    if (pageCacheConfig.pulse_enable)
-        PageCachePulse::instance()->addTimeSaved(r.rule->id, r.rule->name, QString::fromLatin1(r.matchKey));
-    if (r.responseCompressed)
-        VLOG(log, 5) << "Stored compressed entry with size" << quint64(length) << "for" << r.requestUrl
-                     << "with matched rule" << r.ruleUrl << "and specific match key" << r.matchKey;
-    else
-        VLOG(log, 5) << "Stored entry" << QByteArray(output ? output : "", int(length)).constData() << "for"
-                     << r.requestUrl << "with matched rule" << r.ruleUrl << "and specific match key" << r.matchKey;
-    r.buffering = false;
+    storeWhole(output, length, responseCode);
 }
-
 } // namespace
 
-void startOutputCapture(int flags)
+void startOutputCapture()
 {
-    const int level = vesk_start_output_capture(flags, storeToCache);
+    requestState.flushedOutput.clear();
+    const int level = vesk_start_output_capture(storeToCache);
     if (level >= 0)
         pageCacheConfig.outputHandlerLevel = level;
 }
@@ -96,8 +146,9 @@ void disableCaching()
     VLOG(moduleState.logStream, 5) << "Disabling caching for current script";
     requestState.cacheable = false;
     // From inside the handler itself the capture only learns it is off;
-    // an output handler can't end its own level.
-    if (!vesk_output_handler_running() && pageCacheConfig.outputHandlerLevel == vesk_output_get_level()) {
+    // an output handler can't end its own level. Only a level of this
+    // request's own capture is ever ended, never one of the script's.
+    if (requestState.buffering && !vesk_output_handler_running() && vesk_output_capture_on_top()) {
         vesk_output_end();
         vesk_sapi_flush();
     }

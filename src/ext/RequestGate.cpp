@@ -15,6 +15,7 @@
 #include "VException.h"
 #include "VFileDate.h"
 #include "VHTMLCache.h"
+#include "VHeaderLines.h"
 #include "VMD5.h"
 
 #include <QFileInfo>
@@ -23,7 +24,7 @@
 
 namespace {
 
-void captureHeaderLine(const char* line, size_t length);
+void captureHeaderLine(VeskHeaderOp op, const char* line, size_t length);
 
 void installRequestHooks()
 {
@@ -31,31 +32,51 @@ void installRequestHooks()
     vesk_install_flush_forwarder();
 }
 
-void captureHeaderLine(const char* text, size_t length)
+// The flags the capture keeps of the response follow its lines, whatever
+// the script added and took back.
+void noteResponseLines()
+{
+    RequestState& r = requestState;
+    const QByteArray encoding = VHeaderLines::value(r.storedHeaders, "Content-Encoding");
+    r.responseCompressed = !encoding.isNull();
+    r.responseIsGzip = false;
+    for (const QByteArray& line : r.storedHeaders)
+        r.responseIsGzip = r.responseIsGzip || VHeaderLines::isGzipEncoding(line);
+    r.lastModifiedSent = !VHeaderLines::value(r.storedHeaders, "Last-Modified").isNull();
+}
+
+// Follows every header operation of the response, so that the stored
+// lines are the ones its client got.
+void captureHeaderLine(VeskHeaderOp op, const char* text, size_t length)
 {
     RequestState& r = requestState;
     if (!r.buffering)
         return;
-    const QByteArray line(text, int(length));
     const VDebug::StreamId log = moduleState.logStream;
+    if (op == VeskHeaderOp::Delete || op == VeskHeaderOp::DeleteAll) {
+        VHeaderLines::apply(r.storedHeaders,
+                            op == VeskHeaderOp::Delete ? VHeaderLines::Op::Delete : VHeaderLines::Op::DeleteAll,
+                            QByteArray(text, int(length)));
+        noteResponseLines();
+        return;
+    }
+    const QByteArray line(text, int(length));
     r.seenHeaders.append(line);
-    if (line.startsWith("Content-Encoding:")) {
-        r.responseCompressed = true;
-        r.responseIsGzip = line.startsWith("Content-Encoding: gzip");
-        if (r.responseIsGzip)
+    if (VHeaderLines::hasName(line, "Content-Encoding")) {
+        if (VHeaderLines::isGzipEncoding(line))
             VLOG(log, 4) << "Current response is gzip compressed";
         else
             VLOG(log, 4) << "Current response compression header:" << line;
     }
-    if (line.startsWith("Last-Modified:"))
-        r.lastModifiedSent = true;
     // The visitor's own session cookie never goes into a stored page.
-    if (r.inSessionStartup && line.startsWith("Set-Cookie:")) {
+    if (r.inSessionStartup && VHeaderLines::hasName(line, "Set-Cookie")) {
         VLOG(log, 4) << "Ignoring header for storing (during session startup):" << line;
         return;
     }
     VLOG(log, 4) << "Buffering header for storing:" << line;
-    r.storedHeaders.append(line);
+    VHeaderLines::apply(r.storedHeaders, op == VeskHeaderOp::Add ? VHeaderLines::Op::Add : VHeaderLines::Op::Replace,
+                        line);
+    noteResponseLines();
 }
 
 // A rule's pages are stored under the MD5 of its URL. A worker mostly
@@ -69,6 +90,14 @@ QByteArray namespaceKeyFor(const QByteArray& ruleUrl)
         lastKey = VMD5::hash(ruleUrl);
     }
     return lastKey;
+}
+
+// Pages are kept for URLs of ordinary length; a longer one is no page
+// worth a record, and only a client sending it would ever ask for it.
+bool uriTooLong()
+{
+    const char* uri = vesk_sapi_getenv("REQUEST_URI");
+    return uri && strlen(uri) > 8192;
 }
 
 bool isCacheableMethod(const char* method)
@@ -87,8 +116,7 @@ QByteArray currentRequestUrl(QByteArray* withPort)
     const char* host = vesk_sapi_getenv("HTTP_HOST");
     if (!host || !*host)
         return QByteArray();
-    const char* https = vesk_sapi_getenv("HTTPS");
-    QByteArray url = https && *https && strcasecmp(https, "off") != 0 ? "https://" : "http://";
+    QByteArray url = isHttpsOn(vesk_sapi_getenv("HTTPS")) ? "https://" : "http://";
     url += host;
     const int hostEnd = url.size();
     const char* port = withPort && !strchr(host, ':') ? vesk_sapi_getenv("SERVER_PORT") : nullptr;
@@ -193,6 +221,10 @@ int requestStartup()
         return 0;
     }
     r.appId = appId;
+    if (uriTooLong()) {
+        VLOG(log, 3) << "Request URI too long for the page cache; the request runs uncached";
+        return 0;
+    }
 
     QByteArray urlWithPort;
     r.requestUrl = currentRequestUrl(&urlWithPort);
@@ -226,7 +258,7 @@ int requestStartup()
     installRequestHooks();
     if (r.waitingForSession) {
         VLOG(log, 3) << "waiting for session data before deciding whether to use cached data";
-        startOutputCapture(64);
+        startOutputCapture();
         r.buffering = true;
         return 0;
     }
@@ -236,7 +268,7 @@ int requestStartup()
         VLOG(log, 3) << "Request for :" << r.requestUrl << "is NOT cacheable";
         return 0;
     }
-    decideFromCache(nullptr, r.rule->name.trimmed(), r.rule->id);
+    decideFromCache(r.rule->name.trimmed(), r.rule->id);
     return 0;
 }
 
@@ -256,6 +288,7 @@ int requestShutdown()
         r.waitingForSession = false;
         vesk_restore_request_hooks();
         r.storedHeaders.clear();
+        r.flushedOutput.clear();
         r.ruleActive = false;
     }
     r.cleanRequest = true;
@@ -264,7 +297,7 @@ int requestShutdown()
     if (pageCacheConfig.pulse_enable) {
         const bool internal = r.internalRequest >= 0 ? r.internalRequest != 0 : isInternalRequest() != 0;
         // The URL only goes into the log line of an internal request.
-        PageCachePulse::instance()->sendMessages(internal, internal ? currentUrl() : nullptr);
+        PageCachePulse::instance()->sendMessages(internal, internal ? currentUrl().constData() : nullptr);
     }
     VDeploymentInfo::endRequest();
     return 0;

@@ -6,6 +6,8 @@
 #include <QByteArray>
 #include <QString>
 
+class CacheEntry;
+
 int requestStartup();
 int requestShutdown();
 
@@ -16,12 +18,15 @@ QByteArray currentRequestUrl(QByteArray* withPort = nullptr);
 bool isGzipAccepted();
 
 // Decides, for a request whose rule and conditions allow the cache, between
-// serving the stored page and capturing this one. `preSessionData` is the
-// output printed before a session started, or null.
-void decideFromCache(const char* preSessionData, const QString& ruleName, qint64 ruleId);
-int conditionalStatus();
+// serving the stored page and capturing this one. After a session start a
+// hit ends the running script right there.
+void decideFromCache(const QString& ruleName, qint64 ruleId);
+// 200, 304 or 412 for the conditional headers of the request; reads the
+// stored clear copy into `entry` when there is a date to compare with.
+int conditionalStatus(CacheEntry& entry);
 int setResponseCode(int code);
-void sendHeader(const QByteArray& line);
+void sendHeader(const QByteArray& line, bool replace = true);
 
-void startOutputCapture(int flags);
+// Puts the capture's handler on top of the output stack.
+void startOutputCapture();
 void disableCaching();

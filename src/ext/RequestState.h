@@ -31,6 +31,8 @@ struct RequestState
     QByteArray matchKey;
     // Header lines of a captured response that go into the stored page.
     QLinkedList<QByteArray> storedHeaders;
+    // What the script flushed through the capture ahead of its end.
+    QByteArray flushedOutput;
     // Every header line of this response, for the response rules.
     QLinkedList<QByteArray> seenHeaders;
     bool ruleActive = false;

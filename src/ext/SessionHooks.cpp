@@ -7,7 +7,6 @@
 
 #include "CacheRule.h"
 
-#include <cstdlib>
 
 namespace {
 
@@ -94,29 +93,32 @@ void sessionResolved()
     VLOG(log, 3) << "Session has started for url" << r.requestUrl << "with matched rule:" << r.ruleUrl;
     if (!moduleState.sessionHooksInstalled || !r.waitingForSession)
         return;
-    char* preSessionData = nullptr;
     size_t preSessionLength = 0;
     if (r.buffering) {
+        // A buffer the script opened above the waiting handler holds output
+        // of its own: ending ours would end the script's first. The page is
+        // then neither served nor stored, and the buffers stay the script's.
+        if (!vesk_output_capture_on_top()) {
+            VLOG(log, 3) << "URL:" << r.requestUrl << "is NOT cacheable: the script opened an output buffer before its session";
+            r.cacheable = false;
+            return;
+        }
         VLOG(log, 5) << "Storing pre-session data before deciding whether to use cache";
         // Ending the waiting handler passes what the script printed so far
         // on to the client: it is never part of a stored page.
-        preSessionData = vesk_output_take_buffer(&preSessionLength);
+        preSessionLength = vesk_output_end_top();
     }
     r.cacheable = r.rule->conditionsHold();
     VLOG(log, 3) << "session data resolved";
     if (!r.cacheable) {
         VLOG(log, 3) << "URL:" << r.requestUrl << "is NOT cacheable";
-        if (preSessionLength == 0) {
-            free(preSessionData);
+        if (preSessionLength == 0)
             return;
-        }
         VLOG(log, 3) << "Non cacheable request, returning pre-session data to buffer";
         r.buffering = false;
-        free(preSessionData);
         return;
     }
     r.ruleName = r.rule->name.trimmed();
-    // On a hit this doesn't return: it frees the data and ends the script.
-    decideFromCache(preSessionData, r.ruleName, r.rule->id);
-    free(preSessionData);
+    // On a hit this doesn't return: it ends the script.
+    decideFromCache(r.ruleName, r.rule->id);
 }

@@ -20,6 +20,24 @@ EXTENSION = os.environ.get("VESK_EXTENSION", os.path.join(SOURCE_ROOT, "build", 
 PHP = shutil.which("php8.2") or shutil.which("php")
 LISTENER = os.path.join(os.path.dirname(EXTENSION), "pagecache-statsd-listen")
 
+# Servers run as production runs: Debian's production php.ini and its
+# module set with opcache, unless a test asks for the bare engine (-n).
+PRODUCTION_INI = "/usr/lib/php/8.2/php.ini-production"
+# A test may rewrite a script between two requests: opcache looks at its
+# date on every request instead of every other second.
+OPCACHE = {"opcache.revalidate_freq": "0"}
+
+
+def engine_settings(sapi, bare=False):
+    """The engine's own ini options of a command line, and its environment's
+    scan directory, for one of Debian's server APIs (cli, fpm, apache2)."""
+    if bare:
+        return ["-n"], ""
+    options = ["-c", PRODUCTION_INI]
+    for name, value in OPCACHE.items():
+        options += ["-d", "%s=%s" % (name, value)]
+    return options, "/etc/php/8.2/%s/conf.d" % sapi
+
 
 def free_port():
     with socket.socket() as s:
@@ -92,24 +110,32 @@ def http_get(port, path, headers=None, method="GET"):
     return result
 
 
-def php_command(directives):
-    command = [PHP, "-n", "-d", "zend_extension=" + EXTENSION]
+def php_command(directives, bare=True):
+    """The CLI with the extension; bare (-n) unless asked otherwise, as the
+    CLI isn't a web server API anyway. Run it with php_environment(bare)."""
+    command = [PHP] + engine_settings("cli", bare)[0] + ["-d", "zend_extension=" + EXTENSION]
     for name, value in directives.items():
         command += ["-d", "%s=%s" % (name, value)]
     return command
 
 
+def php_environment(sapi, bare, base=None):
+    env = dict(os.environ if base is None else base)
+    env["PHP_INI_SCAN_DIR"] = engine_settings(sapi, bare)[1]
+    return env
+
+
 class BuiltinServer:
     """`php -S` with the extension loaded, serving a document root."""
 
-    def __init__(self, workspace, docroot, directives, workers=0, port=None, wrapper=()):
+    def __init__(self, workspace, docroot, directives, workers=0, port=None, wrapper=(), bare=False):
         self.port = port or free_port()
-        env = dict(os.environ)
+        env = php_environment("cli", bare)
         if workers:
             env["PHP_CLI_SERVER_WORKERS"] = str(workers)
         self.output = open(workspace.path("server.out"), "wb")
         self.process = subprocess.Popen(
-            list(wrapper) + php_command(directives) + ["-S", "127.0.0.1:%d" % self.port, "-t", docroot],
+            list(wrapper) + php_command(directives, bare) + ["-S", "127.0.0.1:%d" % self.port, "-t", docroot],
             stdout=self.output, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, env=env,
             start_new_session=True)
         self._wait_until_listening()
@@ -246,7 +272,7 @@ class FpmBehindNginx:
     def available(cls):
         return os.access(cls.FPM, os.X_OK) and os.access(cls.NGINX, os.X_OK)
 
-    def __init__(self, workspace, docroot, directives):
+    def __init__(self, workspace, docroot, directives, bare=False):
         self.port = free_port()
         self.socket_path = socket_path = workspace.path("fpm.sock")
         with open(workspace.path("fpm.conf"), "w") as f:
@@ -256,14 +282,16 @@ class FpmBehindNginx:
                     % (workspace.path("fpm.pid"), workspace.path("fpm.log"), socket_path))
             if os.geteuid() == 0:
                 f.write("user = root\ngroup = root\n")
-        command = [self.FPM, "-n", "-y", workspace.path("fpm.conf"), "-d", "zend_extension=" + EXTENSION]
+        command = ([self.FPM] + engine_settings("fpm", bare)[0]
+                   + ["-y", workspace.path("fpm.conf"), "-d", "zend_extension=" + EXTENSION])
         for name, value in directives.items():
             command += ["-d", "%s=%s" % (name, value)]
         if os.geteuid() == 0:
             command.append("-R")
         self.fpm_output = open(workspace.path("fpm.out"), "wb")
         self.fpm = subprocess.Popen(command, stdout=self.fpm_output, stderr=subprocess.STDOUT,
-                                    stdin=subprocess.DEVNULL, start_new_session=True)
+                                    stdin=subprocess.DEVNULL, env=php_environment("fpm", bare),
+                                    start_new_session=True)
         deadline = time.monotonic() + 15
         while not os.path.exists(socket_path):
             if self.fpm.poll() is not None or time.monotonic() > deadline:
@@ -324,11 +352,20 @@ class ApacheWithPhp:
     def available(cls):
         return os.access(cls.APACHE, os.X_OK) and os.path.exists(os.path.join(cls.MODULES, "libphp8.2.so"))
 
-    def __init__(self, workspace, docroot, directives):
+    def __init__(self, workspace, docroot, directives, bare=False):
         self.port = free_port()
         ini_dir = workspace.path("apache-php")
         os.makedirs(ini_dir, exist_ok=True)
+        # Like a module of Debian's in conf.d: the extension loads after opcache.
+        ext_dir = os.path.join(ini_dir, "conf.d")
+        os.makedirs(ext_dir, exist_ok=True)
         with open(os.path.join(ini_dir, "php.ini"), "w") as f:
+            if not bare:
+                with open(PRODUCTION_INI) as production:
+                    f.write(production.read())
+                for name, value in OPCACHE.items():
+                    f.write("%s=%s\n" % (name, value))
+        with open(os.path.join(ext_dir, "99-vesk.ini"), "w") as f:
             f.write("zend_extension=%s\n" % EXTENSION)
             for name, value in directives.items():
                 f.write('%s="%s"\n' % (name, value))
@@ -354,8 +391,8 @@ class ApacheWithPhp:
         with open(workspace.path("apache.conf"), "w") as f:
             f.write("\n".join(lines) + "\n")
         self.output = open(workspace.path("apache.out"), "wb")
-        env = dict(os.environ)
-        env["PHP_INI_SCAN_DIR"] = ""
+        env = php_environment("apache2", bare)
+        env["PHP_INI_SCAN_DIR"] = ":".join(filter(None, [env["PHP_INI_SCAN_DIR"], ext_dir]))
         self.process = subprocess.Popen([self.APACHE, "-f", workspace.path("apache.conf"), "-DFOREGROUND"],
                                         stdout=self.output, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL,
                                         env=env, start_new_session=True)

@@ -114,17 +114,28 @@ bool vesk_reserved_word_set(int index);
 // The resource number of the engine extension of that name and author; 0
 // when no such extension is loaded.
 int vesk_extension_resource_number(const char* name, const char* author);
-void vesk_add_header(const char* line, size_t length);
+// Adds a header line; `replace` first drops the lines of the same name.
+void vesk_add_header(const char* line, size_t length, bool replace);
+// Whether the response's headers have gone out already.
+bool vesk_headers_sent();
 void vesk_output_write(const char* data, size_t length);
 int vesk_output_get_level();
 void vesk_output_end();
 // Whether an output handler is running right now.
 bool vesk_output_handler_running();
+// Whether the top of the output stack is the capture's own handler.
+bool vesk_output_capture_on_top();
+// Whether an output handler compresses the response on its way out
+// (zlib.output_compression, or ob_gzhandler as output_handler or the
+// script's own).
+bool vesk_output_compressing();
 void vesk_sapi_flush();
 
-// Hooks of one request. The header hook sees each header line the script
-// sets, then hands it on to the server's own handler.
-typedef void (*VeskHeaderCallback)(const char* line, size_t length);
+// Hooks of one request. The header hook sees each header operation the
+// script makes, then hands it on to the server's own handler. `line` is the
+// whole line for Add and Replace, the name for Delete, null for DeleteAll.
+enum class VeskHeaderOp { Add, Replace, Delete, DeleteAll };
+typedef void (*VeskHeaderCallback)(VeskHeaderOp op, const char* line, size_t length);
 void vesk_install_header_hook(VeskHeaderCallback callback);
 // Forwards the server's flush, so the server may flush while hooks stand.
 void vesk_install_flush_forwarder();
@@ -132,11 +143,21 @@ void vesk_install_flush_forwarder();
 void vesk_restore_request_hooks();
 // Makes the next script compilation end the request at once, unrun.
 void vesk_arm_compile_stub();
-// The output handler "HTML Cache": sees the whole output when it ends and
-// passes it on unchanged. `output` is null when the engine gave none.
-typedef void (*VeskOutputCallback)(const char* output, size_t length);
-// Answers the output level with the handler on top, or -1.
-int vesk_start_output_capture(int flags, VeskOutputCallback callback);
+// The output handler "HTML Cache": sees the output when it is flushed,
+// cleaned or ended, and always passes it on unchanged. `output` is null
+// when the engine gave none.
+struct VeskOutputPass
+{
+    bool flush;    // ob_flush() of this level: the data goes on now
+    bool clean;    // the data is thrown away (ob_clean, ob_end_clean)
+    bool final;    // the handler's level ends
+    bool byScript; // a script call did it, not the end of the request
+};
+typedef void (*VeskOutputCallback)(const char* output, size_t length, const VeskOutputPass& pass);
+// Opens the handler with the engine's standard flags, so that the script
+// may flush, clean and remove it like a buffer of its own. Answers the
+// output level with the handler on top, or -1.
+int vesk_start_output_capture(VeskOutputCallback callback);
 // Unwinds the running script to the end of the request.
 [[noreturn]] void vesk_bailout(const char* file, int line);
 
@@ -162,9 +183,8 @@ void vesk_wrap_session_request_startup(const VeskSessionCallbacks* callbacks);
 void vesk_restore_session_module();
 // 2 while a session is active.
 int vesk_session_status();
-// Ends the top output level, answering a copy of what it held (malloc()ed,
-// or null when it held nothing) and its length.
-char* vesk_output_take_buffer(size_t* length);
+// Ends the top output level, passing what it held on; answers its length.
+size_t vesk_output_end_top();
 
 // Script functions. The engine hands each call of one of the extension's
 // PHP functions to the extension with an opaque VeskCall.

@@ -18,8 +18,26 @@ VeskOutputCallback outputCallback = nullptr;
 
 int headerHook(sapi_header_struct* header, sapi_header_op_enum op, sapi_headers_struct* headers)
 {
-    if (headerCallback && header && header->header)
-        headerCallback(header->header, header->header_len);
+    if (headerCallback) {
+        switch (op) {
+        case SAPI_HEADER_ADD:
+        case SAPI_HEADER_REPLACE:
+        case SAPI_HEADER_DELETE:
+            if (header && header->header) {
+                const VeskHeaderOp ours = op == SAPI_HEADER_ADD       ? VeskHeaderOp::Add
+                                          : op == SAPI_HEADER_REPLACE ? VeskHeaderOp::Replace
+                                                                      : VeskHeaderOp::Delete;
+                headerCallback(ours, header->header, header->header_len);
+            }
+            break;
+        case SAPI_HEADER_DELETE_ALL:
+            // The engine hands this one an uninitialised header: never read it.
+            headerCallback(VeskHeaderOp::DeleteAll, nullptr, 0);
+            break;
+        default:
+            break;
+        }
+    }
     return savedHeaderHandler ? savedHeaderHandler(header, op, headers) : SAPI_HEADER_ADD;
 }
 
@@ -38,14 +56,24 @@ zend_op_array* compileStub(zend_file_handle* handle, int)
     _zend_bailout(const_cast<char*>("src/ext/7.0/htmlcache_ext"), 767);
 }
 
-void outputHandler(char* output, size_t length, char** handled, size_t* handledLength, int)
+void outputHandler(char* output, size_t length, char** handled, size_t* handledLength, int mode)
 {
     // Whatever happens, the output passes on as it came.
     *handled = nullptr;
     *handledLength = length;
-    if (outputCallback)
-        outputCallback(output, length);
+    if (!outputCallback)
+        return;
+    VeskOutputPass pass;
+    pass.flush = (mode & PHP_OUTPUT_HANDLER_FLUSH) != 0;
+    pass.clean = (mode & PHP_OUTPUT_HANDLER_CLEAN) != 0;
+    pass.final = (mode & PHP_OUTPUT_HANDLER_FINAL) != 0;
+    // The engine ends the stack after the script and its shutdown work;
+    // while code still runs, it was the script that asked.
+    pass.byScript = zend_is_executing();
+    outputCallback(output, length, pass);
 }
+
+const char CaptureName[] = "HTML Cache";
 
 } // namespace
 
@@ -99,9 +127,14 @@ int vesk_extension_resource_number(const char* name, const char* author)
     return 0;
 }
 
-void vesk_add_header(const char* line, size_t length)
+void vesk_add_header(const char* line, size_t length, bool replace)
 {
-    sapi_add_header_ex(line, length, true, true);
+    sapi_add_header_ex(line, length, true, replace);
+}
+
+bool vesk_headers_sent()
+{
+    return SG(headers_sent) != 0;
 }
 
 void vesk_output_write(const char* data, size_t length)
@@ -130,6 +163,18 @@ void vesk_output_end()
 bool vesk_output_handler_running()
 {
     return OG(running) != nullptr;
+}
+
+bool vesk_output_capture_on_top()
+{
+    const php_output_handler* top = OG(active);
+    return top && top->name && zend_string_equals_literal(top->name, CaptureName);
+}
+
+bool vesk_output_compressing()
+{
+    return php_output_handler_started(ZEND_STRL("zlib output compression"))
+           || php_output_handler_started(ZEND_STRL("ob_gzhandler"));
 }
 
 void vesk_sapi_flush()
@@ -178,10 +223,12 @@ void vesk_arm_compile_stub()
     }
 }
 
-int vesk_start_output_capture(int flags, VeskOutputCallback callback)
+int vesk_start_output_capture(VeskOutputCallback callback)
 {
     outputCallback = callback;
-    if (php_output_start_internal("HTML Cache", 10, outputHandler, 0, flags) != SUCCESS)
+    if (php_output_start_internal(CaptureName, sizeof CaptureName - 1, outputHandler, 0,
+                                  PHP_OUTPUT_HANDLER_STDFLAGS)
+        != SUCCESS)
         return -1;
     return php_output_get_level();
 }

@@ -103,20 +103,10 @@ int vesk_session_status()
     return sessionGlobals ? int(sessionGlobals->session_status) : 0;
 }
 
-char* vesk_output_take_buffer(size_t* length)
+size_t vesk_output_end_top()
 {
-    *length = 0;
-    char* copy = nullptr;
-    zval contents;
-    if (php_output_get_level() != 0 && php_output_get_length(&contents) == SUCCESS && Z_LVAL(contents) != 0
-        && php_output_get_contents(&contents) == SUCCESS) {
-        if (Z_TYPE(contents) == IS_STRING && Z_STRLEN(contents) > 0) {
-            copy = static_cast<char*>(malloc(Z_STRLEN(contents)));
-            memcpy(copy, Z_STRVAL(contents), Z_STRLEN(contents));
-            *length = Z_STRLEN(contents);
-        }
-        zval_ptr_dtor(&contents);
-    }
+    zval length;
+    const size_t held = php_output_get_length(&length) == SUCCESS ? size_t(Z_LVAL(length)) : 0;
     php_output_end();
-    return copy;
+    return held;
 }

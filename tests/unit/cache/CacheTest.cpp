@@ -4,6 +4,7 @@
 #include "QtIOCompressor.h"
 #include "VDiskStorage.h"
 #include "VHTMLCache.h"
+#include "VHeaderLines.h"
 #include "VMD5.h"
 
 #include <QBuffer>
@@ -99,7 +100,7 @@ TEST_F(CacheTest, CompressedCopyBesideTheClearOne)
     const CacheEntry copy = gzipped("k");
     EXPECT_EQ((Headers{"X: 1", "Content-Encoding: gzip", "Vary: Accept-Encoding"}), copy.headers());
     EXPECT_EQ(body, decompress(copy.body().constData(), copy.body().size()));
-    EXPECT_EQ((Headers{"X: 1"}), clear("k").headers());
+    EXPECT_EQ((Headers{"X: 1", "Vary: Accept-Encoding"}), clear("k").headers());
     EXPECT_EQ(body, clear("k").body());
     EXPECT_TRUE(log().contains("Output size before compression: 1025 "));
 }
@@ -123,8 +124,31 @@ TEST_F(CacheTest, AlreadyCompressedBodyIsStoredAsItCameAndClearedForTheClearCopy
     EXPECT_EQ(body, gzipped("k").body());
     EXPECT_EQ(headers, gzipped("k").headers());
     EXPECT_EQ(page, clear("k").body());
-    EXPECT_EQ((Headers{"Vary: Accept-Encoding", "X: 1"}), clear("k").headers());
+    EXPECT_EQ((Headers{"Vary: Accept-Encoding", "Vary: Accept - Encoding", "X: 1"}), clear("k").headers());
     EXPECT_FALSE(log().contains("Output size before compression"));
+}
+
+// Regression: the clear page's length went out with the gzip body (clients
+// hung), and the gzip copy's Vary took the place of the application's.
+TEST_F(CacheTest, CopiesKeepTheApplicationsVaryAndNoLengthOfTheOtherBody)
+{
+    const QByteArray body(2000, 'a');
+    const Headers headers{"Content-Length: 2000", "vary: Cookie", "X: 1"};
+    ASSERT_TRUE(cache->storeOutput("ns", "k", "u", body.constData(), body.size(), 200, headers, 60, true, false));
+    EXPECT_EQ((Headers{"vary: Cookie, Accept-Encoding", "X: 1", "Content-Encoding: gzip"}), gzipped("k").headers());
+    EXPECT_EQ((Headers{"vary: Cookie, Accept-Encoding", "X: 1"}), clear("k").headers());
+
+    const Headers alone{"content-length: 9", "Vary: accept-encoding"};
+    ASSERT_TRUE(cache->storeOutput("ns", "s", "u", "small one", 9, 200, alone, 60, false, false));
+    EXPECT_EQ((Headers{"Vary: accept-encoding"}), clear("s").headers());
+    EXPECT_FALSE(cache->entryExists("ns", "s.z", false));
+
+    const QByteArray page("<p>gzip of the script's own</p>");
+    const QByteArray gz = gzip(page);
+    const Headers own{"content-encoding: GZIP", "Content-Length: 3", "Vary: Cookie"};
+    ASSERT_TRUE(cache->storeOutput("ns", "g", "u", gz.constData(), gz.size(), 200, own, 60, false, true));
+    EXPECT_EQ((Headers{"content-encoding: GZIP", "Vary: Cookie, Accept-Encoding"}), gzipped("g").headers());
+    EXPECT_EQ((Headers{"Vary: Cookie, Accept-Encoding"}), clear("g").headers());
 }
 
 TEST_F(CacheTest, UndecompressableGzipStandsAlone)
@@ -284,3 +308,28 @@ TEST_F(RulesFixture, DecompressingNothingIsLogged)
 }
 
 } // namespace
+
+// The capture keeps its lines as the engine keeps the response's.
+TEST(HeaderLines, FollowTheEnginesOperations)
+{
+    using VHeaderLines::Op;
+    Headers lines;
+    VHeaderLines::apply(lines, Op::Add, "Set-Cookie: a=1");
+    VHeaderLines::apply(lines, Op::Add, "X-Gone: 1");
+    VHeaderLines::apply(lines, Op::Add, "set-cookie: b=2");
+    VHeaderLines::apply(lines, Op::Add, "X-Kept: 1");
+    VHeaderLines::apply(lines, Op::Delete, "x-gone");
+    EXPECT_EQ((Headers{"Set-Cookie: a=1", "set-cookie: b=2", "X-Kept: 1"}), lines);
+    VHeaderLines::apply(lines, Op::Replace, "SET-COOKIE: c=3");
+    EXPECT_EQ((Headers{"X-Kept: 1", "SET-COOKIE: c=3"}), lines);
+    // A name is a whole name: X-Kept-Too isn't X-Kept.
+    VHeaderLines::apply(lines, Op::Add, "X-Kept-Too: 1");
+    VHeaderLines::apply(lines, Op::Delete, "X-Kept");
+    EXPECT_EQ((Headers{"SET-COOKIE: c=3", "X-Kept-Too: 1"}), lines);
+    EXPECT_EQ(QByteArray("c=3"), VHeaderLines::value(lines, "set-cookie"));
+    EXPECT_TRUE(VHeaderLines::value(lines, "Location").isNull());
+    VHeaderLines::apply(lines, Op::DeleteAll, QByteArray());
+    EXPECT_TRUE(lines.isEmpty());
+    EXPECT_TRUE(VHeaderLines::isGzipEncoding("content-encoding:  gzip "));
+    EXPECT_FALSE(VHeaderLines::isGzipEncoding("Content-Encoding: br"));
+}
