@@ -308,6 +308,7 @@ error_log %(ws)s/nginx-error.log;
 events { worker_connections 64; }
 http {
   access_log off;
+  large_client_header_buffers 4 64k;
   client_body_temp_path %(tmp)s/body;
   fastcgi_temp_path %(tmp)s/fastcgi;
   proxy_temp_path %(tmp)s/proxy;
@@ -379,6 +380,7 @@ class ApacheWithPhp:
             "ErrorLog %s" % workspace.path("apache-error.log"),
             "Mutex file:%s default" % workspace.root,
             "DefaultRuntimeDir %s" % workspace.root,
+            "LimitRequestLine 65536",
             "StartServers 2", "MinSpareServers 2", "MaxSpareServers 3", "MaxRequestWorkers 4",
             "DocumentRoot %s" % docroot,
             "DirectoryIndex index.php",

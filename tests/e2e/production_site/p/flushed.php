@@ -1,0 +1,5 @@
+<?php
+require __DIR__ . '/../_page.php';
+echo page('first part');
+ob_flush();
+echo page('second part');

@@ -1,0 +1,176 @@
+"""Pages stay right under the settings and habits of production sites: every
+server API, Debian's production php.ini with opcache, and the engine's own
+output compression (zlib.output_compression, output_handler=ob_gzhandler).
+A hit must give each client what the miss gave: the same headers, status
+and body, compressed at most once."""
+import gzip
+import http.client
+import os
+import unittest
+
+import harness
+
+RULES = """<?xml version="1.0" encoding="UTF-8"?>
+<cache_settings>
+  <dont_cache/>
+  <cache>
+    <url schema="http" host="&amp;lt;default-server&amp;gt;" path="p/.*" lifetime="300" match_type="regex_match">
+      <name>Pages</name>
+      <split_by>
+        <split_condition global="_SERVER[HTTP_HOST]"/>
+        <split_condition global="_SERVER[REQUEST_URI]"/>
+      </split_by>
+    </url>
+    <url schema="http" host="&amp;lt;default-server&amp;gt;" path="s/.*" lifetime="300" match_type="regex_match">
+      <name>Anonymous sessions</name>
+      <conditions_OR_block><conditions_AND_block>
+        <condition global="_SESSION[user]" type="not_exists"/>
+      </conditions_AND_block></conditions_OR_block>
+      <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by>
+    </url>
+    <response_rule app_id="-1" response_codes="200,301"/>
+  </cache>
+</cache_settings>
+"""
+
+COMPRESSION = {
+    "production": {},
+    "zlib": {"zlib.output_compression": "On"},
+    "ob_gzhandler": {"output_handler": "ob_gzhandler"},
+}
+SERVERS = {
+    "php -S": harness.BuiltinServer,
+    "php-fpm": harness.FpmBehindNginx,
+    "apache": harness.ApacheWithPhp,
+}
+GZIP = {"Accept-Encoding": "gzip"}
+
+
+def fetch(port, path, headers=None):
+    """Status, headers (lower-case names, repeated ones joined by ", ") and the
+    body as it came, with its decoding: a client that hung on a wrong length
+    times out here."""
+    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=5)
+    connection.request("GET", path, headers=headers or {})
+    response = connection.getresponse()
+    raw = response.read()
+    lines = {}
+    for name, value in response.getheaders():
+        lines.setdefault(name.lower(), []).append(value)
+    connection.close()
+    joined = {name: ", ".join(values) for name, values in lines.items()}
+    body = gzip.decompress(raw) if joined.get("content-encoding") == "gzip" else raw
+    return response.status, joined, body
+
+
+class ProductionPhp(unittest.TestCase):
+    """Each case runs under every server with every compression setting."""
+
+    def each_server(self, check):
+        for server_name, server_class in SERVERS.items():
+            if server_class is not harness.BuiltinServer and not server_class.available():
+                continue
+            for mode, settings in COMPRESSION.items():
+                with self.subTest(server=server_name, compression=mode):
+                    workspace, docroot = harness.Workspace.with_site(self, RULES, "production_site")
+                    os.makedirs(workspace.path("sessions"))
+                    harness.make_shared(workspace, "log", "tmp", "run", "var", "sessions", "site")
+                    directives = workspace.directives(**settings)
+                    directives["session.save_path"] = workspace.path("sessions")
+                    server = server_class(workspace, docroot, directives)
+                    try:
+                        check(server.port, workspace)
+                    finally:
+                        server.stop()
+
+    def miss_then_hits(self, port, path):
+        """The miss for a plain client, then a hit for each kind of client."""
+        miss = fetch(port, path)
+        return miss, fetch(port, path), fetch(port, path, GZIP)
+
+    def test_every_client_gets_the_page_and_the_lines_the_miss_gave(self):
+        def check(port, workspace):
+            miss, plain, packed = self.miss_then_hits(port, "/p/headers.php")
+            for status, headers, body in (plain, packed):
+                self.assertEqual((200, miss[2]), (status, body))
+                self.assertNotIn("x-gone", headers)
+                self.assertEqual("1", headers.get("x-b"))
+                self.assertEqual("<a.css>; rel=preload, <b.css>; rel=preload", headers.get("link"))
+            miss, plain, packed = self.miss_then_hits(port, "/p/cleared.php")
+            for status, headers, body in (plain, packed):
+                self.assertEqual(miss[2], body)
+                self.assertNotIn("x-before-clear", headers)
+                self.assertEqual("1", headers.get("x-after-clear"))
+            # The script's own length is the clear page's: never beside a gzip body.
+            miss, plain, packed = self.miss_then_hits(port, "/p/length.php")
+            self.assertEqual(miss[2], plain[2])
+            self.assertEqual(miss[2], packed[2])
+            # The application varies on the cookie as well, whichever copy goes out.
+            _, plain, packed = self.miss_then_hits(port, "/p/vary.php")
+            for _, headers, _ in (plain, packed):
+                self.assertIn("Cookie", headers.get("vary", ""))
+        self.each_server(check)
+
+    def test_a_stored_redirect_keeps_its_status(self):
+        def check(port, workspace):
+            miss, plain, packed = self.miss_then_hits(port, "/p/redirect.php")
+            for status, headers, body in (miss, plain, packed):
+                self.assertEqual(301, status)
+                self.assertTrue(headers["location"].endswith("/p/headers.php"))
+        self.each_server(check)
+
+    def test_conditional_requests_compare_with_the_date_sent(self):
+        def check(port, workspace):
+            status, headers, body = fetch(port, "/p/validators.php")
+            sent = headers["last-modified"]
+            self.assertEqual("Tue, 03 Mar 2026 10:00:00 GMT", sent)
+            status, headers, empty = fetch(port, "/p/validators.php", {"If-Modified-Since": sent})
+            self.assertEqual((304, b""), (status, empty))
+            self.assertEqual('"v1"', headers.get("etag"))
+            self.assertEqual("public, max-age=60", headers.get("cache-control"))
+            status, _, again = fetch(port, "/p/validators.php", {"If-Unmodified-Since": sent})
+            self.assertEqual((200, body), (status, again))
+            status, _, _ = fetch(port, "/p/validators.php", {"If-Unmodified-Since": "Mon, 02 Mar 2026 10:00:00 GMT"})
+            self.assertEqual(412, status)
+        self.each_server(check)
+
+    def test_the_scripts_buffers_are_its_own(self):
+        def check(port, workspace):
+            # Ending every buffer ends, and the page is right each time.
+            for _ in range(2):
+                status, _, body = fetch(port, "/p/endall.php", GZIP)
+                self.assertEqual(200, status)
+                self.assertIn(b"level=0\n", body)
+                self.assertNotIn(b"Notice", body)
+            # A flush inside the page: the stored page is still the whole one.
+            miss, plain, packed = self.miss_then_hits(port, "/p/flushed.php")
+            self.assertIn(b"second part", miss[2])
+            self.assertEqual(miss[2], plain[2])
+            self.assertEqual(miss[2], packed[2])
+            # After a capture in the same worker, an uncovered script's buffer
+            # is left alone by page_cache_disable_caching().
+            for _ in range(3):
+                self.assertEqual(b"['inner']", fetch(port, "/u/disable.php")[2])
+            # A buffer opened before the session keeps what it holds.
+            for _ in range(2):
+                status, _, body = fetch(port, "/s/session_ob.php")
+                self.assertEqual(200, status)
+                self.assertTrue(body.startswith(b"[before the session\n]"), body)
+        self.each_server(check)
+
+    def test_a_url_past_any_fixed_buffer_runs_uncached(self):
+        def check(port, workspace):
+            long_path = "/p/headers.php?" + "x" * 9000
+            for _ in range(2):
+                status, _, body = fetch(port, long_path)
+                self.assertEqual(200, status)
+                self.assertIn(b"<h1>headers</h1>", body)
+            self.assertEqual(200, fetch(port, "/p/headers.php")[0])
+            if os.path.exists(workspace.path("fpm.log")):
+                with open(workspace.path("fpm.log")) as log:
+                    self.assertNotIn("SIGABRT", log.read())
+        self.each_server(check)
+
+
+if __name__ == "__main__":
+    unittest.main()
