@@ -159,6 +159,7 @@ int moduleStartup()
         moduleState.purgeRules = new PageCachePurgeRules(moduleState.serverInfo, moduleState.logStream);
         moduleState.enabled = pageCacheConfig.enable;
         VHTMLCache::setWaitForCleaner(isFpm());
+        VHTMLCache::setHandOverCleaner(isFpm());
         reloadRules(true);
         dropper.reset();
     } catch (const VException& e) {
