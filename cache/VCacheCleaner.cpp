@@ -59,6 +59,13 @@ void waitOneSecond()
     }
 }
 
+// Pages are what the cache stores: a gzip copy lies under its page's key
+// with ".z" behind it, and leaves with the clear copy.
+QByteArray pageOf(const QByteArray& key)
+{
+    return key.endsWith(".z") ? key.left(key.size() - 2) : key;
+}
+
 } // namespace
 
 VCacheCleaner::VCacheCleaner(int frequency, VDiskStorage* storage, const QString& productDir)
@@ -101,6 +108,10 @@ void VCacheCleaner::clean()
         storage->cleanExpired();
         armTimer(false);
         s_cleaning = 0;
+        const VDiskStorage::Cleaning done = storage->lastCleaning();
+        if (done.evictedPages > 0)
+            VLOG(log, 3) << "Cache cleaner removed" << done.evictedPages << "pages to keep the store under"
+                         << maxStoreSize << "bytes:" << done.bytesBefore << "before," << done.bytesAfter << "after";
     }
     VLOG(log, 5) << "Cache cleaner finished cleaning expired cache entries";
 }
@@ -121,6 +132,8 @@ void VCacheCleaner::run()
             VLOG(log, 0) << e.what();
         }
     }
+    if (storage)
+        storage->setSizeBound(maxStoreSize, pageOf);
     while (!stopRequested) {
         // A frequency of 0 or less cleans back to back, as configured.
         for (int second = 0; second < frequency && !stopRequested; ++second) {

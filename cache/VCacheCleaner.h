@@ -19,6 +19,8 @@ public:
     // when that is the parent, within a second otherwise, even mid-cleaning.
     // Call it first thing in the forked process.
     void watchMaster(VCleanerWatch* watch);
+    // What each cleaning leaves at most, in bytes; 0 for no bound.
+    void setMaxStoreSize(qint64 bytes) { maxStoreSize = bytes; }
 
     void run() override;
 
@@ -31,4 +33,5 @@ private:
     VDiskStorage* storage;
     int frequency;
     QString productDir;
+    qint64 maxStoreSize = 0;
 };

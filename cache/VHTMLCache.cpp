@@ -37,6 +37,7 @@ pid_t cleanerPid = -1;
 pid_t cleanerLauncherPid = -1;
 bool waitForCleaner = false;
 bool handOverCleaner = false;
+qint64 maxStoreBytes = 0;
 // Shared with the cleaner and inherited by every process forked later.
 VCleanerWatch* cleanerWatch = nullptr;
 
@@ -120,6 +121,11 @@ void VHTMLCache::setHandOverCleaner(bool handOver)
     handOverCleaner = handOver;
 }
 
+void VHTMLCache::setMaxStoreSize(qint64 bytes)
+{
+    maxStoreBytes = qMax<qint64>(0, bytes);
+}
+
 void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& productDir)
 {
     const VDebug::StreamId log = PageCacheLogStream;
@@ -155,6 +161,7 @@ void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& prod
     // stays.
     VProcess::dropInheritedDescriptors(VDebug::openFiles());
     VLOG(log, 3) << "Starting Cache Cleaner at pid" << qint64(getpid()) << "with frequency of" << frequency;
+    cleaner->setMaxStoreSize(maxStoreBytes);
     cleaner->run();
     // Only a stop request or the end of the master ends run(); nothing of
     // the parent's start-up may go on in this process.

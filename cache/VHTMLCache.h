@@ -36,7 +36,9 @@ public:
     // Whether a launcher that daemonizes (php-fpm's first process, which
     // forks the real master and exits) leaves the cleaner to that master.
     static void setHandOverCleaner(bool handOver);
-
+    // What the cleaner leaves of the store at each cleaning, in bytes; 0 for
+    // no bound.
+    static void setMaxStoreSize(qint64 bytes);
 
     QString lastError() const { return m_lastError; }
 
