@@ -1,12 +1,72 @@
 #include "VCacheCleaner.h"
 
 #include "PageCacheLogStream.h"
+#include "VCleanerWatch.h"
 #include "VDiskStorage.h"
 #include "VException.h"
 #include "VGlobals.h"
 #include "VeskServerInfo.h"
 
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <sys/prctl.h>
+#include <sys/time.h>
 #include <unistd.h>
+
+namespace {
+
+// Read by the signal handler below.
+VCleanerWatch* s_watch = nullptr;
+volatile sig_atomic_t s_cleaning = 0;
+volatile sig_atomic_t s_masterGone = 0;
+
+// SIGALRM: the parent has died (PR_SET_PDEATHSIG), or a second of a cleaning
+// has passed. Between cleanings the loop notices and ends in order; a
+// cleaning may take long, so the cleaner ends at once from inside one.
+void checkMaster(int)
+{
+    const int saved = errno;
+    if (s_watch && !s_watch->masterRunning()) {
+        if (s_cleaning)
+            _exit(0);
+        s_masterGone = 1;
+    }
+    errno = saved;
+}
+
+bool masterGone()
+{
+    if (!s_masterGone && s_watch && !s_watch->masterRunning())
+        s_masterGone = 1;
+    return s_masterGone;
+}
+
+void armTimer(bool on)
+{
+    const struct itimerval period = {{on ? 1 : 0, 0}, {on ? 1 : 0, 0}};
+    setitimer(ITIMER_REAL, &period, nullptr);
+}
+
+// One second from now on the monotonic clock, however often a signal cuts
+// the sleep short; sooner only when the master is gone.
+void waitOneSecond()
+{
+    struct timespec until;
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    until.tv_sec += 1;
+    while (!s_masterGone && clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
+    }
+}
+
+// Pages are what the cache stores: a gzip copy lies under its page's key
+// with ".z" behind it, and leaves with the clear copy.
+QByteArray pageOf(const QByteArray& key)
+{
+    return key.endsWith(".z") ? key.left(key.size() - 2) : key;
+}
+
+} // namespace
 
 VCacheCleaner::VCacheCleaner(int frequency, VDiskStorage* storage, const QString& productDir)
     : storage(storage), frequency(frequency), productDir(productDir)
@@ -14,6 +74,47 @@ VCacheCleaner::VCacheCleaner(int frequency, VDiskStorage* storage, const QString
 }
 
 VCacheCleaner::~VCacheCleaner() = default;
+
+void VCacheCleaner::watchMaster(VCleanerWatch* watch)
+{
+    s_watch = watch;
+    struct sigaction action = {};
+    action.sa_handler = checkMaster;
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGALRM, &action, nullptr);
+    sigset_t wanted;
+    sigemptyset(&wanted);
+    sigaddset(&wanted, SIGALRM);
+    sigaddset(&wanted, SIGTERM);
+    sigaddset(&wanted, SIGHUP);
+    sigprocmask(SIG_UNBLOCK, &wanted, nullptr);
+    // The kernel tells when the parent dies. The cleaner runs under the
+    // identity it was forked with, so nothing clears this setting later.
+    prctl(PR_SET_PDEATHSIG, SIGALRM);
+    // The parent may have died before the line above.
+    masterGone();
+    // Shown by ps -o comm and top, beside the server's own processes.
+    prctl(PR_SET_NAME, "vesk-cleaner");
+}
+
+void VCacheCleaner::clean()
+{
+    const VDebug::StreamId log = PageCacheLogStream;
+    VLOG(log, 5) << "Cache cleaner is cleaning expired cache entries";
+    if (storage) {
+        s_cleaning = 1;
+        armTimer(true);
+        storage->cleanExpired();
+        armTimer(false);
+        s_cleaning = 0;
+        const VDiskStorage::Cleaning done = storage->lastCleaning();
+        if (done.evictedPages > 0)
+            VLOG(log, 3) << "Cache cleaner removed" << done.evictedPages << "pages to keep the store under"
+                         << maxStoreSize << "bytes:" << done.bytesBefore << "before," << done.bytesAfter << "after";
+    }
+    VLOG(log, 5) << "Cache cleaner finished cleaning expired cache entries";
+}
 
 void VCacheCleaner::run()
 {
@@ -31,14 +132,20 @@ void VCacheCleaner::run()
             VLOG(log, 0) << e.what();
         }
     }
+    if (storage)
+        storage->setSizeBound(maxStoreSize, pageOf);
     while (!stopRequested) {
         // A frequency of 0 or less cleans back to back, as configured.
-        for (int second = 0; second < frequency && !stopRequested; ++second)
-            sleep(1);
-        VLOG(log, 5) << "Cache cleaner is cleaning expired cache entries";
-        if (storage)
-            storage->cleanExpired();
-        VLOG(log, 5) << "Cache cleaner finished cleaning expired cache entries";
+        for (int second = 0; second < frequency && !stopRequested; ++second) {
+            waitOneSecond();
+            stopRequested = masterGone();
+        }
+        if (masterGone()) {
+            VLOG(log, 3) << "Cache cleaner's master at pid" << qint64(s_watch->master()) << "has ended";
+            stopRequested = true;
+            break;
+        }
+        clean();
     }
     VLOG(log, 3) << "Cache cleaner exiting at pid" << qint64(getpid());
     running = false;

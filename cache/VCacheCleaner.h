@@ -3,16 +3,24 @@
 #include <QString>
 #include <QThread>
 
+class VCleanerWatch;
 class VDiskStorage;
 
 // Drops expired pages at a fixed period. It runs in a process of its own,
 // forked at module start; run() is called directly on that process's one
-// thread, and the process ends by SIGTERM or SIGHUP.
+// thread, and the process ends by SIGTERM or SIGHUP, or with its master.
 class VCacheCleaner : public QThread
 {
 public:
     VCacheCleaner(int frequency, VDiskStorage* storage, const QString& productDir);
     ~VCacheCleaner() override;
+
+    // Ends the cleaner once the master that `watch` names has ended: at once
+    // when that is the parent, within a second otherwise, even mid-cleaning.
+    // Call it first thing in the forked process.
+    void watchMaster(VCleanerWatch* watch);
+    // What each cleaning leaves at most, in bytes; 0 for no bound.
+    void setMaxStoreSize(qint64 bytes) { maxStoreSize = bytes; }
 
     void run() override;
 
@@ -20,7 +28,10 @@ public:
     bool running = false;
 
 private:
+    void clean();
+
     VDiskStorage* storage;
     int frequency;
     QString productDir;
+    qint64 maxStoreSize = 0;
 };

@@ -7,6 +7,8 @@
 #include "VMD5.h"
 #include "ParserErrorHandler.h"
 #include "VCacheCleaner.h"
+#include "VCleanerWatch.h"
+#include "VProcess.h"
 #include "VException.h"
 #include "VPHPGlobalsEvaluator.h"
 
@@ -35,6 +37,10 @@ VHTMLCache* s_instance = nullptr;
 pid_t cleanerPid = -1;
 pid_t cleanerLauncherPid = -1;
 bool waitForCleaner = false;
+bool handOverCleaner = false;
+qint64 maxStoreBytes = 0;
+// Shared with the cleaner and inherited by every process forked later.
+VCleanerWatch* cleanerWatch = nullptr;
 
 void cleanerSignalHandler(int)
 {
@@ -111,28 +117,55 @@ void VHTMLCache::setWaitForCleaner(bool wait)
     waitForCleaner = wait;
 }
 
+void VHTMLCache::setHandOverCleaner(bool handOver)
+{
+    handOverCleaner = handOver;
+}
+
+void VHTMLCache::setMaxStoreSize(qint64 bytes)
+{
+    maxStoreBytes = qMax<qint64>(0, bytes);
+}
+
 void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& productDir)
 {
+    const VDebug::StreamId log = PageCacheLogStream;
     if (disabled)
         return;
-    const pid_t pid = fork();
+    // One cleaner per master: a process whose master runs one already (a
+    // second start-up, a forked worker) starts none.
+    if (cleanerWatch && cleanerWatch->cleanerRunning()) {
+        VLOG(log, 3) << "Cache cleaner already running at pid" << qint64(cleanerWatch->cleaner());
+        return;
+    }
+    VCleanerWatch* watch = VCleanerWatch::create();
+    const pid_t pid = watch ? fork() : -1;
     if (pid > 0) {
         cleanerPid = pid;
         cleanerLauncherPid = getpid();
+        watch->setCleaner(pid);
+        cleanerWatch = watch;
         return;
     }
     if (pid < 0) {
-        VLOG(PageCacheLogStream, 0) << "Could not launch the Cache Cleaner" << strerror(errno);
+        VLOG(log, 0) << "Could not launch the Cache Cleaner" << strerror(errno);
+        if (watch)
+            watch->release();
         return;
     }
     signal(SIGHUP, cleanerSignalHandler);
     signal(SIGTERM, cleanerSignalHandler);
-    VLOG(PageCacheLogStream, 3) << "Starting Cache Cleaner at pid" << qint64(getpid()) << "with frequency of"
-                                << frequency;
     cleaner = new VCacheCleaner(frequency, storage, productDir);
+    cleaner->watchMaster(watch);
+    // Nothing of the server's may stay open here: not its standard output
+    // (a pipe would never see its end), not its listening sockets. The log
+    // stays.
+    VProcess::dropInheritedDescriptors(VDebug::openFiles());
+    VLOG(log, 3) << "Starting Cache Cleaner at pid" << qint64(getpid()) << "with frequency of" << frequency;
+    cleaner->setMaxStoreSize(maxStoreBytes);
     cleaner->run();
-    // Only a stop request ends run(); nothing of the parent's start-up may
-    // go on in this process.
+    // Only a stop request or the end of the master ends run(); nothing of
+    // the parent's start-up may go on in this process.
     _exit(0);
 }
 
@@ -185,17 +218,56 @@ bool VHTMLCache::validateRulesFile(const char* rulesFile)
     return true;
 }
 
+namespace {
+
+// The child that goes on as master when the launcher daemonizes: it leads a
+// session of its own, as php-fpm's master does after its fork.
+pid_t daemonHeir(pid_t cleaner)
+{
+    for (pid_t child : VProcess::children(getpid())) {
+        VProcess::Status status;
+        if (child != cleaner && VProcess::status(child, &status) && status.session == child)
+            return child;
+    }
+    return -1;
+}
+
+void stopCleaner()
+{
+    const VDebug::StreamId log = PageCacheLogStream;
+    // Workers inherit the watch, and are never its master.
+    if (!cleanerWatch || !cleanerWatch->isMaster())
+        return;
+    const pid_t cleaner = cleanerWatch->cleaner();
+    const pid_t heir = handOverCleaner && getpid() == cleanerLauncherPid ? daemonHeir(cleaner) : -1;
+    if (heir > 0) {
+        VLOG(log, 3) << "Cache cleaner at pid" << qint64(cleaner) << "stays with the master at pid" << qint64(heir);
+        cleanerWatch->handOver(heir);
+    } else if (cleanerWatch->cleanerRunning()) {
+        VLOG(log, 5) << "Sending SIGTERM to cache cleaner at pid" << qint64(cleaner);
+        kill(cleaner, SIGTERM);
+        if (waitForCleaner) {
+            int result;
+            do {
+                result = waitpid(cleaner, nullptr, 0);
+            } while (result < 0 && errno == EINTR);
+            // A master that took the cleaner over isn't its parent: it
+            // watches it go, for ten seconds at most.
+            for (int wait = 0; result < 0 && wait < 1000 && cleanerWatch->cleanerRunning(); ++wait)
+                usleep(10000);
+        }
+    }
+    cleanerWatch->release();
+    cleanerWatch = nullptr;
+    cleanerLauncherPid = -1;
+}
+
+} // namespace
+
 int VHTMLCache::shutdown()
 {
     VPHPEvaluatorsManager::destroyInstance();
-    // Workers inherit the launcher's pid, never equal to their own.
-    if (getpid() == cleanerLauncherPid) {
-        VLOG(PageCacheLogStream, 5) << "Sending SIGTERM to cache cleaner at pid" << qint64(cleanerPid);
-        kill(cleanerPid, SIGTERM);
-        if (waitForCleaner)
-            waitpid(cleanerPid, nullptr, 0);
-        cleanerLauncherPid = -1;
-    }
+    stopCleaner();
     delete storage;
     storage = nullptr;
     return 1;

@@ -26,13 +26,19 @@ public:
               bool startCleaner);
     // Validates the rules file against pagecache_rules_schema.xsd beside it.
     bool validateRulesFile(const char* rulesFile);
-    // Stops the cleaner (from the process that started it) and lets go of
-    // the store. Always 1.
+    // Stops the cleaner (from its master) and lets go of the store. Always 1.
     int shutdown();
-    // Forks the process that drops expired pages every `frequency` seconds.
+    // Forks the process that drops expired pages every `frequency` seconds,
+    // unless one of this master's runs already.
     void launchCleaner(int frequency, bool disabled, const QString& productDir);
     // Whether shutdown waits for the cleaner to be gone (under php-fpm).
     static void setWaitForCleaner(bool wait);
+    // Whether a launcher that daemonizes (php-fpm's first process, which
+    // forks the real master and exits) leaves the cleaner to that master.
+    static void setHandOverCleaner(bool handOver);
+    // What the cleaner leaves of the store at each cleaning, in bytes; 0 for
+    // no bound.
+    static void setMaxStoreSize(qint64 bytes);
 
     QString lastError() const { return m_lastError; }
 

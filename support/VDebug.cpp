@@ -305,6 +305,16 @@ VDebug::StreamId VDebug::registerStream(const QByteArray& name, const char* file
     return id;
 }
 
+QVector<int> VDebug::openFiles()
+{
+    QVector<int> fds;
+    for (const Sink* sink : _sinkList) {
+        if (sink && sink->ownsFd && sink->fd >= 0)
+            fds.append(sink->fd);
+    }
+    return fds;
+}
+
 void VDebug::unregisterStream(StreamId id)
 {
     if (id < 0 || id >= MaxStreams || !_sinkList[id])

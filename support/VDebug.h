@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QDateTime>
 #include <QString>
+#include <QVector>
 
 // One log statement. Every statement has the same shape:
 //
@@ -58,6 +59,9 @@ public:
     // when there is no file or it can't be opened. The caller keeps `file`.
     static StreamId registerStream(const QByteArray& name, const char* file);
     static void unregisterStream(StreamId id);
+    // The descriptors of the files that streams write to: what a forked
+    // helper process keeps of its parent's.
+    static QVector<int> openFiles();
     static void setDebugLevel(StreamId id, int level);
     // Size in MiB at which the file is rotated; 0 or less never rotates.
     static void setRotationSize(StreamId id, int mebibytes);

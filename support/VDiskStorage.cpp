@@ -15,8 +15,12 @@
 #include <time.h>
 #include <unistd.h>
 #include <signal.h>
+#include <QHash>
 #include <QVarLengthArray>
 #include <QtEndian>
+
+#include <algorithm>
+#include <vector>
 
 namespace {
 
@@ -98,19 +102,6 @@ bool parseHeader(const char* bytes, quint64 fileSize, Header* h)
            && fileSize == h->valueOffset() + h->length;
 }
 
-quint64 fileSize(int fd)
-{
-    struct stat st;
-    return fstat(fd, &st) == 0 ? quint64(st.st_size) : 0;
-}
-
-// Reads and checks the header; false for anything doubtful.
-bool readHeader(int fd, Header* h)
-{
-    char bytes[VDiskStorage::HeaderSize];
-    return pread(fd, bytes, sizeof bytes, 0) == ssize_t(sizeof bytes) && parseHeader(bytes, fileSize(fd), h);
-}
-
 bool readAll(int fd, char* buffer, size_t size, off_t offset)
 {
     size_t done = 0;
@@ -125,8 +116,8 @@ bool readAll(int fd, char* buffer, size_t size, off_t offset)
     return true;
 }
 
-// Drops a record that didn't check out, unless a writer has put a new one
-// in its place meanwhile.
+// Removes the record file that was judged, unless a writer has put a new
+// one in its place meanwhile.
 void dropDoubtful(const QByteArray& path, const struct stat& judged)
 {
     struct stat current;
@@ -267,6 +258,28 @@ void removeTree(const QByteArray& path)
         closedir(dir);
     }
     rmdir(path.constData());
+}
+
+// Whether `name` is `prefix` followed by a unique suffix: pid, counter and time.
+bool isTrashName(const QByteArray& name, const QByteArray& prefix)
+{
+    if (!name.startsWith(prefix))
+        return false;
+    const QList<QByteArray> parts = name.mid(prefix.size()).split('-');
+    if (parts.size() != 3)
+        return false;
+    for (const QByteArray& part : parts) {
+        if (part.isEmpty() || !std::all_of(part.begin(), part.end(), [](char c) { return c >= '0' && c <= '9'; }))
+            return false;
+    }
+    return true;
+}
+
+// What a record file takes on disk: its blocks, as du counts them, and no
+// less than its bytes (some file systems keep small files in their metadata).
+qint64 diskBytes(const struct stat& st)
+{
+    return qMax<qint64>(qint64(st.st_size), qint64(st.st_blocks) * 512);
 }
 
 } // namespace
@@ -553,8 +566,10 @@ bool VDiskStorage::clearNamespace(const QByteArray& ns)
     // The tree is moved out of the way in one step, so readers and writers
     // see it either whole or gone, and then deleted at leisure.
     const QByteArray victim = ns.isNull() ? m_root : namespaceDir(ns);
-    const QByteArray parent = ns.isNull() ? m_root.left(m_root.lastIndexOf('/')) : m_root;
-    const QByteArray trash = parent + '/' + TrashPrefix + uniqueSuffix();
+    // The whole store's trash lies beside it, named after it, so that the
+    // cleaning finds it there and leaves other stores' alone.
+    const QByteArray trash = ns.isNull() ? wholeStoreTrashPrefix() + uniqueSuffix()
+                                         : m_root + '/' + TrashPrefix + uniqueSuffix();
     if (rename(victim.constData(), trash.constData()) != 0) {
         if (errno == ENOENT)
             return true;
@@ -564,44 +579,196 @@ bool VDiskStorage::clearNamespace(const QByteArray& ns)
     return true;
 }
 
-bool VDiskStorage::cleanExpired()
+void VDiskStorage::setSizeBound(qint64 maxBytes, std::function<QByteArray(const QByteArray& key)> pageOf)
 {
-    release();
-    const qint64 now = m_env->now();
-    // Leftovers of clears that were interrupted.
-    QDirIterator trash(QString::fromLocal8Bit(m_root), QStringList{QString::fromLatin1(TrashPrefix) + '*'},
-                       QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot);
-    while (trash.hasNext())
-        removeTree(QFile::encodeName(trash.next()));
+    m_maxBytes = qMax<qint64>(0, maxBytes);
+    m_pageOf = std::move(pageOf);
+}
 
-    QDirIterator it(QString::fromLocal8Bit(m_root), QDir::Files | QDir::Hidden | QDir::NoSymLinks,
-                    QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QByteArray path = QFile::encodeName(it.next());
-        const QByteArray name = path.mid(path.lastIndexOf('/') + 1);
+QByteArray VDiskStorage::wholeStoreTrashPrefix() const
+{
+    const int slash = m_root.lastIndexOf('/');
+    return m_root.left(slash + 1) + TrashPrefix + m_root.mid(slash + 1) + '-';
+}
+
+// A live record that a bounded cleaning may remove.
+struct VDiskStorage::Walk
+{
+    struct Record
+    {
+        QByteArray path;
+        struct stat status;
+        quint64 page;
+    };
+    struct Page
+    {
+        qint64 expiry = LLONG_MAX;
+        qint64 written = LLONG_MAX;
+        // Nanoseconds of the file's time, to order writes of one second.
+        qint64 writtenPrecisely = LLONG_MAX;
+        qint64 bytes = 0;
+        std::vector<int> records;
+    };
+    qint64 now = 0;
+    bool bounded = false;
+    std::vector<Record> records;
+    QHash<quint64, int> pageIndex;
+    std::vector<Page> pages;
+    // Children before their parents, so that a pass empties a tree bottom up.
+    QList<QByteArray> directories;
+};
+
+void VDiskStorage::walk(const QByteArray& dir, bool isRoot, Walk& state)
+{
+    DIR* handle = opendir(dir.constData());
+    if (!handle)
+        return;
+    while (const struct dirent* entry = readdir(handle)) {
+        const char* name = entry->d_name;
+        if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0)
+            continue;
+        const QByteArray path = dir + '/' + name;
         struct stat st;
-        if (name.startsWith(TempPrefix)) {
+        if (lstat(path.constData(), &st) != 0)
+            continue;
+        if (S_ISDIR(st.st_mode)) {
+            // Leftovers of namespace clears that were interrupted.
+            if (isRoot && strncmp(name, TrashPrefix, strlen(TrashPrefix)) == 0) {
+                removeTree(path);
+                ++m_cleaning.trashRemoved;
+                continue;
+            }
+            walk(path, false, state);
+            state.directories.append(path);
+            continue;
+        }
+        if (!S_ISREG(st.st_mode))
+            continue;
+        if (strncmp(name, TempPrefix, strlen(TempPrefix)) == 0) {
             // A write in progress, unless its writer is gone or it is old.
-            const pid_t writer = pid_t(name.mid(int(strlen(TempPrefix))).split('-').value(0).toLongLong());
+            const pid_t writer = pid_t(QByteArray(name + strlen(TempPrefix)).split('-').value(0).toLongLong());
             const bool writerGone = writer > 0 && kill(writer, 0) != 0 && errno == ESRCH;
-            if (lstat(path.constData(), &st) == 0 && (writerGone || now - qint64(st.st_mtime) > StaleTempSeconds))
+            if (writerGone || state.now - qint64(st.st_mtime) > StaleTempSeconds)
                 unlink(path.constData());
             continue;
         }
         const int fd = open(path.constData(), O_RDONLY | O_CLOEXEC);
         if (fd < 0)
             continue;
+        // The header, and under a bound the record's own names, in one read.
+        char bytes[HeaderSize + 256];
+        const ssize_t got = pread(fd, bytes, state.bounded ? sizeof bytes : size_t(HeaderSize), 0);
         Header h;
-        const bool valid = readHeader(fd, &h);
+        const bool valid = fstat(fd, &st) == 0 && got >= HeaderSize && parseHeader(bytes, quint64(st.st_size), &h);
         // Records arrive whole by rename, so one that doesn't check out was
         // damaged (a crash before the data reached the disk) and is no use.
-        const bool drop = fstat(fd, &st) == 0 && (!valid || h.expiredAt(now));
-        close(fd);
-        // Only the file that was judged goes: if a writer renamed a fresh
-        // record over it meanwhile, that one stays. (A rename in the instant
-        // between this look and the unlink costs a miss, never a wrong page.)
-        if (drop)
+        if (!valid || h.expiredAt(state.now)) {
+            close(fd);
+            ++m_cleaning.expired;
+            // Only the file that was judged goes: if a writer renamed a fresh
+            // record over it meanwhile, that one stays. (A rename in the instant
+            // between this look and the unlink costs a miss, never a wrong page.)
             dropDoubtful(path, st);
+            continue;
+        }
+        const qint64 size = diskBytes(st);
+        m_cleaning.bytesBefore += size;
+        if (!state.bounded) {
+            close(fd);
+            continue;
+        }
+        QByteArray names(bytes + HeaderSize, int(qMin<qint64>(got - HeaderSize, qint64(h.identityLength()))));
+        if (quint64(names.size()) < h.identityLength()) {
+            names.resize(int(h.identityLength()));
+            if (!readAll(fd, names.data() + (got - HeaderSize), size_t(names.size() - (got - HeaderSize)), off_t(got)))
+                names.clear();
+        }
+        close(fd);
+        const QByteArray ns = names.left(int(h.nsLength));
+        const QByteArray key = names.mid(int(h.nsLength));
+        const QByteArray page = QByteArray::number(ns.size()) + ':' + ns + (m_pageOf ? m_pageOf(key) : key);
+        // 64 bits of the page's names: a collision would only take one more page.
+        const quint64 id = quint64(qHash(page, 0x5bd1e995u)) << 32 | qHash(page, 0x9e3779b9u);
+        auto found = state.pageIndex.find(id);
+        if (found == state.pageIndex.end()) {
+            found = state.pageIndex.insert(id, int(state.pages.size()));
+            state.pages.emplace_back();
+        }
+        Walk::Page& p = state.pages[size_t(*found)];
+        p.expiry = qMin(p.expiry, h.lifetime > 0 ? h.writeTime + h.lifetime : LLONG_MAX);
+        p.written = qMin(p.written, h.writeTime);
+        p.writtenPrecisely = qMin(p.writtenPrecisely, qint64(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec);
+        p.bytes += size;
+        p.records.push_back(int(state.records.size()));
+        state.records.push_back(Walk::Record{path, st, id});
+    }
+    closedir(handle);
+}
+
+void VDiskStorage::evict(Walk& state)
+{
+    qint64 total = m_cleaning.bytesBefore;
+    if (total <= m_maxBytes)
+        return;
+    std::vector<int> order(state.pages.size());
+    for (size_t i = 0; i < order.size(); ++i)
+        order[i] = int(i);
+    std::sort(order.begin(), order.end(), [&](int a, int b) {
+        const Walk::Page& x = state.pages[size_t(a)];
+        const Walk::Page& y = state.pages[size_t(b)];
+        if (x.expiry != y.expiry)
+            return x.expiry < y.expiry;
+        return x.written != y.written ? x.written < y.written : x.writtenPrecisely < y.writtenPrecisely;
+    });
+    // Only unlinks: a reader that has the file open still reads it whole,
+    // one that comes later misses.
+    for (int index : order) {
+        if (total <= m_maxBytes)
+            break;
+        const Walk::Page& page = state.pages[size_t(index)];
+        for (int record : page.records)
+            dropDoubtful(state.records[size_t(record)].path, state.records[size_t(record)].status);
+        total -= page.bytes;
+        ++m_cleaning.evictedPages;
+    }
+    m_cleaning.bytesAfter = total;
+}
+
+bool VDiskStorage::cleanExpired()
+{
+    release();
+    m_cleaning = Cleaning();
+    Walk state;
+    state.now = m_env->now();
+    state.bounded = m_maxBytes > 0;
+
+    // Leftovers of clears of the whole store that were interrupted lie beside it.
+    const QByteArray trashPrefix = wholeStoreTrashPrefix();
+    const QByteArray parent = trashPrefix.left(trashPrefix.lastIndexOf('/'));
+    const QByteArray namePrefix = trashPrefix.mid(parent.size() + 1);
+    if (DIR* handle = opendir(parent.constData())) {
+        QList<QByteArray> trash;
+        while (const struct dirent* entry = readdir(handle)) {
+            const QByteArray name(entry->d_name);
+            // Also the unnamed trash of earlier versions: ".trash-<pid>-<n>-<time>".
+            if (isTrashName(name, namePrefix) || isTrashName(name, TrashPrefix))
+                trash.append(parent + '/' + name);
+        }
+        closedir(handle);
+        for (const QByteArray& path : trash) {
+            removeTree(path);
+            ++m_cleaning.trashRemoved;
+        }
+    }
+
+    walk(m_root, true, state);
+    m_cleaning.bytesAfter = m_cleaning.bytesBefore;
+    if (state.bounded)
+        evict(state);
+    // A writer that loses a fresh directory here makes it again (see write()).
+    for (const QByteArray& dir : state.directories) {
+        if (rmdir(dir.constData()) == 0)
+            ++m_cleaning.directoriesRemoved;
     }
     return true;
 }

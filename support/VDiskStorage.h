@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QtGlobal>
 
+#include <functional>
 #include <memory>
 
 struct stat;
@@ -59,8 +60,25 @@ public:
     // Replaces the record whole. A lifetime of 0 or less never expires.
     virtual bool write(const QByteArray& ns, const QByteArray& key, const QByteArray& value, char* outFlag,
                        int lifetime, int unused);
-    // Deletes expired records, and what interrupted writers and clears left.
+    // Deletes expired records, what interrupted writers and clears left, and
+    // empty directories; then, under a size bound, whole pages, those closest
+    // to expiry first, then the oldest.
     virtual bool cleanExpired();
+    // The bound cleanExpired() keeps the store under: the space its record
+    // files take on disk, in bytes (0: no bound). Records whose keys
+    // `pageOf` maps to the same name are one page and go together.
+    void setSizeBound(qint64 maxBytes, std::function<QByteArray(const QByteArray& key)> pageOf = {});
+    // What the last cleanExpired() did.
+    struct Cleaning
+    {
+        int expired = 0;
+        int evictedPages = 0;
+        qint64 bytesBefore = 0; // of the live records it found
+        qint64 bytesAfter = 0;
+        int trashRemoved = 0;
+        int directoriesRemoved = 0;
+    };
+    Cleaning lastCleaning() const { return m_cleaning; }
     // When the record expires: its write time plus its lifetime, or -1.
     long getLastModified(const QByteArray& ns, const QByteArray& key);
 
@@ -72,12 +90,18 @@ public:
 
 private:
     QByteArray namespaceDir(const QByteArray& ns) const;
+    // "<save path>/.trash-<store name>-": a clear of everything renames the
+    // store to that and a unique suffix.
+    QByteArray wholeStoreTrashPrefix() const;
     // A record that contains() found live stays open for a read of the same
     // record right after it, as the hit path does: one open instead of two.
     struct Held;
     void release();
 
     bool fail(const QByteArray& what, const QByteArray& path, int error);
+    struct Walk;
+    void walk(const QByteArray& dir, bool isRoot, Walk& state);
+    void evict(Walk& state);
     // Whether this file, unchanged, already passed the value check here.
     class CheckedFiles;
     bool checkedBefore(const struct stat& st) const;
@@ -88,4 +112,7 @@ private:
     VDiskStorageEnv* m_env;
     Held* m_held = nullptr;
     std::unique_ptr<CheckedFiles> m_checked;
+    qint64 m_maxBytes = 0;
+    std::function<QByteArray(const QByteArray&)> m_pageOf;
+    Cleaning m_cleaning;
 };

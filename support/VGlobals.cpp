@@ -13,11 +13,25 @@ QByteArray& pidDir()
     static QByteArray dir;
     return dir;
 }
+
+QByteArray pidText()
+{
+    return QByteArray::number(qint64(getpid())) + '\n';
+}
 } // namespace
+
+PidFileData::PidFileData(const QByteArray& path) : m_path(path), m_content(pidText())
+{
+}
 
 void PidFileData::remove()
 {
-    if (!m_path.isEmpty())
+    if (m_path.isEmpty())
+        return;
+    // The successor of a process that is going may have written its own pid
+    // meanwhile: that file stays.
+    QFile file(QString::fromLocal8Bit(m_path));
+    if (file.open(QIODevice::ReadOnly) && file.read(64) == m_content)
         ::unlink(m_path.constData());
     m_path.clear();
 }
@@ -44,7 +58,7 @@ QSharedPointer<PidFileData> VGlobals::createPidFile(VDebug::StreamId logStream,
     // Written aside and renamed, so a reader never sees half a number.
     QSaveFile file(QString::fromLocal8Bit(path));
     if (!file.open(QIODevice::WriteOnly)
-        || file.write(QByteArray::number(qint64(getpid())) + '\n') < 0 || !file.commit()) {
+        || file.write(pidText()) < 0 || !file.commit()) {
         throw VException(QStringLiteral("Failed to write the pid file %1: %2")
                              .arg(QString::fromLocal8Bit(path), file.errorString()));
     }

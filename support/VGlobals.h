@@ -7,11 +7,12 @@
 #include <QSharedPointer>
 
 // A pid file that lives as long as its last handle: the file is removed
-// when the last reference goes.
+// when the last reference goes, unless another process has written its own
+// pid there meanwhile.
 class PidFileData
 {
 public:
-    explicit PidFileData(const QByteArray& path) : m_path(path) {}
+    explicit PidFileData(const QByteArray& path);
     ~PidFileData() { remove(); }
     PidFileData(const PidFileData&) = delete;
     PidFileData& operator=(const PidFileData&) = delete;
@@ -21,6 +22,7 @@ public:
 
 private:
     QByteArray m_path;
+    QByteArray m_content;
 };
 
 class VGlobals

@@ -21,6 +21,7 @@ struct PageCacheConfig
     bool ordered_rule_matching;
     bool pulse_enable;
     bool enable_cli;
+    int64_t max_store_size;
 };
 
 extern PageCacheConfig pageCacheConfig;

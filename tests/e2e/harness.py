@@ -191,6 +191,60 @@ def _terminate(process):
             process.wait(timeout=10)
 
 
+def _terminate_group(leader):
+    """Stops the process group of `leader`, a process that isn't our child."""
+    for sig in (signal.SIGTERM, signal.SIGKILL):
+        try:
+            os.killpg(leader, sig)
+        except ProcessLookupError:
+            return
+        deadline = time.monotonic() + 10
+        while time.monotonic() < deadline and processes(group=leader):
+            time.sleep(0.05)
+
+
+def processes(name=None, parent=None, group=None, holding=None):
+    """Pids of the processes that have not ended (zombies have) whose command
+    name (/proc/PID/comm) is `name`, whose parent is `parent`, whose process
+    group is `group`, and that hold a file under the directory `holding` open;
+    each criterion only when given."""
+    found = []
+    for entry in os.listdir("/proc"):
+        if not entry.isdigit():
+            continue
+        try:
+            with open("/proc/%s/stat" % entry) as f:
+                stat = f.read()
+            fields = stat[stat.rindex(")") + 2:].split()
+            if fields[0] in "ZX":
+                continue
+            if parent is not None and int(fields[1]) != parent:
+                continue
+            if group is not None and int(fields[2]) != group:
+                continue
+            if name is not None and stat[stat.index("(") + 1:stat.rindex(")")] != name:
+                continue
+            if holding is not None and not any(path.startswith(holding.rstrip("/") + "/")
+                                               for path in open_files(int(entry)).values()):
+                continue
+        except (OSError, ValueError, IndexError):
+            continue
+        found.append(int(entry))
+    return found
+
+
+def open_files(pid):
+    """What each open descriptor of `pid` refers to, by descriptor number."""
+    files = {}
+    directory = "/proc/%d/fd" % pid
+    for fd in os.listdir(directory):
+        try:
+            files[int(fd)] = os.readlink(os.path.join(directory, fd))
+        except OSError:
+            pass
+    return files
+
+
 def _stop(process, output):
     _terminate(process)
     output.close()
@@ -272,14 +326,18 @@ class FpmBehindNginx:
     def available(cls):
         return os.access(cls.FPM, os.X_OK) and os.access(cls.NGINX, os.X_OK)
 
-    def __init__(self, workspace, docroot, directives, bare=False):
+    def __init__(self, workspace, docroot, directives, daemonize=False, bare=False):
+        """With `daemonize`, php-fpm forks its master and the first process
+        exits; `master` is the pid of the process that serves either way."""
         self.port = free_port()
         self.socket_path = socket_path = workspace.path("fpm.sock")
+        self.daemonize = daemonize
         with open(workspace.path("fpm.conf"), "w") as f:
-            f.write("[global]\npid = %s\nerror_log = %s\ndaemonize = no\n\n[www]\n"
+            f.write("[global]\npid = %s\nerror_log = %s\ndaemonize = %s\n\n[www]\n"
                     "listen = %s\nlisten.mode = 0666\npm = static\npm.max_children = 2\n"
                     "clear_env = no\ncatch_workers_output = yes\n"
-                    % (workspace.path("fpm.pid"), workspace.path("fpm.log"), socket_path))
+                    % (workspace.path("fpm.pid"), workspace.path("fpm.log"), "yes" if daemonize else "no",
+                       socket_path))
             if os.geteuid() == 0:
                 f.write("user = root\ngroup = root\n")
         command = ([self.FPM] + engine_settings("fpm", bare)[0]
@@ -292,9 +350,19 @@ class FpmBehindNginx:
         self.fpm = subprocess.Popen(command, stdout=self.fpm_output, stderr=subprocess.STDOUT,
                                     stdin=subprocess.DEVNULL, env=php_environment("fpm", bare),
                                     start_new_session=True)
+        self.master = self.fpm.pid
+        if daemonize:
+            # The first process exits once the master it forked is ready.
+            try:
+                started = self.fpm.wait(timeout=15) == 0
+            except subprocess.TimeoutExpired:
+                started = False
+            if started:
+                with open(workspace.path("fpm.pid")) as f:
+                    self.master = int(f.read())
         deadline = time.monotonic() + 15
         while not os.path.exists(socket_path):
-            if self.fpm.poll() is not None or time.monotonic() > deadline:
+            if (not daemonize and self.fpm.poll() is not None) or time.monotonic() > deadline:
                 self.stop()
                 raise RuntimeError("php-fpm did not start: see %s" % workspace.path("fpm.out"))
             time.sleep(0.05)
@@ -340,6 +408,9 @@ http {
     def stop(self):
         if hasattr(self, "nginx"):
             _stop(self.nginx, self.nginx_output)
+        if self.daemonize:
+            # The master leads a session and a group of its own, not our child.
+            _terminate_group(self.master)
         _stop(self.fpm, self.fpm_output)
 
 

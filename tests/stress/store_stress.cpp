@@ -1,7 +1,8 @@
 // Several processes on one store at once: 8 writers and 8 readers on 100
 // keys with values of 32 bytes to 1 MiB that describe themselves, while
-// another process cleans expired records and clears namespaces, and writers
-// are killed with SIGKILL at random moments and replaced. Every value a
+// another process cleans expired records, keeps the store under 4 MiB and
+// clears namespaces, and writers are killed with SIGKILL at random moments
+// and replaced. Every value a
 // reader gets must be whole and must be the one written under that key, and
 // after the run one cleaning leaves no temporary file behind.
 //
@@ -148,6 +149,9 @@ void reader(const QByteArray& root, quint32 id, time_t until)
 void cleaner(const QByteArray& root, time_t until)
 {
     VDiskStorage* store = openStore(root);
+    // Well under what the writers keep live, so every cleaning removes pages
+    // that readers are reading.
+    store->setSizeBound(4 << 20);
     int rounds = 0;
     while (time(nullptr) < until) {
         store->cleanExpired();

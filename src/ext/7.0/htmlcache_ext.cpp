@@ -159,6 +159,9 @@ int moduleStartup()
         moduleState.purgeRules = new PageCachePurgeRules(moduleState.serverInfo, moduleState.logStream);
         moduleState.enabled = pageCacheConfig.enable;
         VHTMLCache::setWaitForCleaner(isFpm());
+        VHTMLCache::setHandOverCleaner(isFpm());
+        // MiB; anything that isn't a positive number leaves the store unbounded.
+        VHTMLCache::setMaxStoreSize(qBound<qint64>(0, pageCacheConfig.max_store_size, qint64(1) << 40) << 20);
         reloadRules(true);
         dropper.reset();
     } catch (const VException& e) {

@@ -3,6 +3,7 @@
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -357,4 +358,172 @@ TEST_F(StoreTest, AReadRightAfterContainsSeesTheRecordThatWasFound)
     ASSERT_TRUE(store->contains("ns", "key", false));
     EXPECT_EQ(QByteArray("<none>"), get("ns", "other"));
     EXPECT_EQ(QByteArray("third"), get("ns", "key"));
+}
+
+namespace {
+
+// What a record takes on disk, counted as the store counts it.
+qint64 onDisk(const QByteArray& path)
+{
+    struct stat st;
+    if (stat(path.constData(), &st) != 0)
+        return 0;
+    return qMax<qint64>(st.st_size, qint64(st.st_blocks) * 512);
+}
+
+QByteArray pageOf(const QByteArray& key)
+{
+    return key.endsWith(".z") ? key.left(key.size() - 2) : key;
+}
+
+} // namespace
+
+TEST_F(StoreTest, ABoundRemovesPagesClosestToExpiryFirstThenTheOldest)
+{
+    const QByteArray value(3000, 'v');
+    const qint64 start = env.clock;
+    ASSERT_TRUE(put("ns", "a", value, 100)); // expires at start + 100
+    ASSERT_TRUE(put("ns", "b", value, 0));   // never
+    env.clock = start + 5;
+    ASSERT_TRUE(put("ns", "d", value, 0));   // never, written later than b
+    env.clock = start + 10;
+    ASSERT_TRUE(put("ns", "c", value, 50));  // expires at start + 60
+    ASSERT_TRUE(put("ns", "e", value, 90));  // expires with a, written later
+    auto size = [&](const char* key) { return onDisk(store->recordPath("ns", key)); };
+
+    // Nothing goes while the store is within its bound.
+    const qint64 all = size("a") + size("b") + size("c") + size("d") + size("e");
+    store->setSizeBound(all);
+    EXPECT_TRUE(store->cleanExpired());
+    EXPECT_EQ(0, store->lastCleaning().evictedPages);
+    EXPECT_EQ(all, store->lastCleaning().bytesBefore);
+
+    // c expires first; a and e expire together, a is older.
+    store->setSizeBound(all - size("c"));
+    EXPECT_TRUE(store->cleanExpired());
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "c"));
+    EXPECT_EQ(value, get("ns", "a"));
+
+    store->setSizeBound(size("b") + size("d") + size("e"));
+    EXPECT_TRUE(store->cleanExpired());
+    EXPECT_EQ(1, store->lastCleaning().evictedPages);
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "a"));
+    EXPECT_EQ(value, get("ns", "e"));
+
+    // Pages that never expire go last, the oldest first.
+    store->setSizeBound(size("d") + 1);
+    EXPECT_TRUE(store->cleanExpired());
+    EXPECT_EQ(2, store->lastCleaning().evictedPages);
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "e"));
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "b"));
+    EXPECT_EQ(value, get("ns", "d"));
+    EXPECT_EQ(size("d"), store->lastCleaning().bytesAfter);
+
+    // 0 is no bound at all.
+    store->setSizeBound(0);
+    EXPECT_TRUE(store->cleanExpired());
+    EXPECT_EQ(value, get("ns", "d"));
+}
+
+TEST_F(StoreTest, ABoundTakesPagesOfOneSecondInTheOrderTheyCame)
+{
+    const QByteArray value(3000, 'v');
+    for (const char* key : {"first", "second", "third"}) {
+        ASSERT_TRUE(put("ns", key, value, 60));
+        // Beyond the kernel's coarse clock, which file times follow.
+        usleep(30 * 1000);
+    }
+    store->setSizeBound(onDisk(store->recordPath("ns", "third")) + onDisk(store->recordPath("ns", "second")));
+    EXPECT_TRUE(store->cleanExpired());
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "first"));
+    EXPECT_EQ(value, get("ns", "second"));
+    EXPECT_EQ(value, get("ns", "third"));
+}
+
+TEST_F(StoreTest, ABoundTakesAPageWithItsGzipCopy)
+{
+    const QByteArray value(3000, 'v');
+    ASSERT_TRUE(put("ns", "old.z", value, 60));
+    ASSERT_TRUE(put("ns", "old", value, 60));
+    ++env.clock;
+    ASSERT_TRUE(put("other", "new.z", value, 60));
+    ASSERT_TRUE(put("other", "new", value, 60));
+    // A key of the same name in another namespace is another page.
+    ASSERT_TRUE(put("other", "old", value, 60));
+    const qint64 kept = onDisk(store->recordPath("other", "new")) + onDisk(store->recordPath("other", "new.z"))
+                        + onDisk(store->recordPath("other", "old"));
+    store->setSizeBound(kept, pageOf);
+    EXPECT_TRUE(store->cleanExpired());
+    EXPECT_EQ(1, store->lastCleaning().evictedPages);
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "old"));
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "old.z"));
+    EXPECT_EQ(value, get("other", "new"));
+    EXPECT_EQ(value, get("other", "new.z"));
+    EXPECT_EQ(value, get("other", "old"));
+}
+
+TEST_F(StoreTest, AReaderThatHoldsAnEvictedRecordReadsItWhole)
+{
+    const QByteArray value(100000, 'v');
+    ASSERT_TRUE(put("ns", "key", value));
+    ASSERT_TRUE(store->contains("ns", "key", false));
+    VDiskStorage cleaner(VDiskStorage::VDiskStorageInit(2, root(), 1, "HTML-Cache", false), &env);
+    cleaner.setSizeBound(1);
+    EXPECT_TRUE(cleaner.cleanExpired());
+    EXPECT_EQ(1, cleaner.lastCleaning().evictedPages);
+    EXPECT_EQ(value, get("ns", "key"));
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "key"));
+}
+
+TEST_F(StoreTest, TrashOfInterruptedClearsGoesAtTheNextCleaning)
+{
+    ASSERT_TRUE(put("a", "1", "x"));
+    ASSERT_TRUE(put("b", "1", "y"));
+    // A clear of everything that died after its rename, and one of an
+    // earlier version, which named its trash without the store's name.
+    const QByteArray store1 = root() + "/.trash-HTML-Cache-123-1-1700000000";
+    const QByteArray earlier = root() + "/.trash-124-2-1700000001";
+    ASSERT_EQ(0, rename((root() + "/HTML-Cache").constData(), store1.constData()));
+    ASSERT_TRUE(put("b", "1", "y"));
+    ASSERT_TRUE(QDir().mkpath(QString::fromLocal8Bit(earlier + "/ns/00")));
+    // A namespace clear that died likewise.
+    ASSERT_EQ(0, rename((root() + "/HTML-Cache/b").constData(), (root() + "/HTML-Cache/.trash-125-3-1700000002").constData()));
+    // Another store's trash, and what isn't trash, stay.
+    const QByteArray otherStore = root() + "/.trash-HTML-Cache-2-126-4-1700000003";
+    const QByteArray notTrash = root() + "/.trash-notes";
+    ASSERT_TRUE(QDir().mkpath(QString::fromLocal8Bit(otherStore)));
+    ASSERT_TRUE(QDir().mkpath(QString::fromLocal8Bit(notTrash)));
+
+    EXPECT_TRUE(store->cleanExpired());
+    EXPECT_EQ(3, store->lastCleaning().trashRemoved);
+    EXPECT_FALSE(QFileInfo::exists(QString::fromLocal8Bit(store1)));
+    EXPECT_FALSE(QFileInfo::exists(QString::fromLocal8Bit(earlier)));
+    EXPECT_FALSE(QFileInfo::exists(QString::fromLocal8Bit(root() + "/HTML-Cache/.trash-125-3-1700000002")));
+    EXPECT_TRUE(QFileInfo::exists(QString::fromLocal8Bit(otherStore)));
+    EXPECT_TRUE(QFileInfo::exists(QString::fromLocal8Bit(notTrash)));
+}
+
+TEST_F(StoreTest, EmptyDirectoriesGoAtTheNextCleaning)
+{
+    ASSERT_TRUE(put("gone", "1", "x"));
+    ASSERT_TRUE(put("kept", "1", "y", 0));
+    ASSERT_TRUE(put("kept", "2", "z", 10));
+    ASSERT_TRUE(store->remove("gone", "1"));
+    env.clock += 10;
+    EXPECT_TRUE(store->cleanExpired());
+    // "gone" with its two levels, and the two levels of kept/2.
+    EXPECT_EQ(5, store->lastCleaning().directoriesRemoved);
+    QStringList left;
+    QDirIterator it(QString::fromLocal8Bit(root() + "/HTML-Cache"), QDir::Dirs | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext())
+        left << it.next().mid(int(root().size() + strlen("/HTML-Cache/")));
+    left.sort();
+    const QByteArray kept = store->recordPath("kept", "1").mid(root().size() + int(strlen("/HTML-Cache/")));
+    const QList<QByteArray> levels = kept.split('/');
+    EXPECT_EQ((QStringList{"kept", "kept/" + levels[1], "kept/" + levels[1] + "/" + levels[2]}), left);
+    EXPECT_EQ(QByteArray("y"), get("kept", "1"));
+    // Writers make their directories again.
+    ASSERT_TRUE(put("gone", "1", "again"));
+    EXPECT_EQ(QByteArray("again"), get("gone", "1"));
 }
