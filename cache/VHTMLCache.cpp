@@ -236,7 +236,12 @@ qint64 VHTMLCache::entryLastModified(const QByteArray& ns, const QByteArray& key
 
 bool VHTMLCache::removeEntry(const QByteArray& ns, const QByteArray& key)
 {
-    return storage && storage->remove(ns, key);
+    // Both copies: a gzip copy left behind would go on answering for the
+    // page when the next one is stored without one.
+    if (!storage)
+        return false;
+    const bool clearRemoved = storage->remove(ns, key);
+    return storage->remove(ns, key + ".z") && clearRemoved;
 }
 
 bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const QByteArray& url, const char* data,
@@ -347,7 +352,7 @@ QByteArray VHTMLCache::patternNamespace(const QString& pattern)
     QString text = pattern;
     text.replace(QLatin1String("("), QLatin1String("(?:"));
     text.replace(QLatin1String("(?:?"), QLatin1String("(?"));
-    return VMD5::hash(text.toLocal8Bit());
+    return VMD5::hash(text.toUtf8());
 }
 
 bool VHTMLCache::clearRule(const CacheRule& rule)
@@ -378,7 +383,7 @@ bool VHTMLCache::removeByRuleId(qint64 id)
 
 bool VHTMLCache::removeByRuleName(const char* name)
 {
-    return clearFirstRule([name](const CacheRule& rule) { return rule.name.toLocal8Bit() == name; });
+    return clearFirstRule([name](const CacheRule& rule) { return rule.name.toUtf8() == name; });
 }
 
 bool VHTMLCache::removeByUri(const QByteArray& rule, const QByteArray& uri)
@@ -387,19 +392,34 @@ bool VHTMLCache::removeByUri(const QByteArray& rule, const QByteArray& uri)
     // key is: the superglobal's base name, then the value. The subscripted
     // name "_SERVER[REQUEST_URI]" would be the key of no stored page.
     const QByteArray key = VMD5::hash("_SERVER" + uri);
-    const QString name = QString::fromLatin1(rule.constData());
+    const QString name = QString::fromUtf8(rule.constData());
     const QList<CacheRule> candidates = orderedRules;
     for (const CacheRule& candidate : candidates) {
         if (candidate.name != name)
             continue;
-        const QByteArray ns = ruleNamespace(candidate);
-        if (!storage || !storage->contains(ns, key, false))
+        if (!splitByUriAlone(candidate)) {
+            // The URI's pages lie under keys that other values make too:
+            // only all of the rule's pages surely include them.
+            VLOG(PageCacheLogStream, 3) << "Rule" << candidate.name
+                                        << "is not split by the request URI alone: removing all its pages";
+            if (!clearRule(candidate))
+                return false;
             continue;
-        if (!storage->remove(ns, key)) {
+        }
+        if (!removeEntry(ruleNamespace(candidate), key)) {
             VLOG(PageCacheLogStream, 0) << "Failed to remove cached contents for uri" << uri << "in rule"
                                         << candidate.name;
             return false;
         }
     }
     return true;
+}
+
+bool VHTMLCache::splitByUriAlone(const CacheRule& rule)
+{
+    const QList<QSharedPointer<VCondition>>& splits = rule.d->splitBlock.conditions;
+    if (splits.size() != 1)
+        return false;
+    const auto* element = dynamic_cast<const VPHPGlobalElement*>(splits.first()->global);
+    return element && element->type() == PHP_SERVER && element->key().keys == QList<QByteArray>{"REQUEST_URI"};
 }
