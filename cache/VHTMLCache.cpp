@@ -61,14 +61,21 @@ void VHTMLCache::destroyInstance()
     s_instance = nullptr;
 }
 
+// The store goes with the rules: a reload would otherwise keep the old one,
+// with its memory and any record it holds open, for the life of the worker.
+// The cleaner, a forked process, has a copy of its own.
+VHTMLCache::~VHTMLCache()
+{
+    delete storage;
+}
+
 bool VHTMLCache::load(const char* savePath, qint64 dirDepth, const char* rulesFile,
                       qint64 cleanFrequency, bool cleanerDisabled, qint64 maxCachedRules,
                       bool startCleaner)
 {
     VPHPEvaluatorsManager::instance()->createEvaluators();
     clearRuleCache();
-    // A store of an earlier load stays allocated: a cleaner forked with it
-    // may still hold it.
+    delete storage;
     storage = new VDiskStorage(VDiskStorage::VDiskStorageInit(long(dirDepth), savePath, 1, "HTML-Cache", false));
 
     // A generator replacing the file gets five seconds to put the new one in place.

@@ -71,6 +71,7 @@ public:
 
 private:
     VHTMLCache() = default;
+    ~VHTMLCache();
     bool clearRule(const CacheRule& rule);
     static bool splitByUriAlone(const CacheRule& rule);
     // Clears the namespace of the first rule in order that `matches` takes.

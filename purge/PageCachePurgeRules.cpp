@@ -9,6 +9,8 @@
 #include <QMutexLocker>
 #include <QThread>
 
+#include <algorithm>
+
 namespace {
 
 const char flushConnection[] = "PageCachePurgeRules::flushToDb";
@@ -24,6 +26,26 @@ bool isEarlier(const QDateTime& a, const QDateTime& b)
 uint unixSeconds(const QDateTime& time)
 {
     return time.isValid() ? uint(time.toSecsSinceEpoch()) : uint(-1);
+}
+
+bool sameHeaders(const QList<PurgeResponseHeader>& a, const QList<PurgeResponseHeader>& b)
+{
+    if (a.size() != b.size())
+        return false;
+    for (int i = 0; i < a.size(); ++i) {
+        if (a.at(i).name != b.at(i).name || a.at(i).op != b.at(i).op || a.at(i).value != b.at(i).value)
+            return false;
+    }
+    return true;
+}
+
+// Two rules that cover the same pages, each time set or unset in both.
+bool sameButForTimes(const PurgeRule& a, const PurgeRule& b)
+{
+    return a.id == b.id && a.name == b.name && a.applicationName == b.applicationName && a.url == b.url
+           && a.regex == b.regex && sameHeaders(a.responseHeaders, b.responseHeaders)
+           && a.creationTime.isValid() == b.creationTime.isValid()
+           && a.ruleCreationTime.isValid() == b.ruleCreationTime.isValid();
 }
 
 QByteArray sha1(const QString& text)
@@ -55,7 +77,21 @@ PageCachePurgeRules::PageCachePurgeRules(const VeskServerInfo& serverInfo,
 
 void PageCachePurgeRules::addRule(const PurgeRule& rule)
 {
-    rules[rule.applicationName].append(rule);
+    {
+        QMutexLocker lock(&mutex);
+        QList<PurgeRule>& list = rules[rule.applicationName];
+        // A rule that repeats one held already only moves its times on, to
+        // the later of the two, which is what every question asks of them:
+        // a worker that purges one page on every request stays flat.
+        auto held = std::find_if(list.begin(), list.end(),
+                                 [&rule](const PurgeRule& other) { return sameButForTimes(rule, other); });
+        if (held == list.end()) {
+            list.append(rule);
+        } else {
+            held->creationTime = qMax(held->creationTime, rule.creationTime);
+            held->ruleCreationTime = qMax(held->ruleCreationTime, rule.ruleCreationTime);
+        }
+    }
     flushToDb();
 }
 

@@ -21,7 +21,8 @@ class PageCachePurgeRules
 public:
     PageCachePurgeRules(const VeskServerInfo& serverInfo, VDebug::StreamId logStream);
 
-    // Keeps the rule and writes all rules out. Throws VException when the
+    // Keeps the rule (a repeat of one held only moves its times on) and
+    // writes all rules out. Throws VException when the
     // database refuses every attempt; the rule stays in memory all the same.
     void addRule(const PurgeRule& rule);
     // Re-reads the database and the deployed applications when their files

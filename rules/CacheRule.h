@@ -36,6 +36,8 @@ bool faithfulSplitKey(const ConditionsBlock& block, const QByteArray& url, QByte
 class CacheRuleData : public QSharedData
 {
 public:
+    // The values the conditions read: they live as long as the rule.
+    QList<QSharedPointer<VPHPGlobal>> globals;
     QList<ConditionsBlock> conditionBlocks;
     ConditionsBlock splitBlock;
     quint32 lifetime = 0;

@@ -168,7 +168,8 @@ void RulesFileReader::parseUrl()
 
 void RulesFileReader::parseCondition(const QByteArray& key, bool split)
 {
-    VPHPGlobal* global = parseGlobal(attribute(QLatin1String("global")));
+    const QSharedPointer<VPHPGlobal> owned(parseGlobal(attribute(QLatin1String("global"))));
+    VPHPGlobal* global = owned.data();
     const QString value = attribute(QLatin1String("value"));
     const QString word = split ? QStringLiteral("exists") : attribute(QLatin1String("type"));
     VCondition* condition = ConditionFactory::instance()->create(word, global, value);
@@ -176,6 +177,7 @@ void RulesFileReader::parseCondition(const QByteArray& key, bool split)
         throw VException(QStringLiteral("Failed to create condition"));
 
     CacheRuleData* data = ruleTable[key].d.data();
+    data->globals.append(owned);
     const bool session = global->type() == PHP_SESSION;
     ConditionsBlock* block = &data->splitBlock;
     if (!split) {

@@ -146,6 +146,34 @@ TEST_F(PurgeRulesTest, FlushWritesEveryRuleAgain)
               sql(database(), {QStringLiteral("SELECT count(*) FROM pagecache_purge_urls")}));
 }
 
+TEST_F(PurgeRulesTest, ARepeatedRuleIsHeldOnceWithTheLaterTimes)
+{
+    PageCachePurgeRules purge(info, log);
+    PurgeRule rule = urlRule("http://a.example/p");
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    rule.creationTime = now.addSecs(100);
+    purge.addRule(rule);
+    rule.creationTime = now.addSecs(50);
+    purge.addRule(rule);
+    // One rule written on each flush: 1 row, then 1 more.
+    EXPECT_EQ(QList<QVariantList>({{2}}),
+              sql(database(), {QStringLiteral("SELECT count(*) FROM pagecache_purge_urls")}));
+    EXPECT_TRUE(purge.isCreationTimePurged(now.addSecs(101), -1));
+    EXPECT_FALSE(purge.isCreationTimePurged(now.addSecs(99), -1));
+    for (int i = 0; i < 20; ++i)
+        purge.addRule(rule);
+    EXPECT_EQ(QList<QVariantList>({{22}}),
+              sql(database(), {QStringLiteral("SELECT count(*) FROM pagecache_purge_urls")}));
+
+    // Another URL, or no creation time where the other has one, is a rule of its own.
+    purge.addRule(urlRule("http://a.example/q"));
+    rule.creationTime = QDateTime();
+    purge.addRule(rule);
+    EXPECT_EQ(QList<QVariantList>({{22 + 2 + 3}}),
+              sql(database(), {QStringLiteral("SELECT count(*) FROM pagecache_purge_urls")}));
+    EXPECT_TRUE(purge.isUrlPurged(QStringLiteral("http://a.example/q"), -1));
+}
+
 TEST_F(PurgeRulesTest, OpenTransactionIsTheCallersToEnd)
 {
     PageCachePurgeRules purge(info, log);
