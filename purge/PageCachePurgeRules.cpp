@@ -201,6 +201,12 @@ void PageCachePurgeRules::flushToDb()
     for (auto it = rules.cbegin(); it != rules.cend(); ++it)
         flat += it.value();
 
+    // The connection goes on every way out, a failure's too: one left open
+    // keeps its transaction, which the next flush would join and never commit.
+    struct ConnectionRemover
+    {
+        ~ConnectionRemover() { QSqlDatabase::removeDatabase(QLatin1String(flushConnection)); }
+    } remover;
     {
         QSqlDatabase db = VeskDB::get(DB_PAGECACHE, QLatin1String(flushConnection), serverInfo);
         VDbConnectionPtr connection(new VDbConnection(db));
@@ -208,7 +214,7 @@ void PageCachePurgeRules::flushToDb()
         // A transaction the caller opened is the caller's to end.
         const bool inTransaction = connection->isTransactionStarted();
 
-        for (int attempts = FlushAttempts;;) {
+        for (int attempts = flushAttempts;;) {
             try {
                 if (!inTransaction)
                     connection->beginTransaction();
@@ -281,14 +287,20 @@ void PageCachePurgeRules::flushToDb()
                 break;
             } catch (const VException& e) {
                 VLOG(logStream, 0) << "Commit error:" << e.what();
-                if (--attempts == 0)
-                    throw;
+                // The last attempt too: its locks would hold off every other writer.
                 connection->rollback();
-                QThread::sleep(1);
+                if (--attempts <= 0)
+                    throw;
+                QThread::msleep(flushPauseMs);
             }
         }
     }
-    QSqlDatabase::removeDatabase(QLatin1String(flushConnection));
+}
+
+void PageCachePurgeRules::setFlushRetries(int attempts, unsigned long pauseMs)
+{
+    flushAttempts = attempts;
+    flushPauseMs = pauseMs;
 }
 
 void PageCachePurgeRules::refresh()

@@ -39,8 +39,11 @@ public:
                       const QString& applicationName);
 
     // Writes every rule held in memory, in one transaction, up to
-    // FlushAttempts times a second apart. Throws VException after the last.
+    // FlushAttempts times a second apart. Throws VException after the last;
+    // no attempt leaves its transaction open.
     void flushToDb();
+    // For tests: fewer attempts, shorter pauses.
+    void setFlushRetries(int attempts, unsigned long pauseMs);
     // Reads the tables when the database file's date has moved.
     void refresh();
 
@@ -64,4 +67,6 @@ private:
     QRecursiveMutex mutex;
     VDeploymentInfo deploymentInfo;
     VDebug::StreamId logStream;
+    int flushAttempts = FlushAttempts;
+    unsigned long flushPauseMs = 1000;
 };
