@@ -4,10 +4,10 @@
 #include "QtIOCompressor.h"
 #include "VDiskStorage.h"
 #include "VMD5.h"
-#include "ParserErrorHandler.h"
 #include "VCacheCleaner.h"
 #include "VException.h"
 #include "VPHPGlobalsEvaluator.h"
+#include "RulesFileValidator.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -20,13 +20,6 @@
 #include <strings.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <xercesc/sax2/SAX2XMLReader.hpp>
-#include <xercesc/sax2/XMLReaderFactory.hpp>
-#include <xercesc/util/PlatformUtils.hpp>
-#include <xercesc/util/XMLString.hpp>
-#include <xercesc/util/XMLUni.hpp>
-
-using namespace xercesc;
 
 namespace {
 
@@ -39,11 +32,6 @@ void cleanerSignalHandler(int)
 {
     VLOG(PageCacheLogStream, 3) << "Cache Cleaner exiting...";
     _exit(0);
-}
-
-QString fromXerces(const XMLCh* text)
-{
-    return text ? QString::fromUtf16(reinterpret_cast<const char16_t*>(text)) : QString();
 }
 
 } // namespace
@@ -144,51 +132,7 @@ void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& prod
 
 bool VHTMLCache::validateRulesFile(const char* rulesFile)
 {
-    try {
-        XMLPlatformUtils::Initialize("en_US");
-    } catch (const XMLException& e) {
-        m_lastError = QStringLiteral("Error during xerces initialization: ") + fromXerces(e.getMessage());
-        return false;
-    }
-    std::unique_ptr<SAX2XMLReader> parser(XMLReaderFactory::createXMLReader());
-    parser->setFeature(XMLUni::fgXercesSchema, true);
-    parser->setFeature(XMLUni::fgSAX2CoreNameSpaces, true);
-    parser->setFeature(XMLUni::fgXercesLoadExternalDTD, true);
-    parser->setFeature(XMLUni::fgSAX2CoreValidation, true);
-    parser->setFeature(XMLUni::fgXercesSchemaFullChecking, true);
-    parser->setFeature(XMLUni::fgXercesValidateAnnotations, true);
-
-    const QString schema = QFileInfo(QFileInfo(QString::fromLocal8Bit(rulesFile)).absoluteFilePath()).absolutePath()
-                           + QStringLiteral("/pagecache_rules_schema.xsd");
-    if (!QFile::exists(schema)) {
-        m_lastError = QStringLiteral("Dependencies file error: Unable to find the schema file at ") + schema;
-        return false;
-    }
-    const std::u16string location = schema.toStdU16String();
-    parser->setProperty(XMLUni::fgXercesSchemaExternalNoNameSpaceSchemaLocation,
-                        const_cast<char16_t*>(location.c_str()));
-    std::unique_ptr<ParserErrorHandler> handler(new ParserErrorHandler);
-    parser->setErrorHandler(handler.get());
-    DoctypeRefuser refuser;
-    parser->setContentHandler(&refuser);
-    parser->setLexicalHandler(&refuser);
-    VLOG(PageCacheLogStream, 5) << "Validating dependencies file" << rulesFile << "with schema file at" << schema;
-    try {
-        parser->parse(rulesFile);
-    } catch (const SAXParseException& e) {
-        m_lastError = QStringLiteral("Dependencies file validation error on line ") + QString::number(e.getLineNumber())
-                      + QStringLiteral(" column ") + QString::number(e.getColumnNumber())
-                      + QStringLiteral(" during Vesk Page Cache startup. ") + fromXerces(e.getMessage());
-        return false;
-    } catch (const XMLException& e) {
-        m_lastError = QStringLiteral("Dependencies file error: ") + fromXerces(e.getMessage());
-        return false;
-    } catch (...) {
-        m_lastError = QStringLiteral("Dependencies file unexpected exception");
-        return false;
-    }
-    VLOG(PageCacheLogStream, 5) << "XML validation OK";
-    return true;
+    return validateRulesFileAgainstSchema(rulesFile, m_lastError);
 }
 
 int VHTMLCache::shutdown()
