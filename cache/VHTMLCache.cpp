@@ -5,12 +5,12 @@
 #include "VDiskStorage.h"
 #include "VHeaderLines.h"
 #include "VMD5.h"
-#include "ParserErrorHandler.h"
 #include "VCacheCleaner.h"
 #include "VCleanerWatch.h"
 #include "VProcess.h"
 #include "VException.h"
 #include "VPHPGlobalsEvaluator.h"
+#include "RulesFileValidator.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -23,13 +23,6 @@
 #include <strings.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <xercesc/sax2/SAX2XMLReader.hpp>
-#include <xercesc/sax2/XMLReaderFactory.hpp>
-#include <xercesc/util/PlatformUtils.hpp>
-#include <xercesc/util/XMLString.hpp>
-#include <xercesc/util/XMLUni.hpp>
-
-using namespace xercesc;
 
 namespace {
 
@@ -48,11 +41,6 @@ void cleanerSignalHandler(int)
     _exit(0);
 }
 
-QString fromXerces(const XMLCh* text)
-{
-    return text ? QString::fromUtf16(reinterpret_cast<const char16_t*>(text)) : QString();
-}
-
 } // namespace
 
 VHTMLCache* VHTMLCache::instance()
@@ -68,14 +56,21 @@ void VHTMLCache::destroyInstance()
     s_instance = nullptr;
 }
 
+// The store goes with the rules: a reload would otherwise keep the old one,
+// with its memory and any record it holds open, for the life of the worker.
+// The cleaner, a forked process, has a copy of its own.
+VHTMLCache::~VHTMLCache()
+{
+    delete storage;
+}
+
 bool VHTMLCache::load(const char* savePath, qint64 dirDepth, const char* rulesFile,
                       qint64 cleanFrequency, bool cleanerDisabled, qint64 maxCachedRules,
                       bool startCleaner)
 {
     VPHPEvaluatorsManager::instance()->createEvaluators();
     clearRuleCache();
-    // A store of an earlier load stays allocated: a cleaner forked with it
-    // may still hold it.
+    delete storage;
     storage = new VDiskStorage(VDiskStorage::VDiskStorageInit(long(dirDepth), savePath, 1, "HTML-Cache", false));
 
     // A generator replacing the file gets five seconds to put the new one in place.
@@ -171,51 +166,7 @@ void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& prod
 
 bool VHTMLCache::validateRulesFile(const char* rulesFile)
 {
-    try {
-        XMLPlatformUtils::Initialize("en_US");
-    } catch (const XMLException& e) {
-        m_lastError = QStringLiteral("Error during xerces initialization: ") + fromXerces(e.getMessage());
-        return false;
-    }
-    std::unique_ptr<SAX2XMLReader> parser(XMLReaderFactory::createXMLReader());
-    parser->setFeature(XMLUni::fgXercesSchema, true);
-    parser->setFeature(XMLUni::fgSAX2CoreNameSpaces, true);
-    parser->setFeature(XMLUni::fgXercesLoadExternalDTD, true);
-    parser->setFeature(XMLUni::fgSAX2CoreValidation, true);
-    parser->setFeature(XMLUni::fgXercesSchemaFullChecking, true);
-    parser->setFeature(XMLUni::fgXercesValidateAnnotations, true);
-
-    const QString schema = QFileInfo(QFileInfo(QString::fromLocal8Bit(rulesFile)).absoluteFilePath()).absolutePath()
-                           + QStringLiteral("/pagecache_rules_schema.xsd");
-    if (!QFile::exists(schema)) {
-        m_lastError = QStringLiteral("Dependencies file error: Unable to find the schema file at ") + schema;
-        return false;
-    }
-    const std::u16string location = schema.toStdU16String();
-    parser->setProperty(XMLUni::fgXercesSchemaExternalNoNameSpaceSchemaLocation,
-                        const_cast<char16_t*>(location.c_str()));
-    std::unique_ptr<ParserErrorHandler> handler(new ParserErrorHandler);
-    parser->setErrorHandler(handler.get());
-    DoctypeRefuser refuser;
-    parser->setContentHandler(&refuser);
-    parser->setLexicalHandler(&refuser);
-    VLOG(PageCacheLogStream, 5) << "Validating dependencies file" << rulesFile << "with schema file at" << schema;
-    try {
-        parser->parse(rulesFile);
-    } catch (const SAXParseException& e) {
-        m_lastError = QStringLiteral("Dependencies file validation error on line ") + QString::number(e.getLineNumber())
-                      + QStringLiteral(" column ") + QString::number(e.getColumnNumber())
-                      + QStringLiteral(" during Vesk Page Cache startup. ") + fromXerces(e.getMessage());
-        return false;
-    } catch (const XMLException& e) {
-        m_lastError = QStringLiteral("Dependencies file error: ") + fromXerces(e.getMessage());
-        return false;
-    } catch (...) {
-        m_lastError = QStringLiteral("Dependencies file unexpected exception");
-        return false;
-    }
-    VLOG(PageCacheLogStream, 5) << "XML validation OK";
-    return true;
+    return validateRulesFileAgainstSchema(rulesFile, m_lastError);
 }
 
 namespace {
@@ -309,7 +260,12 @@ qint64 VHTMLCache::entryLastModified(const QByteArray& ns, const QByteArray& key
 
 bool VHTMLCache::removeEntry(const QByteArray& ns, const QByteArray& key)
 {
-    return storage && storage->remove(ns, key);
+    // Both copies: a gzip copy left behind would go on answering for the
+    // page when the next one is stored without one.
+    if (!storage)
+        return false;
+    const bool clearRemoved = storage->remove(ns, key);
+    return storage->remove(ns, key + ".z") && clearRemoved;
 }
 
 bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const QByteArray& url, const char* data,
@@ -425,7 +381,7 @@ QByteArray VHTMLCache::patternNamespace(const QString& pattern)
     QString text = pattern;
     text.replace(QLatin1String("("), QLatin1String("(?:"));
     text.replace(QLatin1String("(?:?"), QLatin1String("(?"));
-    return VMD5::hash(text.toLocal8Bit());
+    return VMD5::hash(text.toUtf8());
 }
 
 bool VHTMLCache::clearRule(const CacheRule& rule)
@@ -456,7 +412,7 @@ bool VHTMLCache::removeByRuleId(qint64 id)
 
 bool VHTMLCache::removeByRuleName(const char* name)
 {
-    return clearFirstRule([name](const CacheRule& rule) { return rule.name.toLocal8Bit() == name; });
+    return clearFirstRule([name](const CacheRule& rule) { return rule.name.toUtf8() == name; });
 }
 
 bool VHTMLCache::removeByUri(const QByteArray& rule, const QByteArray& uri)
@@ -465,19 +421,34 @@ bool VHTMLCache::removeByUri(const QByteArray& rule, const QByteArray& uri)
     // key is: the superglobal's base name, then the value. The subscripted
     // name "_SERVER[REQUEST_URI]" would be the key of no stored page.
     const QByteArray key = VMD5::hash("_SERVER" + uri);
-    const QString name = QString::fromLatin1(rule.constData());
+    const QString name = QString::fromUtf8(rule.constData());
     const QList<CacheRule> candidates = orderedRules;
     for (const CacheRule& candidate : candidates) {
         if (candidate.name != name)
             continue;
-        const QByteArray ns = ruleNamespace(candidate);
-        if (!storage || !storage->contains(ns, key, false))
+        if (!splitByUriAlone(candidate)) {
+            // The URI's pages lie under keys that other values make too:
+            // only all of the rule's pages surely include them.
+            VLOG(PageCacheLogStream, 3) << "Rule" << candidate.name
+                                        << "is not split by the request URI alone: removing all its pages";
+            if (!clearRule(candidate))
+                return false;
             continue;
-        if (!storage->remove(ns, key)) {
+        }
+        if (!removeEntry(ruleNamespace(candidate), key)) {
             VLOG(PageCacheLogStream, 0) << "Failed to remove cached contents for uri" << uri << "in rule"
                                         << candidate.name;
             return false;
         }
     }
     return true;
+}
+
+bool VHTMLCache::splitByUriAlone(const CacheRule& rule)
+{
+    const QList<QSharedPointer<VCondition>>& splits = rule.d->splitBlock.conditions;
+    if (splits.size() != 1)
+        return false;
+    const auto* element = dynamic_cast<const VPHPGlobalElement*>(splits.first()->global);
+    return element && element->type() == PHP_SERVER && element->key().keys == QList<QByteArray>{"REQUEST_URI"};
 }

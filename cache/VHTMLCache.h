@@ -49,6 +49,7 @@ public:
     bool entryExists(const QByteArray& ns, const QByteArray& key, bool unused);
     // When the entry expires, in seconds since 1970; 0 when unknown.
     qint64 entryLastModified(const QByteArray& ns, const QByteArray& key);
+    // Removes both copies of a page, the clear one and the gzip one.
     bool removeEntry(const QByteArray& ns, const QByteArray& key);
     // Stores a page: a gzip copy when `compress` (or when the body is gzip
     // already), and the clear copy.
@@ -65,6 +66,8 @@ public:
     bool clearNamespace(const QByteArray& ns);
     bool removeByRuleId(qint64 id);
     bool removeByRuleName(const char* name);
+    // Names are UTF-8. A rule split by anything but the request URI alone
+    // loses all its pages, since the URI's own can't be told from the rest.
     bool removeByUri(const QByteArray& rule, const QByteArray& uri);
     // The namespace of the rules whose URL pattern was written as `pattern`.
     static QByteArray patternNamespace(const QString& pattern);
@@ -74,7 +77,9 @@ public:
 
 private:
     VHTMLCache() = default;
+    ~VHTMLCache();
     bool clearRule(const CacheRule& rule);
+    static bool splitByUriAlone(const CacheRule& rule);
     // Clears the namespace of the first rule in order that `matches` takes.
     bool clearFirstRule(const std::function<bool(const CacheRule&)>& matches);
 

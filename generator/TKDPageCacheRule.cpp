@@ -1,5 +1,6 @@
 #include "TKDPageCacheRule.h"
 
+#include "RulesFileValidator.h"
 #include "TkdSchema.h"
 #include "VException.h"
 #include "VeskDB.h"
@@ -13,6 +14,9 @@
 #include <QXmlStreamWriter>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <unistd.h>
 
 namespace {
@@ -139,20 +143,28 @@ QList<ResponseRule> loadResponseRules(const QSqlDatabase& db, VDebug::StreamId l
     return rules.values();
 }
 
-// Values go in as they are, without escaping.
+// Written by an XML writer: whatever the tables hold stays a value.
 QString responseRuleToXml(const ResponseRule& rule)
 {
-    QString xml = QStringLiteral("<response_rule app_id=\"%1\" response_codes=\"%2\">")
-                      .arg(rule.appId)
-                      .arg(rule.responseCodes);
+    QString xml;
+    QXmlStreamWriter writer(&xml);
+    writer.writeStartElement(QStringLiteral("response_rule"));
+    writer.writeAttribute(QStringLiteral("app_id"), QString::number(rule.appId));
+    writer.writeAttribute(QStringLiteral("response_codes"), rule.responseCodes);
+    // Closes the start tag, so that a rule without headers has an end tag.
+    writer.writeCharacters(QString());
     if (!rule.headerChecks.isEmpty()) {
-        xml += QLatin1String("<response_headers>");
-        for (const QSharedPointer<ResponseHeaderCheck>& check : rule.headerChecks)
-            xml += QStringLiteral("<header name=\"%1\" match_type=\"%2\" value=\"%3\" />")
-                       .arg(QString::fromUtf8(check->name), check->matchType, check->value);
-        xml += QLatin1String("</response_headers>");
+        writer.writeStartElement(QStringLiteral("response_headers"));
+        for (const QSharedPointer<ResponseHeaderCheck>& check : rule.headerChecks) {
+            writer.writeEmptyElement(QStringLiteral("header"));
+            writer.writeAttribute(QStringLiteral("name"), QString::fromUtf8(check->name));
+            writer.writeAttribute(QStringLiteral("match_type"), check->matchType);
+            writer.writeAttribute(QStringLiteral("value"), check->value);
+        }
+        writer.writeEndElement();
     }
-    return xml + QLatin1String("</response_rule>");
+    writer.writeEndElement();
+    return xml;
 }
 
 QString buildRulesDocument(const QSqlDatabase& db, const QString& productDir, VDebug::StreamId logStream)
@@ -186,21 +198,29 @@ QString writeRulesFile(const QSqlDatabase& db, const QString& productDir, VDebug
         VLOG(logStream, 0) << "Unable to open" << file.fileName() << "." << file.errorString();
         return QString();
     }
-    // An empty document, from a failed read, replaces the rules all the same.
     const QString document = buildRulesDocument(db, productDir, logStream);
     VLOG(logStream, 3) << "New page cache rules file:";
     VLOG(logStream, 3) << document;
     file.write(document.toUtf8());
-    file.flush();
+    file.close();
 
-    const QString target = productDir + QLatin1String("/etc/pagecache_rules.xml");
+    // Only a file that the workers will accept takes the place of the one
+    // they run on; one that isn't, an empty one from a failed read included,
+    // stays beside it for a look.
+    QString error;
+    if (!validateRulesFileAgainstSchema(QFile::encodeName(file.fileName()).constData(), error)) {
+        VLOG(logStream, 0) << "New page cache rules file" << file.fileName()
+                           << "is not valid, the rules in force stay:" << error;
+        return QString();
+    }
+    // Renamed over the old file in one step: a worker never finds none.
+    const QByteArray target = QFile::encodeName(productDir + QLatin1String("/etc/pagecache_rules.xml"));
     for (int attempt = 0; attempt < RenameAttempts; ++attempt) {
-        QFile::remove(target);
-        if (file.rename(target))
+        if (::rename(QFile::encodeName(file.fileName()).constData(), target.constData()) == 0)
             return document;
         sleep(1);
     }
-    throw VException(QStringLiteral("Cannot write new page cache rules file. %1").arg(file.errorString()));
+    throw VException(QStringLiteral("Cannot write new page cache rules file. %1").arg(QString::fromLocal8Bit(strerror(errno))));
 }
 
 void createTables(const QSqlDatabase& db)

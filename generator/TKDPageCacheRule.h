@@ -16,8 +16,10 @@ class QTextStream;
 namespace TKDPageCacheRule {
 
 // Writes <productDir>/etc/pagecache_rules.xml by way of a ".new" file and
-// answers the document; empty when the file can't be opened. Throws
-// VException when the new file can't be put in place.
+// answers the document; empty when the file can't be opened, or when the new
+// file fails validation against the schema beside it: then it stays as the
+// ".new" file and the current one is untouched. Throws VException when the
+// new file can't be put in place.
 QString writeRulesFile(const QSqlDatabase& db, const QString& productDir, VDebug::StreamId logStream);
 // The whole document, pretty-printed; empty after a database failure.
 QString buildRulesDocument(const QSqlDatabase& db, const QString& productDir, VDebug::StreamId logStream);

@@ -9,6 +9,8 @@
 #include <QMutexLocker>
 #include <QThread>
 
+#include <algorithm>
+
 namespace {
 
 const char flushConnection[] = "PageCachePurgeRules::flushToDb";
@@ -24,6 +26,26 @@ bool isEarlier(const QDateTime& a, const QDateTime& b)
 uint unixSeconds(const QDateTime& time)
 {
     return time.isValid() ? uint(time.toSecsSinceEpoch()) : uint(-1);
+}
+
+bool sameHeaders(const QList<PurgeResponseHeader>& a, const QList<PurgeResponseHeader>& b)
+{
+    if (a.size() != b.size())
+        return false;
+    for (int i = 0; i < a.size(); ++i) {
+        if (a.at(i).name != b.at(i).name || a.at(i).op != b.at(i).op || a.at(i).value != b.at(i).value)
+            return false;
+    }
+    return true;
+}
+
+// Two rules that cover the same pages, each time set or unset in both.
+bool sameButForTimes(const PurgeRule& a, const PurgeRule& b)
+{
+    return a.id == b.id && a.name == b.name && a.applicationName == b.applicationName && a.url == b.url
+           && a.regex == b.regex && sameHeaders(a.responseHeaders, b.responseHeaders)
+           && a.creationTime.isValid() == b.creationTime.isValid()
+           && a.ruleCreationTime.isValid() == b.ruleCreationTime.isValid();
 }
 
 QByteArray sha1(const QString& text)
@@ -55,7 +77,21 @@ PageCachePurgeRules::PageCachePurgeRules(const VeskServerInfo& serverInfo,
 
 void PageCachePurgeRules::addRule(const PurgeRule& rule)
 {
-    rules[rule.applicationName].append(rule);
+    {
+        QMutexLocker lock(&mutex);
+        QList<PurgeRule>& list = rules[rule.applicationName];
+        // A rule that repeats one held already only moves its times on, to
+        // the later of the two, which is what every question asks of them:
+        // a worker that purges one page on every request stays flat.
+        auto held = std::find_if(list.begin(), list.end(),
+                                 [&rule](const PurgeRule& other) { return sameButForTimes(rule, other); });
+        if (held == list.end()) {
+            list.append(rule);
+        } else {
+            held->creationTime = qMax(held->creationTime, rule.creationTime);
+            held->ruleCreationTime = qMax(held->ruleCreationTime, rule.ruleCreationTime);
+        }
+    }
     flushToDb();
 }
 
@@ -165,6 +201,12 @@ void PageCachePurgeRules::flushToDb()
     for (auto it = rules.cbegin(); it != rules.cend(); ++it)
         flat += it.value();
 
+    // The connection goes on every way out, a failure's too: one left open
+    // keeps its transaction, which the next flush would join and never commit.
+    struct ConnectionRemover
+    {
+        ~ConnectionRemover() { QSqlDatabase::removeDatabase(QLatin1String(flushConnection)); }
+    } remover;
     {
         QSqlDatabase db = VeskDB::get(DB_PAGECACHE, QLatin1String(flushConnection), serverInfo);
         VDbConnectionPtr connection(new VDbConnection(db));
@@ -172,7 +214,7 @@ void PageCachePurgeRules::flushToDb()
         // A transaction the caller opened is the caller's to end.
         const bool inTransaction = connection->isTransactionStarted();
 
-        for (int attempts = FlushAttempts;;) {
+        for (int attempts = flushAttempts;;) {
             try {
                 if (!inTransaction)
                     connection->beginTransaction();
@@ -245,14 +287,20 @@ void PageCachePurgeRules::flushToDb()
                 break;
             } catch (const VException& e) {
                 VLOG(logStream, 0) << "Commit error:" << e.what();
-                if (--attempts == 0)
-                    throw;
+                // The last attempt too: its locks would hold off every other writer.
                 connection->rollback();
-                QThread::sleep(1);
+                if (--attempts <= 0)
+                    throw;
+                QThread::msleep(flushPauseMs);
             }
         }
     }
-    QSqlDatabase::removeDatabase(QLatin1String(flushConnection));
+}
+
+void PageCachePurgeRules::setFlushRetries(int attempts, unsigned long pauseMs)
+{
+    flushAttempts = attempts;
+    flushPauseMs = pauseMs;
 }
 
 void PageCachePurgeRules::refresh()

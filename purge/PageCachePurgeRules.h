@@ -21,7 +21,8 @@ class PageCachePurgeRules
 public:
     PageCachePurgeRules(const VeskServerInfo& serverInfo, VDebug::StreamId logStream);
 
-    // Keeps the rule and writes all rules out. Throws VException when the
+    // Keeps the rule (a repeat of one held only moves its times on) and
+    // writes all rules out. Throws VException when the
     // database refuses every attempt; the rule stays in memory all the same.
     void addRule(const PurgeRule& rule);
     // Re-reads the database and the deployed applications when their files
@@ -38,8 +39,11 @@ public:
                       const QString& applicationName);
 
     // Writes every rule held in memory, in one transaction, up to
-    // FlushAttempts times a second apart. Throws VException after the last.
+    // FlushAttempts times a second apart. Throws VException after the last;
+    // no attempt leaves its transaction open.
     void flushToDb();
+    // For tests: fewer attempts, shorter pauses.
+    void setFlushRetries(int attempts, unsigned long pauseMs);
     // Reads the tables when the database file's date has moved.
     void refresh();
 
@@ -63,4 +67,6 @@ private:
     QRecursiveMutex mutex;
     VDeploymentInfo deploymentInfo;
     VDebug::StreamId logStream;
+    int flushAttempts = FlushAttempts;
+    unsigned long flushPauseMs = 1000;
 };

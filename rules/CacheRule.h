@@ -23,12 +23,21 @@ public:
 };
 
 // The variant key of a page: each split condition's superglobal name
-// followed by its value up to the first NUL, with no separator.
+// followed by its value. Values are joined as they are, so keys stored so
+// far stay valid, except a value that holds a NUL byte or in which the next
+// name could be taken to begin: that one is written as a NUL byte, its
+// length, ":" and the value. No two tuples of values give the same key.
 QByteArray splitKey(const ConditionsBlock& block);
+// The same for a request, false when a split value or `url` holds a NUL
+// byte: conditions and matching read text only up to it, so such a request
+// is neither served from the store nor stored. Says why at level 3.
+bool faithfulSplitKey(const ConditionsBlock& block, const QByteArray& url, QByteArray& key);
 
 class CacheRuleData : public QSharedData
 {
 public:
+    // The values the conditions read: they live as long as the rule.
+    QList<QSharedPointer<VPHPGlobal>> globals;
     QList<ConditionsBlock> conditionBlocks;
     ConditionsBlock splitBlock;
     quint32 lifetime = 0;

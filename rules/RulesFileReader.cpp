@@ -87,13 +87,15 @@ void RulesFileReader::parseUrl()
     host.replace(QLatin1String("&gt;"), QLatin1String(">"));
     rewriteGroups(path);
 
+    // In UTF-8 whatever the locale: removal by pattern must find the
+    // namespace that a script names in UTF-8.
     VUrl url;
-    url.setSchema(schema.toLocal8Bit());
-    url.setHost(host.toLocal8Bit());
-    url.setPath(path.toLocal8Bit());
+    url.setSchema(schema.toUtf8());
+    url.setHost(host.toUtf8());
+    url.setPath(path.toUtf8());
     const QByteArray key = url.toString();
     if (ruleTable.contains(key))
-        throw VException(QStringLiteral("Rule already exists for URL: %1").arg(QString::fromLocal8Bit(key)));
+        throw VException(QStringLiteral("Rule already exists for URL: %1").arg(QString::fromUtf8(key)));
 
     CacheRule rule;
     rule.d->initialised = true;
@@ -166,7 +168,8 @@ void RulesFileReader::parseUrl()
 
 void RulesFileReader::parseCondition(const QByteArray& key, bool split)
 {
-    VPHPGlobal* global = parseGlobal(attribute(QLatin1String("global")));
+    const QSharedPointer<VPHPGlobal> owned(parseGlobal(attribute(QLatin1String("global"))));
+    VPHPGlobal* global = owned.data();
     const QString value = attribute(QLatin1String("value"));
     const QString word = split ? QStringLiteral("exists") : attribute(QLatin1String("type"));
     VCondition* condition = ConditionFactory::instance()->create(word, global, value);
@@ -174,6 +177,7 @@ void RulesFileReader::parseCondition(const QByteArray& key, bool split)
         throw VException(QStringLiteral("Failed to create condition"));
 
     CacheRuleData* data = ruleTable[key].d.data();
+    data->globals.append(owned);
     const bool session = global->type() == PHP_SESSION;
     ConditionsBlock* block = &data->splitBlock;
     if (!split) {

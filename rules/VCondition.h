@@ -14,7 +14,7 @@ public:
     virtual ~VCondition();
     virtual bool match() = 0;
 
-    VPHPGlobal* global; // not owned: it stays for the life of the process
+    VPHPGlobal* global; // not owned: the rule's data keeps it
 };
 
 class VConditionExists : public VCondition

@@ -88,7 +88,11 @@ VPHPEvaluatorsManager::~VPHPEvaluatorsManager()
 
 bool VPHPEvaluatorsManager::addEvaluator(int type, VPHPGlobalsEvaluator* evaluator)
 {
+    // Each load makes new ones; nothing keeps a pointer to an evaluator.
+    VPHPGlobalsEvaluator* replaced = evaluators.value(type);
     evaluators.insert(type, evaluator);
+    if (replaced != evaluator)
+        delete replaced;
     return true;
 }
 

@@ -81,7 +81,7 @@ public:
     static void destroyInstance();
     virtual ~VPHPEvaluatorsManager();
 
-    // Replaces the evaluator of `type`; the one it replaces stays allocated.
+    // Replaces the evaluator of `type`, deleting the one it replaces.
     bool addEvaluator(int type, VPHPGlobalsEvaluator* evaluator);
     // Registers a fresh evaluator for each of the five types, 0 to 4.
     void createEvaluators();

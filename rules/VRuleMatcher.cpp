@@ -25,6 +25,45 @@ void VRuleMatcher::takeOverTables()
     for (const CacheRule& rule : orderedRules)
         VLOG(PageCacheLogStream, 3) << QStringLiteral("        ") + rule.name;
     blacklistInForce = blacklist;
+    warnAboutSharedPages();
+}
+
+namespace {
+
+bool splitsBy(const CacheRule& rule, const char* serverVariable)
+{
+    for (const QSharedPointer<VCondition>& condition : rule.d->splitBlock.conditions) {
+        const auto* element = dynamic_cast<const VPHPGlobalElement*>(condition->global);
+        if (element && element->type() == PHP_SERVER && element->key().keys == QList<QByteArray>{serverVariable})
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+void VRuleMatcher::warnAboutSharedPages() const
+{
+    const VDebug::StreamId log = PageCacheLogStream;
+    // The two entries of an "https?" exact rule share their data: one warning.
+    QSet<const CacheRuleData*> seen;
+    for (const CacheRule& rule : orderedRules) {
+        if (!rule.d->initialised || !rule.d->enable || seen.contains(rule.d.constData()))
+            continue;
+        seen.insert(rule.d.constData());
+        // A pattern's host need only begin the request's host, and the
+        // scheme plays no part in matching at all.
+        const bool pattern = !rule.regex.pattern().isEmpty();
+        if ((pattern || rule.url.host().contains("<default-server>")) && !splitsBy(rule, "HTTP_HOST"))
+            VLOG(log, 1) << "Rule" << rule.name << "(" << rule.url.toString() << ")"
+                         << "shares its pages across hosts: add a split by _SERVER[HTTP_HOST]";
+        if (!splitsBy(rule, "HTTPS") && !splitsBy(rule, "REQUEST_SCHEME"))
+            VLOG(log, 1) << "Rule" << rule.name << "(" << rule.url.toString() << ")"
+                         << "shares its pages across http and https: add a split by _SERVER[HTTPS]";
+        if (pattern && !splitsBy(rule, "REQUEST_URI"))
+            VLOG(log, 1) << "Rule" << rule.name << "(" << rule.url.toString() << ")"
+                         << "shares its pages across paths: add a split by _SERVER[REQUEST_URI]";
+    }
 }
 
 void VRuleMatcher::clearRuleCache()

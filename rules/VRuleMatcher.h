@@ -43,6 +43,9 @@ protected:
 
 private:
     CacheRule* remember(const QByteArray& url, const CacheRule& rule);
+    // Names at level 1 each rule whose pages would be served across hosts,
+    // schemes or paths, with the split that would keep them apart.
+    void warnAboutSharedPages() const;
     // The table's own rule, or an empty one: asked on every hit, so not copied.
     const ResponseRule& responseRule(int appId) const;
 

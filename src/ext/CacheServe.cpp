@@ -289,7 +289,9 @@ bool serveOrCapture(const QString& ruleName, qint64 ruleId)
     if (pulse)
         pulse->addPossible(ruleId, ruleName);
     r.buffering = false;
-    const QByteArray split = splitKey(r.rule->d->splitBlock);
+    QByteArray split;
+    if (!faithfulSplitKey(r.rule->d->splitBlock, r.requestUrl, split))
+        return false;
     VLOG(log, 5) << "Split by key is" << split;
     r.matchKey = VMD5::hash(split);
     CacheEntry conditionalEntry;

@@ -151,12 +151,12 @@ bool pageCacheRemoveCachedContents(VeskCall* call)
     VLOG(log, 5) << "Removing cached contents for" << url;
     // Callers pass the rule's pattern with ordinary groups; rules keep them
     // non-capturing.
-    if (!VHTMLCache::instance()->clearNamespace(VHTMLCache::patternNamespace(QString::fromLocal8Bit(url)))) {
+    if (!VHTMLCache::instance()->clearNamespace(VHTMLCache::patternNamespace(QString::fromUtf8(url)))) {
         VLOG(log, 0) << "Failed to remove cached contents for" << url;
         return false;
     }
     queueTask(clusterFlag(args, 1), tkd::PAGECACHE_REMOVE_CACHED_CONTENTS,
-              QStringLiteral("[\"page_cache_remove_cached_contents\",\"%1\"]").arg(QString::fromLocal8Bit(url)),
+              QStringLiteral("[\"page_cache_remove_cached_contents\",\"%1\"]").arg(QString::fromUtf8(url)),
               "page_cache_remove_cached_contents: failed to add TKD task.");
     return true;
 }
@@ -180,7 +180,7 @@ bool pageCacheRemoveCachedContentsByUri(VeskCall* call)
     // This function has always reported with the remove-all function's words.
     queueTask(clusterFlag(args, 2), tkd::PAGECACHE_REMOVE_BY_URI,
               QStringLiteral("[\"page_cache_remove_cached_contents_by_uri\",\"%1\",\"%2\"]")
-                  .arg(QString::fromLocal8Bit(rule), QString::fromLocal8Bit(uri)),
+                  .arg(QString::fromUtf8(rule), QString::fromUtf8(uri)),
               "page_cache_remove_all_cached_contents: failed to add TKD task.");
     return true;
 }
@@ -199,7 +199,7 @@ bool pageCacheRemoveCachedContentsByRule(VeskCall* call)
         return false;
     queueTask(clusterFlag(args, 1), tkd::PAGECACHE_REMOVE_BY_RULE,
               QStringLiteral("[\"page_cache_remove_cached_contents_by_rule\",\"%1\"]")
-                  .arg(QString::fromLocal8Bit(rule)),
+                  .arg(QString::fromUtf8(rule)),
               "page_cache_remove_cached_contents_by_rule: failed to add TKD task.");
     return true;
 }

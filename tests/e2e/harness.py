@@ -317,7 +317,7 @@ def make_shared(workspace, *names):
 
 
 class FpmBehindNginx:
-    """php-fpm with two static workers behind nginx, both from Debian's packages."""
+    """php-fpm with static workers (two unless told) behind nginx, both from Debian's packages."""
 
     FPM = shutil.which("php-fpm8.2") or "/usr/sbin/php-fpm8.2"
     NGINX = shutil.which("nginx") or "/usr/sbin/nginx"
@@ -326,7 +326,7 @@ class FpmBehindNginx:
     def available(cls):
         return os.access(cls.FPM, os.X_OK) and os.access(cls.NGINX, os.X_OK)
 
-    def __init__(self, workspace, docroot, directives, daemonize=False, bare=False):
+    def __init__(self, workspace, docroot, directives, daemonize=False, bare=False, workers=2):
         """With `daemonize`, php-fpm forks its master and the first process
         exits; `master` is the pid of the process that serves either way."""
         self.port = free_port()
@@ -334,10 +334,10 @@ class FpmBehindNginx:
         self.daemonize = daemonize
         with open(workspace.path("fpm.conf"), "w") as f:
             f.write("[global]\npid = %s\nerror_log = %s\ndaemonize = %s\n\n[www]\n"
-                    "listen = %s\nlisten.mode = 0666\npm = static\npm.max_children = 2\n"
+                    "listen = %s\nlisten.mode = 0666\npm = static\npm.max_children = %d\n"
                     "clear_env = no\ncatch_workers_output = yes\n"
                     % (workspace.path("fpm.pid"), workspace.path("fpm.log"), "yes" if daemonize else "no",
-                       socket_path))
+                       socket_path, workers))
             if os.geteuid() == 0:
                 f.write("user = root\ngroup = root\n")
         command = ([self.FPM] + engine_settings("fpm", bare)[0]
@@ -404,6 +404,17 @@ http {
         except RuntimeError:
             self.stop()
             raise
+
+    def worker_pids(self):
+        """The pool's workers: the master's children but the cache cleaner."""
+        with open("/proc/%d/task/%d/children" % (self.fpm.pid, self.fpm.pid)) as f:
+            children = [int(pid) for pid in f.read().split()]
+        pids = []
+        for pid in children:
+            with open("/proc/%d/cmdline" % pid, "rb") as f:
+                if b"pool" in f.read():
+                    pids.append(pid)
+        return pids
 
     def stop(self):
         if hasattr(self, "nginx"):

@@ -13,6 +13,10 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 GENERATOR = os.path.join(os.path.dirname(harness.EXTENSION), "pagecache-rules-generate")
 
 
+PAGES = ('<url schema="http" host="&amp;lt;default-server&amp;gt;" path="page\\.php" lifetime="300" '
+         'match_type="regex_match" priority="1"><name>Pages</name></url>')
+
+
 class Generator(unittest.TestCase):
     def setUp(self):
         self.workspace = harness.Workspace()
@@ -66,6 +70,40 @@ class Generator(unittest.TestCase):
         log = self.workspace.log()
         self.assertIn("Reloading rules File..", log)
         self.assertNotIn("ERROR]", log)
+
+    def test_a_file_that_fails_validation_leaves_the_running_site_alone(self):
+        self.assertEqual(0, self.generate("--init").returncode)
+        with sqlite3.connect(self.database) as db:
+            db.execute("INSERT INTO TKD_PAGECACHE_RULES VALUES (9, -1, 'Pages', ?)", (PAGES,))
+        self.assertEqual(0, self.generate().returncode)
+        rules = os.path.join(self.etc, "pagecache_rules.xml")
+        with open(rules, "rb") as f:
+            in_force = f.read()
+
+        directives = self.workspace.directives(vesk__conf_dir=self.etc, vesk_pagecache__log_verbosity_level="3")
+        server = harness.BuiltinServer(self.workspace, self.site, directives)
+        self.addCleanup(server.stop)
+        for _ in range(2):
+            server.get("/page.php")
+        self.assertEqual(1, self.runs())
+
+        with sqlite3.connect(self.database) as db:
+            db.execute("UPDATE TKD_PAGECACHE_RULES SET META_XML = replace(META_XML, 'regex_match', 'glob')")
+            db.execute("INSERT INTO TKD_PAGECACHE_RESPONSE_HEADERS VALUES (NULL, -1, 'X-A', 'equals', '\"&<', 0)")
+        # A date the server could tell from the first file's, were the file replaced.
+        time.sleep(1.1)
+        result = self.generate()
+        self.assertEqual(1, result.returncode)
+        self.assertIn(b"is not valid, the rules in force stay:", result.stderr)
+        with open(rules, "rb") as f:
+            self.assertEqual(in_force, f.read())
+        with open(rules + ".new") as f:
+            self.assertIn("glob", f.read())
+
+        for _ in range(3):
+            server.get("/page.php")
+        self.assertEqual(1, self.runs())
+        self.assertNotIn("ERROR]", self.workspace.log())
 
     def test_without_a_database_nothing_is_written(self):
         result = self.generate()

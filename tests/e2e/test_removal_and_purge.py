@@ -1,5 +1,6 @@
 """Removal functions and purge rules, seen from the client: after each the
 stored page is no longer served."""
+import gzip
 import json
 import os
 import sqlite3
@@ -95,6 +96,55 @@ class Removal(unittest.TestCase):
         # The rule is in the page cache's database as well.
         with sqlite3.connect(self.site.workspace.path("var", "db", "pagecache.db")) as db:
             self.assertEqual([(0, url)], db.execute("SELECT rule_id, url FROM pagecache_purge_urls").fetchall())
+
+
+GZIP_RULES = """<?xml version="1.0" encoding="UTF-8"?>
+<cache_settings><dont_cache/><cache>
+  <url schema="http" host="&lt;default-server&gt;" path="(sized)\\.php" lifetime="300"
+       match_type="regex_match" id="8">
+    <name>Pagès</name>
+    <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by>
+  </url>
+</cache></cache_settings>
+"""
+
+
+class RemovalOfBothCopies(unittest.TestCase):
+    """Each removal drops the gzip copy too, and takes rule names in UTF-8
+    whatever the worker's locale."""
+
+    def setUp(self):
+        locale = os.environ.get("LC_ALL")
+        os.environ["LC_ALL"] = "C"
+        self.addCleanup(lambda: os.environ.pop("LC_ALL") if locale is None else os.environ.update(LC_ALL=locale))
+        self.workspace, self.root = harness.Workspace.with_site(self, GZIP_RULES)
+        self.server = harness.BuiltinServer(self.workspace, self.root, self.workspace.directives())
+        self.addCleanup(self.server.stop)
+
+    def sized(self, size):
+        with open(os.path.join(self.root, "size.txt"), "w") as f:
+            f.write(str(size))
+        status, headers, body = self.server.get("/sized.php", {"Accept-Encoding": "gzip"})
+        self.assertEqual(200, status)
+        return gzip.decompress(body) if headers.get("Content-Encoding") == "gzip" else body
+
+    def test_a_gzip_client_gets_the_page_stored_after_the_removal(self):
+        removals = [
+            ("page_cache_remove_cached_contents_by_uri", "Pagès", "/sized.php"),
+            ("page_cache_remove_cached_contents_by_rule", "Pagès"),
+            ("page_cache_remove_cached_contents", "http://<default-server>/(sized)\\.php"),
+            ("page_cache_remove_cached_contents_by_rules_ids", [8]),
+            ("page_cache_remove_all_cached_contents",),
+        ]
+        for removal in removals:
+            with self.subTest(removal[0]):
+                old = self.sized(2000)
+                self.assertEqual(old, self.sized(2000))
+                query = urllib.parse.urlencode({"fn": removal[0], "args": json.dumps(list(removal[1:]))})
+                self.assertEqual(b"true", self.server.get("/call.php?" + query)[2])
+                new = self.sized(100)
+                self.assertEqual(100, len(new))
+                self.assertEqual(new, self.sized(100))
 
 
 class ApplicationPurge(unittest.TestCase):

@@ -10,6 +10,7 @@
 #include <QBuffer>
 #include <QDataStream>
 #include <QLocale>
+#include <QTextCodec>
 #include <QtEndian>
 
 namespace {
@@ -31,15 +32,28 @@ protected:
         QFile file(rules);
         ASSERT_TRUE(file.open(QIODevice::WriteOnly));
         file.write(rulesXml(R"xml(
-          <url schema="http" host="h" path="one" id="1" priority="2"><name>twice</name></url>
-          <url schema="http" host="h" path="two" id="2" priority="1"><name>twice</name></url>
-          <url schema="http" host="h" path="(a|b)" id="3" match_type="regex_match"><name>pattern</name></url>)xml"));
+          <url schema="http" host="h" path="one" id="1" priority="2"><name>twice</name>
+            <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by></url>
+          <url schema="http" host="h" path="two" id="2" priority="1"><name>twice</name>
+            <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by></url>
+          <url schema="http" host="h" path="(a|b)" id="3" match_type="regex_match"><name>pattern</name>
+            <split_by><split_condition global="_SERVER[HTTP_HOST]"/><split_condition global="_SERVER[REQUEST_URI]"/>
+            </split_by></url>
+          <url schema="http" host="h" path="café/(à|b)" id="4" match_type="regex_match">
+            <name>Événements</name>
+            <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by></url>)xml"));
         file.close();
         QFile::copy(QStringLiteral(VESK_SOURCE_DIR "/conf/pagecache_rules_schema.xsd"),
                     dir.filePath(QStringLiteral("pagecache_rules_schema.xsd")));
         savePath = QFile::encodeName(dir.filePath(QStringLiteral("store")));
+        rulesPath = QFile::encodeName(rules);
+        load();
+    }
+    void load()
+    {
+        VHTMLCache::destroyInstance();
         cache = VHTMLCache::instance();
-        ASSERT_TRUE(cache->load(savePath.constData(), 1, QFile::encodeName(rules).constData(), 300, false, 100, false))
+        ASSERT_TRUE(cache->load(savePath.constData(), 1, rulesPath.constData(), 300, false, 100, false))
             << cache->lastError().toStdString();
     }
     void TearDown() override
@@ -63,6 +77,7 @@ protected:
     QByteArray ruleNs(const QByteArray& path) { return VMD5::hash("http://h/" + path); }
 
     QByteArray savePath;
+    QByteArray rulesPath;
     VHTMLCache* cache = nullptr;
 };
 
@@ -183,6 +198,20 @@ TEST_F(CacheTest, LastModifiedIsTheExpiryAndMissingIsZero)
     EXPECT_FALSE(cache->entryExists("ns", "k", false));
 }
 
+TEST_F(CacheTest, RemovingAnEntryDropsItsGzipCopyToo)
+{
+    const QByteArray page(2000, 'p');
+    ASSERT_TRUE(cache->storeOutput("ns", "k", "u", page.constData(), page.size(), 200, Headers{}, 600, true, false));
+    ASSERT_NE(0, gzipped("k").formatTag());
+    EXPECT_TRUE(cache->removeEntry("ns", "k"));
+    EXPECT_EQ(0, clear("k").formatTag());
+    EXPECT_EQ(0, gzipped("k").formatTag());
+    // A gzip copy alone, as an application's own gzip body that couldn't be read leaves it.
+    ASSERT_TRUE(cache->store()->write("ns", "k.z", "v", nullptr, 60, 0));
+    EXPECT_TRUE(cache->removeEntry("ns", "k"));
+    EXPECT_EQ(0, gzipped("k").formatTag());
+}
+
 TEST_F(CacheTest, ParseHttpDateInItsThreeForms)
 {
     QLocale::setDefault(QLocale(QLocale::English));
@@ -209,10 +238,12 @@ TEST_F(CacheTest, RemovalByRuleIdNameUriAndPattern)
     EXPECT_TRUE(cache->removeByRuleId(99));
     EXPECT_TRUE(has("one", "other"));
 
-    // Both rules named "twice" are looked into by URI...
+    // Both rules named "twice" are looked into by URI, and lose both copies...
+    ASSERT_TRUE(cache->store()->write(ruleNs("two"), uriKey + ".z", "v", nullptr, 60, 0));
     EXPECT_TRUE(cache->removeByUri("twice", "/p?x=1"));
     EXPECT_FALSE(has("one", uriKey));
     EXPECT_FALSE(has("two", uriKey));
+    EXPECT_FALSE(has("two", uriKey + ".z"));
     EXPECT_TRUE(has("one", "other"));
     EXPECT_TRUE(has("(?:a|b)", uriKey));
     EXPECT_TRUE(cache->removeByUri("nobody", "/p?x=1"));
@@ -235,6 +266,49 @@ TEST_F(CacheTest, RemovalByRuleIdNameUriAndPattern)
     ASSERT_TRUE(cache->store()->write(ruleNs("one"), "k", "v", nullptr, 60, 0));
     EXPECT_TRUE(cache->clearNamespace(QByteArray()));
     EXPECT_FALSE(has("one", "k"));
+}
+
+TEST_F(CacheTest, RemovalByUriOfARuleSplitByMoreThanTheUriTakesAllItsPages)
+{
+    const QByteArray uriKey = VMD5::hash("_SERVER/p?x=1");
+    ASSERT_TRUE(cache->store()->write(ruleNs("(?:a|b)"), uriKey, "v", nullptr, 60, 0));
+    ASSERT_TRUE(cache->store()->write(ruleNs("(?:a|b)"), "hostAndUri", "v", nullptr, 60, 0));
+    ASSERT_TRUE(cache->store()->write(ruleNs("one"), "other", "v", nullptr, 60, 0));
+    EXPECT_TRUE(cache->removeByUri("pattern", "/p?x=1"));
+    EXPECT_FALSE(cache->entryExists(ruleNs("(?:a|b)"), "hostAndUri", false));
+    EXPECT_FALSE(cache->entryExists(ruleNs("(?:a|b)"), uriKey, false));
+    EXPECT_TRUE(cache->entryExists(ruleNs("one"), "other", false));
+    EXPECT_TRUE(log().contains("INFO] Rule pattern is not split by the request URI alone: removing all its pages"));
+}
+
+TEST_F(CacheTest, RemovalNamesRulesAndUrlsInUtf8WhateverTheLocale)
+{
+    QTextCodec* previous = QTextCodec::codecForLocale();
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("ISO-8859-1"));
+    load();
+    const QByteArray name = "\xc3\x89v\xc3\xa9nements";
+    const QByteArray ns = ruleNs("caf\xc3\xa9/(?:\xc3\xa0|b)");
+    const QByteArray uriKey = VMD5::hash("_SERVER/caf%C3%A9/b");
+    auto fill = [&] {
+        ASSERT_TRUE(cache->store()->write(ns, uriKey, "v", nullptr, 60, 0));
+        ASSERT_TRUE(cache->store()->write(ns, uriKey + ".z", "v", nullptr, 60, 0));
+    };
+    auto has = [&](const QByteArray& key) { return cache->entryExists(ns, key, false); };
+
+    fill();
+    EXPECT_TRUE(cache->removeByUri(name, "/caf%C3%A9/b"));
+    EXPECT_FALSE(has(uriKey));
+    EXPECT_FALSE(has(uriKey + ".z"));
+    fill();
+    EXPECT_TRUE(cache->removeByRuleName(name.constData()));
+    EXPECT_FALSE(has(uriKey + ".z"));
+    fill();
+    EXPECT_TRUE(cache->removeByRuleId(4));
+    EXPECT_FALSE(has(uriKey));
+    fill();
+    EXPECT_TRUE(cache->clearNamespace(VHTMLCache::patternNamespace(QString::fromUtf8("http://h/caf\xc3\xa9/(\xc3\xa0|b)"))));
+    EXPECT_FALSE(has(uriKey));
+    QTextCodec::setCodecForLocale(previous);
 }
 
 class Messages

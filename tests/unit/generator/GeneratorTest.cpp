@@ -5,6 +5,7 @@
 
 #include <QDir>
 #include <QRegularExpression>
+#include <QXmlStreamReader>
 
 namespace {
 
@@ -15,6 +16,8 @@ protected:
     {
         DatabaseFixture::SetUp();
         QDir().mkpath(dir.filePath(QStringLiteral("etc")));
+        ASSERT_TRUE(QFile::copy(QStringLiteral(VESK_SOURCE_DIR "/conf/pagecache_rules_schema.xsd"),
+                                dir.filePath(QStringLiteral("etc/pagecache_rules_schema.xsd"))));
         db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("tkd"));
         db.setDatabaseName(dir.filePath(QStringLiteral("tkd.db")));
         ASSERT_TRUE(db.open());
@@ -127,19 +130,87 @@ TEST_F(GeneratorTest, WrittenFileValidatesAndIsRead)
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     EXPECT_EQ(document.toUtf8(), file.readAll());
     EXPECT_FALSE(QFile::exists(path + QStringLiteral(".new")));
-    ASSERT_TRUE(QFile::copy(QStringLiteral(VESK_SOURCE_DIR "/conf/pagecache_rules_schema.xsd"),
-                            dir.filePath(QStringLiteral("etc/pagecache_rules_schema.xsd"))));
     EXPECT_TRUE(VHTMLCache::instance()->validateRulesFile(QFile::encodeName(path).constData()));
     EXPECT_TRUE(logText().contains("New page cache rules file:"));
 }
 
-TEST_F(GeneratorTest, DatabaseFailureWritesAnEmptyFile)
+// The file the workers run on, before a run of the generator.
+class GeneratorOverRules : public GeneratorTest
+{
+protected:
+    void SetUp() override
+    {
+        GeneratorTest::SetUp();
+        QFile file(current());
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(inForce);
+    }
+    QString current() const { return dir.filePath(QStringLiteral("etc/pagecache_rules.xml")); }
+    QByteArray read(const QString& path) const
+    {
+        QFile file(path);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<none>");
+    }
+
+    const QByteArray inForce = "<?xml version=\"1.0\"?><cache_settings><dont_cache/><cache/></cache_settings>\n";
+};
+
+TEST_F(GeneratorOverRules, DatabaseFailureLeavesTheRulesInForce)
 {
     run(QStringLiteral("DROP TABLE TKD_PAGECACHE_RULES"));
     EXPECT_TRUE(TKDPageCacheRule::writeRulesFile(db, dir.path(), log).isEmpty());
-    EXPECT_EQ(0, QFileInfo(dir.filePath(QStringLiteral("etc/pagecache_rules.xml"))).size());
+    EXPECT_EQ(inForce, read(current()));
+    EXPECT_EQ(QByteArray(), read(current() + QStringLiteral(".new")));
     EXPECT_TRUE(logText().contains("ERROR] TKDTask::doUpdatePageCacheRules: Unable to load page cache rules. "
                                    "select RULE_ID, APP_ID, NAME, META_XML from TKD_PAGECACHE_RULES."));
+    EXPECT_TRUE(logText().contains("ERROR] New page cache rules file " + QFile::encodeName(current()) + ".new is not "
+                                   "valid, the rules in force stay: Dependencies file validation error on line "));
+}
+
+TEST_F(GeneratorOverRules, AnInvalidRuleLeavesTheRulesInForce)
+{
+    rule(3, "Home", "match_type=\"glob\"");
+    EXPECT_TRUE(TKDPageCacheRule::writeRulesFile(db, dir.path(), log).isEmpty());
+    EXPECT_EQ(inForce, read(current()));
+    EXPECT_TRUE(read(current() + QStringLiteral(".new")).contains("glob"));
+    EXPECT_TRUE(logText().contains("is not valid, the rules in force stay:"));
+
+    // The next good run takes over, the ".new" file with it.
+    run(QStringLiteral("DELETE FROM TKD_PAGECACHE_RULES"));
+    rule(3, "Home", "match_type=\"exact\"");
+    EXPECT_FALSE(TKDPageCacheRule::writeRulesFile(db, dir.path(), log).isEmpty());
+    EXPECT_TRUE(read(current()).contains("Home"));
+    EXPECT_FALSE(QFile::exists(current() + QStringLiteral(".new")));
+}
+
+TEST_F(GeneratorOverRules, ValuesFromTheTablesStayValues)
+{
+    const QString tricky = QStringLiteral("a\"b' <c> &amp; &d \u00e9");
+    QSqlQuery query(db);
+    ASSERT_TRUE(query.prepare(QStringLiteral("INSERT INTO TKD_PAGECACHE_RESPONSE_CODES VALUES (-1, ?)")));
+    query.addBindValue(QStringLiteral("200\"/><x y=\""));
+    ASSERT_TRUE(query.exec());
+    ASSERT_TRUE(query.prepare(QStringLiteral("INSERT INTO TKD_PAGECACHE_RESPONSE_HEADERS VALUES (NULL, -1, ?, 'equals', ?, 0)")));
+    query.addBindValue(tricky);
+    query.addBindValue(tricky);
+    ASSERT_TRUE(query.exec());
+    ASSERT_FALSE(TKDPageCacheRule::writeRulesFile(db, dir.path(), log).isEmpty())
+        << logText().constData();
+
+    QFile file(current());
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    QXmlStreamReader reader(&file);
+    QStringList seen;
+    while (!reader.atEnd()) {
+        reader.readNext();
+        if (reader.isStartElement() && reader.name() == QLatin1String("response_rule"))
+            seen << reader.attributes().value(QStringLiteral("response_codes")).toString();
+        if (reader.isStartElement() && reader.name() == QLatin1String("header"))
+            seen << reader.attributes().value(QStringLiteral("name")).toString()
+                 << reader.attributes().value(QStringLiteral("value")).toString();
+    }
+    EXPECT_FALSE(reader.hasError());
+    EXPECT_EQ(QStringList({QStringLiteral("200\"/><x y=\""), tricky, tricky}), seen);
 }
 
 } // namespace

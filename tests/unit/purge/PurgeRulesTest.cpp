@@ -1,6 +1,7 @@
 #include "../support/DatabaseTestSupport.h"
 
 #include "PageCachePurgeRules.h"
+#include "VException.h"
 #include "VeskDB.h"
 
 #include <QCryptographicHash>
@@ -144,6 +145,70 @@ TEST_F(PurgeRulesTest, FlushWritesEveryRuleAgain)
     purge.flushToDb();
     EXPECT_EQ(QList<QVariantList>({{2}}),
               sql(database(), {QStringLiteral("SELECT count(*) FROM pagecache_purge_urls")}));
+}
+
+TEST_F(PurgeRulesTest, ARepeatedRuleIsHeldOnceWithTheLaterTimes)
+{
+    PageCachePurgeRules purge(info, log);
+    PurgeRule rule = urlRule("http://a.example/p");
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    rule.creationTime = now.addSecs(100);
+    purge.addRule(rule);
+    rule.creationTime = now.addSecs(50);
+    purge.addRule(rule);
+    // One rule written on each flush: 1 row, then 1 more.
+    EXPECT_EQ(QList<QVariantList>({{2}}),
+              sql(database(), {QStringLiteral("SELECT count(*) FROM pagecache_purge_urls")}));
+    EXPECT_TRUE(purge.isCreationTimePurged(now.addSecs(101), -1));
+    EXPECT_FALSE(purge.isCreationTimePurged(now.addSecs(99), -1));
+    for (int i = 0; i < 20; ++i)
+        purge.addRule(rule);
+    EXPECT_EQ(QList<QVariantList>({{22}}),
+              sql(database(), {QStringLiteral("SELECT count(*) FROM pagecache_purge_urls")}));
+
+    // Another URL, or no creation time where the other has one, is a rule of its own.
+    purge.addRule(urlRule("http://a.example/q"));
+    rule.creationTime = QDateTime();
+    purge.addRule(rule);
+    EXPECT_EQ(QList<QVariantList>({{22 + 2 + 3}}),
+              sql(database(), {QStringLiteral("SELECT count(*) FROM pagecache_purge_urls")}));
+    EXPECT_TRUE(purge.isUrlPurged(QStringLiteral("http://a.example/q"), -1));
+}
+
+TEST_F(PurgeRulesTest, AFlushWhoseWritesAllFailLeavesTheDatabaseFree)
+{
+    PageCachePurgeRules purge(info, log);
+    purge.flushToDb();
+    purge.setFlushRetries(3, 0);
+    bool holderCommitted = false;
+    {
+        // Another worker's write, held for longer than every attempt.
+        QSqlDatabase holder = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("holder"));
+        holder.setDatabaseName(database());
+        holder.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=0"));
+        ASSERT_TRUE(holder.open());
+        QSqlQuery query(holder);
+        ASSERT_TRUE(query.exec(QStringLiteral("BEGIN IMMEDIATE")));
+        ASSERT_TRUE(query.exec(QStringLiteral("INSERT INTO pagecache_purge_rules VALUES (77, 'held', 0, '')")));
+        EXPECT_THROW(purge.addRule(urlRule("http://a.example/1")), VException);
+        EXPECT_EQ(3, logText().count("Commit error:"));
+        holderCommitted = query.exec(QStringLiteral("COMMIT"));
+        if (!holderCommitted)
+            query.exec(QStringLiteral("ROLLBACK"));
+    }
+    QSqlDatabase::removeDatabase(QStringLiteral("holder"));
+    EXPECT_TRUE(holderCommitted);
+
+    // This worker's next purge is written, with the one that failed.
+    purge.addRule(urlRule("http://a.example/2"));
+    EXPECT_EQ(QList<QVariantList>({{"http://a.example/1"}, {"http://a.example/2"}}),
+              sql(database(), {QStringLiteral("SELECT url FROM pagecache_purge_urls WHERE url LIKE "
+                                              "'http://a.example/%' ORDER BY id")}));
+    EXPECT_EQ(3, logText().count("Commit error:"));
+    // And another's.
+    sql(database(), {QStringLiteral("INSERT INTO pagecache_purge_rules VALUES (78, 'other', 0, '')")});
+    EXPECT_EQ(QList<QVariantList>({{2}}),
+              sql(database(), {QStringLiteral("SELECT count(*) FROM pagecache_purge_rules WHERE id >= 77")}));
 }
 
 TEST_F(PurgeRulesTest, OpenTransactionIsTheCallersToEnd)

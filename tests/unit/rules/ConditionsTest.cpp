@@ -3,7 +3,10 @@
 #include "CacheRule.h"
 #include "VException.h"
 
+#include <QSet>
+
 #include <memory>
+#include <vector>
 
 namespace {
 
@@ -98,7 +101,7 @@ TEST_F(ConditionsTest, SplitKeyUsesBaseNamesAndValues)
 {
     source.present = {"_GET", "_SERVER", "_SESSION"};
     source.values["_GET[a]"] = "1";
-    source.values["_SERVER[REQUEST_URI]"] = QByteArray("/p?x\0tail", 9);
+    source.values["_SERVER[REQUEST_URI]"] = "/p?x";
     ParsedRules rules(rulesXml(R"(
       <url schema="http" host="h" path="p"><split_by>
         <split_condition global="_GET[a]" value="ignored"/>
@@ -110,6 +113,133 @@ TEST_F(ConditionsTest, SplitKeyUsesBaseNamesAndValues)
     EXPECT_EQ(QByteArray(), splitKey(rules.rule("http://h/q").d->splitBlock));
     EXPECT_TRUE(rules.rule("http://h/s").d->splitNeedsSession);
     EXPECT_FALSE(rules.rule("http://h/s").d->conditionsNeedSession);
+}
+
+// A block of split conditions over `names`, and the globals it reads.
+class SplitBlock
+{
+public:
+    explicit SplitBlock(const QList<QByteArray>& names)
+    {
+        for (const QByteArray& name : names) {
+            globals.emplace_back(parseGlobal(QString::fromLatin1(name)));
+            block.conditions.append(QSharedPointer<VCondition>(
+                ConditionFactory::instance()->create(QStringLiteral("exists"), globals.back().get(), QString())));
+        }
+    }
+    ConditionsBlock block;
+
+private:
+    std::vector<std::unique_ptr<VPHPGlobal>> globals;
+};
+
+// Reads a key back into its values, knowing the names: where a value that
+// went in as it is ends is found without looking at the values.
+QList<QByteArray> readSplitKey(const QList<QByteArray>& names, const QByteArray& key)
+{
+    QList<QByteArray> values;
+    int at = 0;
+    for (int i = 0; i < names.size(); ++i) {
+        if (key.mid(at, names.at(i).size()) != names.at(i))
+            return {"bad name"};
+        at += names.at(i).size();
+        const QByteArray next = i + 1 < names.size() ? names.at(i + 1) : QByteArray();
+        if (at < key.size() && key.at(at) == '\0') {
+            const int colon = key.indexOf(':', at);
+            const int length = key.mid(at + 1, colon - at - 1).toInt();
+            values << key.mid(colon + 1, length);
+            at = colon + 1 + length;
+        } else if (next.isEmpty()) {
+            values << key.mid(at);
+            at = key.size();
+        } else {
+            const int end = key.indexOf(next, at);
+            values << key.mid(at, end - at);
+            at = end;
+        }
+    }
+    return at == key.size() ? values : QList<QByteArray>{"left over"};
+}
+
+TEST_F(ConditionsTest, SplitKeyKeepsTodaysKeysForOrdinaryValues)
+{
+    source.present = {"_GET", "_SERVER", "_COOKIE"};
+    const struct
+    {
+        QList<QByteArray> names;
+        QList<QByteArray> values;
+        QByteArray key;
+    } table[] = {
+        {{"_GET[page]"}, {"2"}, "_GET2"},
+        {{"_GET[page]"}, {""}, "_GET"},
+        {{"_GET[page]"}, {"_GET_GET"}, "_GET_GET_GET"},
+        {{"_GET[a]", "_GET[b]"}, {"1", "2"}, "_GET1_GET2"},
+        {{"_GET[a]", "_COOKIE[b]"}, {"x_GET", "y"}, "_GETx_GET_COOKIEy"},
+        {{"_SERVER[HTTP_HOST]", "_SERVER[HTTPS]", "_SERVER[REQUEST_URI]"},
+         {"a.test:8080", "on", "/p?q=_SERVER"},
+         "_SERVERa.test:8080_SERVERon_SERVER/p?q=_SERVER"},
+        {{"_SERVER[HTTP_HOST]", "_SERVER[HTTPS]", "_SERVER[REQUEST_URI]"}, {"a.test", "", "/"}, "_SERVERa.test_SERVER_SERVER/"},
+    };
+    for (const auto& row : table) {
+        SplitBlock split(row.names);
+        for (int i = 0; i < row.names.size(); ++i)
+            source.values[row.names.at(i)] = row.values.at(i);
+        EXPECT_EQ(row.key, splitKey(split.block)) << row.key.constData();
+    }
+}
+
+TEST_F(ConditionsTest, SplitKeyGivesEveryTupleItsOwnKey)
+{
+    source.present = {"_GET", "_SERVER"};
+    const QList<QByteArray> pieces = {"",     "1",       "_GET",  "x_GET", "_GE",
+                                      "T",    QByteArray("\0", 1), "1:",    QByteArray("\0001:x", 4),
+                                      "_SERVER", "0:", "_GET_SERVER"};
+    const QList<QList<QByteArray>> shapes = {
+        {"_GET[a]"}, {"_GET[a]", "_GET[b]"}, {"_GET[a]", "_SERVER[b]", "_GET[c]"}, {"_SERVER[a]", "_SERVER[b]"}};
+    for (const QList<QByteArray>& names : shapes) {
+        QList<QByteArray> bases;
+        for (const QByteArray& name : names)
+            bases << name.left(name.indexOf('['));
+        SplitBlock split(names);
+        QSet<QByteArray> keys;
+        int tuples = 1;
+        for (int i = 0; i < names.size(); ++i)
+            tuples *= pieces.size();
+        for (int n = 0; n < tuples; ++n) {
+            QList<QByteArray> values;
+            for (int i = 0, rest = n; i < names.size(); ++i, rest /= pieces.size()) {
+                values << pieces.at(rest % pieces.size());
+                source.values[names.at(i)] = values.last();
+            }
+            const QByteArray key = splitKey(split.block);
+            ASSERT_EQ(values, readSplitKey(bases, key)) << key.toHex().constData();
+            keys.insert(key);
+        }
+        EXPECT_EQ(tuples, keys.size());
+    }
+}
+
+TEST_F(ConditionsTest, NulInAValueOrTheUrlKeepsTheRequestFromTheStore)
+{
+    source.present = {"_GET"};
+    SplitBlock split({"_GET[page]", "_GET[q]"});
+    source.values["_GET[page]"] = "2";
+    QByteArray key;
+    EXPECT_TRUE(faithfulSplitKey(split.block, "http://h/p?page=2", key));
+    EXPECT_EQ(QByteArray("_GET2_GET"), key);
+
+    source.values["_GET[page]"] = QByteArray("2\0x", 3);
+    EXPECT_FALSE(faithfulSplitKey(split.block, "http://h/p?page=2%00x", key));
+    EXPECT_TRUE(key.isEmpty());
+    EXPECT_TRUE(log().contains("INFO] Not using the cache: a split value of _GET holds a NUL byte"));
+    EXPECT_NE(QByteArray("_GET2_GET"), splitKey(split.block));
+
+    source.values["_GET[page]"] = "2";
+    EXPECT_FALSE(faithfulSplitKey(split.block, QByteArray("http://h\0x/p", 12), key));
+    EXPECT_TRUE(log().contains("INFO] Not using the cache: the URL holds a NUL byte"));
+    EXPECT_FALSE(faithfulSplitKey(SplitBlock({}).block, QByteArray("http://h\0", 9), key));
+    EXPECT_TRUE(faithfulSplitKey(SplitBlock({}).block, "http://h/", key));
+    EXPECT_EQ(QByteArray(), key);
 }
 
 TEST(CacheRuleModel, DefaultsAndUrlText)

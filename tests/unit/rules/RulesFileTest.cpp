@@ -136,6 +136,53 @@ TEST_F(RulesFixture, EmptySectionsLoadWithoutRules)
     EXPECT_TRUE(rules.readBlacklist().isEmpty());
 }
 
+TEST_F(RulesFixture, RulesThatSharePagesAcrossRequestsAreNamed)
+{
+    const QByteArray host = R"(<split_condition global="_SERVER[HTTP_HOST]"/>)";
+    const QByteArray https = R"(<split_condition global="_SERVER[HTTPS]"/>)";
+    const QByteArray scheme = R"(<split_condition global="_SERVER[REQUEST_SCHEME]"/>)";
+    const QByteArray uri = R"(<split_condition global="_SERVER[REQUEST_URI]"/>)";
+    const QByteArray hosts = "shares its pages across hosts: add a split by _SERVER[HTTP_HOST]";
+    const QByteArray schemes = "shares its pages across http and https: add a split by _SERVER[HTTPS]";
+    const QByteArray paths = "shares its pages across paths: add a split by _SERVER[REQUEST_URI]";
+    const struct
+    {
+        QByteArray url;
+        QByteArray splits;
+        QList<QByteArray> warnings;
+    } table[] = {
+        {R"(schema="http" host="h" path="p")", https, {}},
+        {R"(schema="http" host="h" path="p")", scheme, {}},
+        {R"(schema="http" host="h" path="p")", "", {schemes}},
+        {R"(schema="http" host="h" path="p")", host + uri, {schemes}},
+        {R"(schema="https?" host="h" path="p" match_type="exact")", "", {schemes}},
+        {R"(schema="http" host="&amp;lt;default-server&amp;gt;" path="p")", https, {hosts}},
+        {R"(schema="http" host="&amp;lt;default-server&amp;gt;" path="p")", host + https, {}},
+        {R"(schema="http" host="h" path="p.*" match_type="regex_match")", "", {hosts, schemes, paths}},
+        {R"(schema="http" host="h" path="p.*" match_type="regex_match_i")", uri + https + host, {}},
+        {R"(schema="http" host="&amp;lt;default-server&amp;gt;" path="p.*" match_type="regex_match")", host + uri,
+         {schemes}},
+        {R"(schema="http" host="h" path="p.*" match_type="regex_match" enable="false")", "", {}},
+        {R"(schema="http" host="h" path="p" match_type="regex_match")",
+         R"(<split_condition global="_SERVER[HTTP_HOST][x]"/><split_condition global="_GET[HTTPS]"/>)" + uri,
+         {hosts, schemes}},
+    };
+    for (const auto& row : table) {
+        clearLog();
+        ParsedRules rules(rulesXml("<url " + row.url + "><name>R</name><split_by>" + row.splits + "</split_by></url>"));
+        QList<QByteArray> warnings;
+        for (const QByteArray& line : log().split('\n')) {
+            if (line.contains("WARNING]"))
+                warnings << line.mid(line.indexOf(") ") + 2).trimmed();
+        }
+        EXPECT_EQ(row.warnings, warnings) << row.url.constData() << row.splits.constData();
+    }
+    clearLog();
+    ParsedRules named(rulesXml(R"x(<url schema="http" host="&amp;lt;default-server&amp;gt;" path="(a|b)"
+        match_type="regex_match"><name>Two pages</name><split_by>)x" + host + https + "</split_by></url>"));
+    EXPECT_TRUE(log().contains("WARNING] Rule Two pages ( http://<default-server>/(?:a|b) ) " + paths + " \n"));
+}
+
 // The whole load: schema validation, then the reader.
 class LoadTest : public RulesFixture
 {
@@ -171,6 +218,7 @@ TEST_F(LoadTest, ShippedExampleLoads)
     EXPECT_EQ(1, VHTMLCache::instance()->rules().size());
     EXPECT_TRUE(log().contains("XML validation OK"));
     EXPECT_TRUE(log().contains("New rules list: \n"));
+    EXPECT_FALSE(log().contains("WARNING]"));
 }
 
 TEST_F(LoadTest, MissingSchema)

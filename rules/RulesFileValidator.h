@@ -1,0 +1,8 @@
+#pragma once
+
+#include <QString>
+
+// Validates a rules file with Xerces-C against pagecache_rules_schema.xsd
+// beside it. False with the reason in `error`; a warning of the parser and
+// a document type declaration fail it too.
+bool validateRulesFileAgainstSchema(const char* rulesFile, QString& error);
