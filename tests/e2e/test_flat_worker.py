@@ -119,8 +119,11 @@ class FlatWorker(unittest.TestCase):
         files, sockets = traffic.fds()
         self.assertEqual(fds[0], files)
         self.assertLessEqual(sockets, fds[1] + 1)
-        # A reload that kept its store kept 64 KiB with it, 9 MiB here.
-        self.assertLess(traffic.rss_kib() - rss, 3 * 1024)
+        # A reload that kept its store kept 64 KiB with it, 9 MiB here. Under
+        # the address sanitizer freed memory waits in its quarantine, so only
+        # the descriptors are judged there.
+        if "libasan" not in os.environ.get("LD_PRELOAD", ""):
+            self.assertLess(traffic.rss_kib() - rss, 3 * 1024)
         self.assertNotIn("ERROR]", traffic.workspace.log())
 
 
