@@ -2,6 +2,7 @@
 // records, and one cleanExpired pass over 100,000 records.
 #include "VDiskStorage.h"
 
+#include <QDirIterator>
 #include <QTemporaryDir>
 
 #include <chrono>
@@ -63,5 +64,18 @@ int main()
     const auto start = std::chrono::steady_clock::now();
     store.cleanExpired();
     printf("cleanExpired over %d records (half expired): %.2f s\n", records, secondsSince(start));
+
+    // The live half again, under a bound of half its size.
+    qint64 live = 0;
+    QDirIterator it(QString::fromLocal8Bit(store.root()), QDir::Files, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        it.next();
+        live += qMax<qint64>(it.fileInfo().size(), 4096);
+    }
+    store.setSizeBound(live / 2);
+    const auto bounded = std::chrono::steady_clock::now();
+    store.cleanExpired();
+    printf("cleanExpired over %d records under a bound of half their size: %.2f s (%d pages removed)\n",
+           records / 2, secondsSince(bounded), store.lastCleaning().evictedPages);
     return 0;
 }

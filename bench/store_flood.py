@@ -5,7 +5,7 @@ Prints the store's size over time (as the cleaner counts it: page files'
 blocks), the largest size seen, and the size after the flood's last cleaning.
 
     bench/store_flood.py [--urls 100000] [--bound-mib 50] [--frequency 5]
-                         [--size 2000] [--clients 4]
+                         [--size 2000] [--clients 4] [--sample 5]
 
 Needs the built extension (build/vesk_pagecache.so, or VESK_EXTENSION). Not
 part of the test run.
@@ -55,6 +55,8 @@ def main():
     parser.add_argument("--frequency", type=int, default=5)
     parser.add_argument("--size", type=int, default=2000)
     parser.add_argument("--clients", type=int, default=4)
+    # Walking the tree is no cheaper than a cleaning: sample it seldom.
+    parser.add_argument("--sample", type=float, default=5)
     args = parser.parse_args()
     bound = args.bound_mib << 20
 
@@ -91,7 +93,7 @@ def main():
     def sampler():
         while not done.is_set():
             samples.append((time.monotonic() - start,) + store_size(root))
-            done.wait(1)
+            done.wait(args.sample)
 
     try:
         start = time.monotonic()
@@ -121,9 +123,12 @@ def main():
     cleanings = EVICTED.findall(log)
     print("%d URLs of %d bytes in %.1f s (%.0f requests/s), %d failed; bound %d MiB, cleaning every %d s"
           % (args.urls, args.size, flood, args.urls / flood, failures[0], args.bound_mib, args.frequency))
-    print("store size over time (s, MiB, files):")
+    print("store size over time, sampled every %g s (s, MiB, files):" % args.sample)
     for t, size, files in samples[::max(1, len(samples) // 30)]:
         print("  %6.1f  %7.2f  %7d" % (t, size / 1048576.0, files))
+    print("cleanings that removed pages (clock, MiB before, MiB after, pages):")
+    for h, m, sec, pages, before, after in cleanings:
+        print("  %s:%s:%s  %7.2f  %7.2f  %6s" % (h, m, sec[:4], int(before) / 1048576.0, int(after) / 1048576.0, pages))
     top = max(samples, key=lambda s: s[1])
     print("largest seen: %.2f MiB at %.1f s; after the last cleaning: %.2f MiB in %d files"
           % (top[1] / 1048576.0, top[0], final[0] / 1048576.0, final[1]))

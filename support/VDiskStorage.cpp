@@ -30,6 +30,8 @@ const char TempPrefix[] = ".tmp-";
 const char TrashPrefix[] = ".trash-";
 // A temporary file this old belongs to a writer that died.
 const qint64 StaleTempSeconds = 3600;
+// What a cleaning spends at most on removing empty directories.
+const time_t DirectorySeconds = 2;
 
 struct Header
 {
@@ -117,13 +119,13 @@ bool readAll(int fd, char* buffer, size_t size, off_t offset)
 }
 
 // Removes the record file that was judged, unless a writer has put a new
-// one in its place meanwhile.
-void dropDoubtful(const QByteArray& path, const struct stat& judged)
+// one in its place meanwhile. True when the name is gone.
+bool dropDoubtful(const QByteArray& path, const struct stat& judged)
 {
     struct stat current;
-    if (lstat(path.constData(), &current) == 0 && current.st_ino == judged.st_ino
-        && current.st_dev == judged.st_dev)
-        unlink(path.constData());
+    if (lstat(path.constData(), &current) != 0)
+        return errno == ENOENT;
+    return current.st_ino == judged.st_ino && current.st_dev == judged.st_dev && unlink(path.constData()) == 0;
 }
 
 // Opens a record and checks that its header is sound and that it is the
@@ -614,45 +616,53 @@ struct VDiskStorage::Walk
     std::vector<Record> records;
     QHash<quint64, int> pageIndex;
     std::vector<Page> pages;
-    // Children before their parents, so that a pass empties a tree bottom up.
-    QList<QByteArray> directories;
+    // Found empty or left so, children before their parents.
+    QList<QByteArray> emptyDirectories;
 };
 
-void VDiskStorage::walk(const QByteArray& dir, bool isRoot, Walk& state)
+bool VDiskStorage::walk(const QByteArray& dir, bool isRoot, Walk& state)
 {
     DIR* handle = opendir(dir.constData());
     if (!handle)
-        return;
+        return false;
+    // What stays in this directory; none, and it goes.
+    int left = 0;
     while (const struct dirent* entry = readdir(handle)) {
         const char* name = entry->d_name;
         if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0)
             continue;
+        ++left;
         const QByteArray path = dir + '/' + name;
         struct stat st;
-        if (lstat(path.constData(), &st) != 0)
-            continue;
-        if (S_ISDIR(st.st_mode)) {
+        unsigned char type = entry->d_type;
+        const bool temporary = strncmp(name, TempPrefix, strlen(TempPrefix)) == 0;
+        if (type == DT_UNKNOWN || temporary) {
+            if (lstat(path.constData(), &st) != 0)
+                continue;
+            type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_UNKNOWN;
+        }
+        if (type == DT_DIR) {
             // Leftovers of namespace clears that were interrupted.
             if (isRoot && strncmp(name, TrashPrefix, strlen(TrashPrefix)) == 0) {
                 removeTree(path);
                 ++m_cleaning.trashRemoved;
+                --left;
                 continue;
             }
-            walk(path, false, state);
-            state.directories.append(path);
+            left -= walk(path, false, state);
             continue;
         }
-        if (!S_ISREG(st.st_mode))
+        if (type != DT_REG)
             continue;
-        if (strncmp(name, TempPrefix, strlen(TempPrefix)) == 0) {
+        if (temporary) {
             // A write in progress, unless its writer is gone or it is old.
             const pid_t writer = pid_t(QByteArray(name + strlen(TempPrefix)).split('-').value(0).toLongLong());
             const bool writerGone = writer > 0 && kill(writer, 0) != 0 && errno == ESRCH;
-            if (writerGone || state.now - qint64(st.st_mtime) > StaleTempSeconds)
-                unlink(path.constData());
+            if ((writerGone || state.now - qint64(st.st_mtime) > StaleTempSeconds) && unlink(path.constData()) == 0)
+                --left;
             continue;
         }
-        const int fd = open(path.constData(), O_RDONLY | O_CLOEXEC);
+        const int fd = open(path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
         if (fd < 0)
             continue;
         // The header, and under a bound the record's own names, in one read.
@@ -668,7 +678,7 @@ void VDiskStorage::walk(const QByteArray& dir, bool isRoot, Walk& state)
             // Only the file that was judged goes: if a writer renamed a fresh
             // record over it meanwhile, that one stays. (A rename in the instant
             // between this look and the unlink costs a miss, never a wrong page.)
-            dropDoubtful(path, st);
+            left -= dropDoubtful(path, st);
             continue;
         }
         const qint64 size = diskBytes(st);
@@ -703,6 +713,10 @@ void VDiskStorage::walk(const QByteArray& dir, bool isRoot, Walk& state)
         state.records.push_back(Walk::Record{path, st, id});
     }
     closedir(handle);
+    if (isRoot || left > 0)
+        return false;
+    state.emptyDirectories.append(dir);
+    return true;
 }
 
 void VDiskStorage::evict(Walk& state)
@@ -765,8 +779,17 @@ bool VDiskStorage::cleanExpired()
     m_cleaning.bytesAfter = m_cleaning.bytesBefore;
     if (state.bounded)
         evict(state);
-    // A writer that loses a fresh directory here makes it again (see write()).
-    for (const QByteArray& dir : state.directories) {
+    // Removing a directory can cost a file system milliseconds (ext4 with
+    // online discard), and a flood of new pages empties thousands: they get
+    // two seconds per cleaning, after the bound, and what is left goes at
+    // the next one. A writer that loses its directory makes it again.
+    struct timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    for (const QByteArray& dir : state.emptyDirectories) {
+        struct timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        if (now.tv_sec - start.tv_sec > DirectorySeconds)
+            break;
         if (rmdir(dir.constData()) == 0)
             ++m_cleaning.directoriesRemoved;
     }

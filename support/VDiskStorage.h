@@ -100,7 +100,8 @@ private:
 
     bool fail(const QByteArray& what, const QByteArray& path, int error);
     struct Walk;
-    void walk(const QByteArray& dir, bool isRoot, Walk& state);
+    // Cleans `dir`; true when it was left empty and removed.
+    bool walk(const QByteArray& dir, bool isRoot, Walk& state);
     void evict(Walk& state);
     // Whether this file, unchanged, already passed the value check here.
     class CheckedFiles;
