@@ -20,6 +20,7 @@ namespace {
 VCleanerWatch* s_watch = nullptr;
 volatile sig_atomic_t s_cleaning = 0;
 volatile sig_atomic_t s_masterGone = 0;
+volatile sig_atomic_t s_stopSignal = 0;
 
 // SIGALRM: the parent has died (PR_SET_PDEATHSIG), or a second of a cleaning
 // has passed. Between cleanings the loop notices and ends in order; a
@@ -55,7 +56,7 @@ void waitOneSecond()
     struct timespec until;
     clock_gettime(CLOCK_MONOTONIC, &until);
     until.tv_sec += 1;
-    while (!s_masterGone && clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
+    while (!s_masterGone && !s_stopSignal && clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
     }
 }
 
@@ -67,6 +68,16 @@ QByteArray pageOf(const QByteArray& key)
 }
 
 } // namespace
+
+void VCacheCleaner::stopBySignal(int)
+{
+    // A log line here could wait forever on a lock the interrupted code
+    // holds (the C library's time zone lock inside a log statement): the
+    // loop says goodbye instead, and a cleaning is left at once.
+    if (s_cleaning)
+        _exit(0);
+    s_stopSignal = 1;
+}
 
 VCacheCleaner::VCacheCleaner(int frequency, VDiskStorage* storage, const QString& productDir)
     : storage(storage), frequency(frequency), productDir(productDir)
@@ -134,18 +145,26 @@ void VCacheCleaner::run()
     }
     if (storage)
         storage->setSizeBound(maxStoreSize, pageOf);
-    while (!stopRequested) {
+    while (!stopRequested && !s_stopSignal) {
         // A frequency of 0 or less cleans back to back, as configured.
-        for (int second = 0; second < frequency && !stopRequested; ++second) {
+        for (int second = 0; second < frequency && !stopRequested && !s_stopSignal; ++second) {
             waitOneSecond();
             stopRequested = masterGone();
         }
+        if (s_stopSignal)
+            break;
         if (masterGone()) {
             VLOG(log, 3) << "Cache cleaner's master at pid" << qint64(s_watch->master()) << "has ended";
             stopRequested = true;
             break;
         }
         clean();
+    }
+    // A signal ends the process where it stands, its pid file left, as an
+    // end from inside the handler would have.
+    if (s_stopSignal) {
+        VLOG(log, 3) << "Cache Cleaner exiting...";
+        _exit(0);
     }
     VLOG(log, 3) << "Cache cleaner exiting at pid" << qint64(getpid());
     running = false;

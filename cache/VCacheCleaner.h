@@ -24,6 +24,9 @@ public:
 
     void run() override;
 
+    // The handler of SIGTERM and SIGHUP in the cleaner's process.
+    static void stopBySignal(int);
+
     bool stopRequested = false;
     bool running = false;
 

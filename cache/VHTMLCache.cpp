@@ -35,12 +35,6 @@ qint64 maxStoreBytes = 0;
 // Shared with the cleaner and inherited by every process forked later.
 VCleanerWatch* cleanerWatch = nullptr;
 
-void cleanerSignalHandler(int)
-{
-    VLOG(PageCacheLogStream, 3) << "Cache Cleaner exiting...";
-    _exit(0);
-}
-
 } // namespace
 
 VHTMLCache* VHTMLCache::instance()
@@ -148,8 +142,8 @@ void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& prod
             watch->release();
         return;
     }
-    signal(SIGHUP, cleanerSignalHandler);
-    signal(SIGTERM, cleanerSignalHandler);
+    signal(SIGHUP, VCacheCleaner::stopBySignal);
+    signal(SIGTERM, VCacheCleaner::stopBySignal);
     cleaner = new VCacheCleaner(frequency, storage, productDir);
     cleaner->watchMaster(watch);
     // Nothing of the server's may stay open here: not its standard output
