@@ -314,6 +314,9 @@ void PageCachePurgeRules::refresh()
     try {
         QSqlDatabase db = VeskDB::get(DB_PAGECACHE, QLatin1String(refreshConnection), serverInfo);
         VSafeSqlQuery query(db, true);
+        // Rows are read once, in order: a query that kept them all would
+        // take more memory with every purge the tables have seen.
+        query.query().setForwardOnly(true);
         QMap<qint64, PurgeRule> read;
 
         query.exec(QStringLiteral("SELECT * FROM pagecache_purge_rules"));
