@@ -298,6 +298,10 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
         VHeaderLines::addVary(copyHeaders, "Accept-Encoding");
     }
     char scratch = 0;
+    // A page stored anew without a gzip copy must not leave an older one
+    // answering gzip clients.
+    if (!storeCompressed)
+        storage->remove(ns, key + ".z");
     if (storeCompressed) {
         CacheEntry entry;
         entry.m_formatTag = CacheEntry::FormatTag;

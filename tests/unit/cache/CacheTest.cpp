@@ -407,3 +407,15 @@ TEST(HeaderLines, FollowTheEnginesOperations)
     EXPECT_TRUE(VHeaderLines::isGzipEncoding("content-encoding:  gzip "));
     EXPECT_FALSE(VHeaderLines::isGzipEncoding("Content-Encoding: br"));
 }
+
+// Regression: a page that shrank under the gzip limit left its older gzip
+// copy answering gzip clients.
+TEST_F(CacheTest, APageStoredWithoutAGzipCopyDropsTheOlderOne)
+{
+    const QByteArray big(2000, 'a');
+    ASSERT_TRUE(cache->storeOutput("ns", "k", "u", big.constData(), big.size(), 200, Headers{}, 60, true, false));
+    ASSERT_TRUE(cache->entryExists("ns", "k.z", false));
+    ASSERT_TRUE(cache->storeOutput("ns", "k", "u", "small", 5, 200, Headers{}, 60, false, false));
+    EXPECT_FALSE(cache->entryExists("ns", "k.z", false));
+    EXPECT_EQ(QByteArray("small"), clear("k").body());
+}
