@@ -33,10 +33,8 @@ void PageCachePulse::initialize(const VeskServerInfo& info, const QString& conne
     VLOG(log(), 3) << "Connection string set to:" << connection;
     // Without a daemon to send to, the pulse stays off: no message is made
     // and no connection is tried, so a request leaves no line about it.
-    if (connection.isEmpty()) {
-        VLOG(log(), 3) << "No statistics daemon is configured: the pulse stays off.";
+    if (connection.isEmpty())
         return;
-    }
     pulseInitialized = true;
 }
 
