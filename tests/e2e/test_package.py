@@ -37,7 +37,7 @@ def sanitized_build(build):
 
 def installed():
     result = subprocess.run(["dpkg-query", "-W", "-f=${Status}", PACKAGE], capture_output=True, text=True)
-    return result.returncode == 0 and "installed" in result.stdout
+    return result.returncode == 0 and result.stdout.endswith(" installed")
 
 
 def dpkg(*arguments):
