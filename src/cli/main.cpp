@@ -107,11 +107,19 @@ int main(int argc, char** argv)
         return fail(ExitUsage, QStringLiteral("unknown command '%1'; try --help").arg(rest.first()));
 
     CliContext context;
+    // A command's help is printed before anything is read.
+    if (rest.contains(QStringLiteral("--help")) || rest.contains(QStringLiteral("-h")))
+        return command(context, rest);
     if (!context.directives.load(iniSourcesFor(parser.value(confRoot), parser.value(sapi), parser.value(ini))))
         return fail(ExitFailed, context.directives.lastError());
     std::unique_ptr<VPrivilegesDropper> dropper;
-    if (!becomeWorkersUser(context.directives, dropper))
-        return fail(ExitFailed, QStringLiteral("cannot run as the workers' user (vesk.httpd_uid, vesk.httpd_gid)"));
+    if (!becomeWorkersUser(context.directives, dropper)) {
+        const QString phpIni = context.directives.filesRead().value(0);
+        return fail(ExitFailed, context.directives.httpdUid() < 0
+                                    ? QStringLiteral("vesk.httpd_uid is set neither in %1 nor in its scan directories: "
+                                                     "the workers' user is unknown").arg(phpIni)
+                                    : QStringLiteral("cannot become the workers' user %1").arg(context.directives.httpdUid()));
+    }
     openLog(context);
     try {
         return command(context, rest);
