@@ -76,6 +76,20 @@ QString describeRule(const CacheRule& rule, const QString& indent)
     return lines.join(QLatin1Char('\n'));
 }
 
+QStringList testConditions(const CacheRule& rule, bool* holds)
+{
+    QStringList lines;
+    const QList<ConditionsBlock>& blocks = rule.d->conditionBlocks;
+    for (int i = 0; i < blocks.size(); ++i) {
+        for (const QSharedPointer<VCondition>& condition : blocks.at(i).conditions)
+            lines << QStringLiteral("block %1: %2: %3")
+                         .arg(i + 1)
+                         .arg(describeCondition(*condition), condition->match() ? "yes" : "no");
+    }
+    *holds = rule.conditionsHold();
+    return lines;
+}
+
 Coverage coverageOf(VRuleMatcher& matcher, const QByteArray& url)
 {
     Coverage coverage;

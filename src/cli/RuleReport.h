@@ -14,6 +14,11 @@ QString describeCondition(const VCondition& condition);
 // and its split, each line beginning with `indent`.
 QString describeRule(const CacheRule& rule, const QString& indent);
 
+// The rule's condition blocks tested on the values the evaluators read now,
+// one line per condition with its verdict; `holds` says whether any block
+// (or the absence of blocks) lets the page be served and stored.
+QStringList testConditions(const CacheRule& rule, bool* holds);
+
 // Why a URL gets the rule it gets, or none: the answer of the matcher that
 // the workers use, with the reason in words.
 struct Coverage

@@ -3,7 +3,11 @@
 #include "CliContext.h"
 #include "CommandLine.h"
 #include "RuleReport.h"
+#include "RequestValues.h"
 #include "StoreListing.h"
+
+#include "VMD5.h"
+#include "VPHPGlobalsEvaluator.h"
 
 #include "VDiskStorage.h"
 #include "VGlobals.h"
@@ -13,6 +17,7 @@
 #include <QDateTime>
 #include <QFile>
 #include <QMap>
+#include <QScopeGuard>
 
 #include <cerrno>
 #include <csignal>
@@ -136,16 +141,84 @@ int commandList(CliContext& context, const QStringList& args)
     return ExitOk;
 }
 
+namespace {
+
+// This request's verdict: whether the conditions let the page be served
+// and stored, and the key of its copy. Answers that key, or an empty one.
+QByteArray showRequest(const CacheRule& rule, const QByteArray& url)
+{
+    bool holds = false;
+    for (const QString& line : testConditions(rule, &holds))
+        out(QStringLiteral("  ") + line);
+    if (rule.d->conditionsNeedSession || rule.d->splitNeedsSession)
+        out(QStringLiteral("  (conditions or split on _SESSION are decided when the script starts a session)"));
+    if (!holds) {
+        out(QStringLiteral("this request: conditions fail: the page is neither served from the store nor stored"));
+        return QByteArray();
+    }
+    QByteArray split;
+    if (!faithfulSplitKey(rule.d->splitBlock, url, split)) {
+        out(QStringLiteral("this request: a split value holds a NUL byte: never served from the store"));
+        return QByteArray();
+    }
+    const QByteArray key = VMD5::hash(split);
+    out(QStringLiteral("this request: conditions hold; its copy is %1 (split key \"%2\")")
+            .arg(QString::fromLatin1(key), QString::fromUtf8(split)));
+    return key;
+}
+
+void showCopies(VHTMLCache& cache, const CacheRule& rule, const QByteArray& url, const QByteArray& requestKey)
+{
+    const QByteArray ns = VHTMLCache::ruleNamespace(rule);
+    const qint64 now = QDateTime::currentSecsSinceEpoch();
+    int copies = 0;
+    for (const StoredPage& page : listStore(*cache.store())) {
+        // Stored URLs keep their query; the copies of every query count.
+        if (page.ns != ns || matchingUrl(QString::fromUtf8(page.entry.url())) != url)
+            continue;
+        ++copies;
+        const bool mine = !requestKey.isEmpty() && page.key.startsWith(requestKey);
+        out(QStringLiteral("stored copy %1 of %2: status %3, age %4 s, expires %5, %6 bytes%7")
+                .arg(QString::fromLatin1(page.key), QString::fromUtf8(page.entry.url()))
+                .arg(page.entry.status())
+                .arg(now - page.written)
+                .arg(expiryText(page, now))
+                .arg(page.entry.bodySize())
+                .arg(mine ? QStringLiteral(" (this request's)") : QString()));
+        for (const QByteArray& header : page.entry.headers())
+            out(QStringLiteral("    ") + QString::fromLatin1(header));
+    }
+    if (copies == 0)
+        out(QStringLiteral("no stored copy"));
+}
+
+} // namespace
+
 int commandInspect(CliContext& context, const QStringList& args)
 {
     QCommandLineParser parser;
     parser.addPositionalArgument(QStringLiteral("URL"), QStringLiteral("An http or https URL."));
+    const QCommandLineOption cookie(QStringLiteral("cookie"), QStringLiteral("A cookie of the request."),
+                                    QStringLiteral("NAME=VALUE"));
+    const QCommandLineOption server(QStringLiteral("server"), QStringLiteral("A _SERVER value of the request."),
+                                    QStringLiteral("NAME=VALUE"));
+    parser.addOptions({cookie, server});
     int code = ExitOk;
-    if (!parseCommand(parser, args, 1, 1, QStringLiteral("URL"), &code))
+    const QString syntax = QStringLiteral("[--cookie NAME=VALUE]... [--server NAME=VALUE]... URL");
+    if (!parseCommand(parser, args, 1, 1, syntax, &code))
         return code;
-    const QByteArray url = matchingUrl(parser.positionalArguments().at(0));
+    const QString text = parser.positionalArguments().at(0);
+    const QByteArray url = matchingUrl(text);
     if (url.isEmpty())
-        return fail(ExitUsage, QStringLiteral("inspect: not an http or https URL: %1").arg(parser.positionalArguments().at(0)));
+        return fail(ExitUsage, QStringLiteral("inspect: not an http or https URL: %1").arg(text));
+    QHash<QByteArray, QByteArray> checked;
+    for (const QString& pair : parser.values(cookie) + parser.values(server)) {
+        if (!RequestValues::addPair(pair, checked))
+            return fail(ExitUsage, QStringLiteral("inspect: expected NAME=VALUE, not %1").arg(pair));
+    }
+    RequestValues values(text, parser.values(cookie), parser.values(server));
+    VPHPEvaluatorsManager::setValueSource(&values);
+    const auto forget = qScopeGuard([] { VPHPEvaluatorsManager::setValueSource(nullptr); });
     VHTMLCache* cache = context.cache();
     if (!cache)
         return ExitFailed;
@@ -159,24 +232,7 @@ int commandInspect(CliContext& context, const QStringList& args)
             .arg(coverage.rule->id)
             .arg(coverage.reason));
     out(describeRule(*coverage.rule, QStringLiteral("  ")));
-    const QByteArray ns = VHTMLCache::ruleNamespace(*coverage.rule);
-    const qint64 now = QDateTime::currentSecsSinceEpoch();
-    int copies = 0;
-    for (const StoredPage& page : listStore(*cache->store())) {
-        // Stored URLs keep their query; the copies of every query count.
-        if (page.ns != ns || matchingUrl(QString::fromUtf8(page.entry.url())) != url)
-            continue;
-        ++copies;
-        out(QStringLiteral("stored copy %1 of %2: status %3, age %4 s, expires %5, %6 bytes")
-                .arg(QString::fromLatin1(page.key), QString::fromUtf8(page.entry.url()))
-                .arg(page.entry.status())
-                .arg(now - page.written)
-                .arg(expiryText(page, now))
-                .arg(page.entry.bodySize()));
-        for (const QByteArray& header : page.entry.headers())
-            out(QStringLiteral("    ") + QString::fromLatin1(header));
-    }
-    if (copies == 0)
-        out(QStringLiteral("no stored copy"));
+    const QByteArray key = showRequest(*coverage.rule, url);
+    showCopies(*cache, *coverage.rule, url, key);
     return ExitOk;
 }

@@ -107,6 +107,17 @@ class Tool(unittest.TestCase):
         self.assertIn("conditions: _COOKIE[session] does not exist", inspected)
         self.assertIn("split by: _SERVER[REQUEST_URI]", inspected)
         self.assertEqual(2, inspected.count("stored copy "), inspected)
+        self.assertIn("block 1: _COOKIE[session] does not exist: yes", inspected)
+        self.assertIn("this request: conditions hold; its copy is", inspected)
+        # The copy of the URL's own query is told from the others.
+        own = self.ok("inspect", "http://127.0.0.1:%d/page.php?a=2" % self.server.port)
+        self.assertRegex(own, r"stored copy [0-9a-f]{32} of http://127\.0\.0\.1:\d+/page\.php\?a=2: .* "
+                              r"\(this request's\)\n")
+        self.assertEqual(1, own.count("(this request's)"), own)
+        logged_in = self.ok("inspect", "--cookie", "session=1", "http://127.0.0.1/page.php")
+        self.assertIn("block 1: _COOKIE[session] does not exist: no", logged_in)
+        self.assertIn("this request: conditions fail: the page is neither served from the store nor stored",
+                      logged_in)
         self.assertRegex(inspected, r"of http://127\.0\.0\.1:\d+/page\.php\?a=1: status 200, age \d+ s, expires in \d+ s, \d+ bytes\n    Last-Modified: ")
         never = self.ok("inspect", "http://127.0.0.1/never.php")
         self.assertIn("not covered: listed under <dont_cache>", never)
@@ -188,6 +199,7 @@ class Tool(unittest.TestCase):
 
     def test_bad_arguments_get_one_line_and_exit_code_2(self):
         for args in (["frobnicate"], [], ["list", "--rul", "x"], ["inspect"], ["inspect", "ftp://x/"],
+                     ["inspect", "--cookie", "session", "http://127.0.0.1/page.php"],
                      ["remove", "ids", "seven"], ["remove", "uri", "Pages"], ["remove", "everything"],
                      ["check-rules", "a", "b"], ["stats", "--prometheus", "nowhere"],
                      ["stats", "--exit-after", "0"]):

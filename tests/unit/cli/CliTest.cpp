@@ -1,4 +1,5 @@
 #include "CliDirectives.h"
+#include "RequestValues.h"
 #include "RuleReport.h"
 #include "StatsTable.h"
 #include "StoreListing.h"
@@ -120,6 +121,24 @@ TEST(CliRuleReport, MatchingUrlIsWhatAWorkerMatches)
     EXPECT_EQ("https://example.org:8443/", matchingUrl("https://example.org:8443"));
     EXPECT_EQ("", matchingUrl("ftp://example.org/"));
     EXPECT_EQ("", matchingUrl("example.org/a"));
+}
+
+TEST(CliRequestValues, ARequestForTheUrlAsAWorkerSeesIt)
+{
+    RequestValues values("https://a.test:8443//p.php?x=1&y=%20#frag", {"sid=7"}, {"HTTP_HOST=b.test"});
+    EXPECT_EQ("1", values.elementValue("_GET", {"x"}));
+    EXPECT_EQ(" ", values.elementValue("_GET", {"y"}));
+    EXPECT_EQ("7", values.elementValue("_COOKIE", {"sid"}));
+    EXPECT_EQ("//p.php?x=1&y=%20", values.elementValue("_SERVER", {"REQUEST_URI"}));
+    EXPECT_EQ("on", values.elementValue("_SERVER", {"HTTPS"}));
+    EXPECT_EQ("8443", values.elementValue("_SERVER", {"SERVER_PORT"}));
+    EXPECT_EQ("b.test", values.elementValue("_SERVER", {"HTTP_HOST"}));
+    EXPECT_FALSE(values.elementExists("_COOKIE", {"other"}));
+    EXPECT_FALSE(values.globalExists("_SESSION"));
+    RequestValues plain("http://a.test", {}, {});
+    EXPECT_EQ("/", plain.elementValue("_SERVER", {"REQUEST_URI"}));
+    EXPECT_FALSE(plain.elementExists("_SERVER", {"HTTPS"}));
+    EXPECT_EQ("a.test", plain.elementValue("_SERVER", {"HTTP_HOST"}));
 }
 
 class CliRulesTest : public RulesFixture
