@@ -19,6 +19,8 @@ SOURCE_ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__
 EXTENSION = os.environ.get("VESK_EXTENSION", os.path.join(SOURCE_ROOT, "build", "vesk_pagecache.so"))
 PHP = shutil.which("php8.2") or shutil.which("php")
 LISTENER = os.path.join(os.path.dirname(EXTENSION), "pagecache-statsd-listen")
+# The operators' command-line tool, built beside the extension.
+TOOL = os.path.join(os.path.dirname(EXTENSION), "vesk-pagecache")
 
 # Servers run as production runs: Debian's production php.ini and its
 # module set with opcache, unless a test asks for the bare engine (-n).
