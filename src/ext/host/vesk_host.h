@@ -129,6 +129,14 @@ bool vesk_output_capture_on_top();
 // (zlib.output_compression, or ob_gzhandler as output_handler or the
 // script's own).
 bool vesk_output_compressing();
+// Called from the capture's handler as the script ends its level: starts
+// counting the body bytes the server is handed from now on. False, and no
+// count, when a level below changes what passes through it (compression,
+// a callback), so the count could not be checked.
+bool vesk_output_watch_rest(size_t passedOn);
+// Ends the count: whether the server got just what the levels below held
+// and the ended level passed on, nothing written after it.
+bool vesk_output_rest_as_expected();
 void vesk_sapi_flush();
 
 // Hooks of one request. The header hook sees each header operation the
