@@ -326,9 +326,10 @@ class FpmBehindNginx:
     def available(cls):
         return os.access(cls.FPM, os.X_OK) and os.access(cls.NGINX, os.X_OK)
 
-    def __init__(self, workspace, docroot, directives, daemonize=False, bare=False, workers=2):
+    def __init__(self, workspace, docroot, directives, daemonize=False, bare=False, workers=2, env=None):
         """With `daemonize`, php-fpm forks its master and the first process
-        exits; `master` is the pid of the process that serves either way."""
+        exits; `master` is the pid of the process that serves either way.
+        `env` adds variables to the workers' environment."""
         self.port = free_port()
         self.socket_path = socket_path = workspace.path("fpm.sock")
         self.daemonize = daemonize
@@ -348,7 +349,7 @@ class FpmBehindNginx:
             command.append("-R")
         self.fpm_output = open(workspace.path("fpm.out"), "wb")
         self.fpm = subprocess.Popen(command, stdout=self.fpm_output, stderr=subprocess.STDOUT,
-                                    stdin=subprocess.DEVNULL, env=php_environment("fpm", bare),
+                                    stdin=subprocess.DEVNULL, env=dict(php_environment("fpm", bare), **(env or {})),
                                     start_new_session=True)
         self.master = self.fpm.pid
         if daemonize:
