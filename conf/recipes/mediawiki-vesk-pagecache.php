@@ -12,7 +12,9 @@ $vesk_pagecache_forget_pages = static function () {
     $done = true;
     page_cache_remove_cached_contents_by_rule('MediaWiki');
 };
-foreach (['PageSaveComplete', 'PageDeleteComplete', 'PageUndeleteComplete', 'PageMoveComplete',
+// A restored page is told by ArticleUndelete up to MediaWiki 1.39, and by
+// PageUndeleteComplete from 1.40 on.
+foreach (['PageSaveComplete', 'PageDeleteComplete', 'ArticleUndelete', 'PageUndeleteComplete', 'PageMoveComplete',
           'ArticlePurge'] as $hook) {
     $wgHooks[$hook][] = $vesk_pagecache_forget_pages;
 }
