@@ -3,6 +3,7 @@ Debian's packages, under php-fpm behind nginx: WordPress on a MariaDB of its
 own, MediaWiki on SQLite. Anonymous pages are hits equal to their misses; a
 logged-in user is never served a stored page and never stores one; an edit
 followed by the recipe's removal is fresh at the next view."""
+import gzip
 import http.client
 import json
 import os
@@ -97,6 +98,9 @@ class RecipeCase(unittest.TestCase):
             status, headers, hit = visitor.get(path)
             self.assertIn(HIT, headers, path)
             self.assertEqual(miss, hit, path)
+            status, headers, packed = visitor.request("GET", path, headers={"Accept-Encoding": "gzip"})
+            self.assertEqual("gzip", headers.get("content-encoding"), path)
+            self.assertEqual(miss, gzip.decompress(packed), path)
         self.assertEqual({}, visitor.cookies)
         self.assertNotIn("WARNING]", self.workspace.log())
 

@@ -120,7 +120,7 @@ switch_theme('twentytwentythree');
 update_option('permalink_structure', '');
 for ($i = 1; $i <= %d; $i++) {
     wp_insert_post(['post_title' => "Post $i", 'post_status' => 'publish',
-                    'post_content' => str_repeat("<p>Paragraph of post $i. " .
+                    'post_content' => str_repeat("<p>Paragraph of post $i, written for the tests. " .
                                                   str_repeat('Lorem ipsum dolor sit amet. ', 12) . "</p>\\n", 6)]);
 }
 echo "installed\\n";
