@@ -326,10 +326,14 @@ class FpmBehindNginx:
     def available(cls):
         return os.access(cls.FPM, os.X_OK) and os.access(cls.NGINX, os.X_OK)
 
-    def __init__(self, workspace, docroot, directives, daemonize=False, bare=False, workers=2, env=None):
+    def __init__(self, workspace, docroot, directives, daemonize=False, bare=False, workers=2,
+                 extension=EXTENSION, scan_dir=None, user=None, env=None):
         """With `daemonize`, php-fpm forks its master and the first process
         exits; `master` is the pid of the process that serves either way.
-        `env` adds variables to the workers' environment."""
+        `extension` None loads none on the command line (an installed one
+        comes through `scan_dir`, PHP_INI_SCAN_DIR's value); `user` runs the
+        pool as that user, as a system's php-fpm does; `env` adds variables
+        to the workers' environment."""
         self.port = free_port()
         self.socket_path = socket_path = workspace.path("fpm.sock")
         self.daemonize = daemonize
@@ -339,17 +343,24 @@ class FpmBehindNginx:
                     "clear_env = no\ncatch_workers_output = yes\n"
                     % (workspace.path("fpm.pid"), workspace.path("fpm.log"), "yes" if daemonize else "no",
                        socket_path, workers))
-            if os.geteuid() == 0:
+            if user:
+                f.write("user = %s\ngroup = %s\n" % (user, user))
+            elif os.geteuid() == 0:
                 f.write("user = root\ngroup = root\n")
-        command = ([self.FPM] + engine_settings("fpm", bare)[0]
-                   + ["-y", workspace.path("fpm.conf"), "-d", "zend_extension=" + EXTENSION])
+        command = [self.FPM] + engine_settings("fpm", bare)[0] + ["-y", workspace.path("fpm.conf")]
+        if extension:
+            command += ["-d", "zend_extension=" + extension]
         for name, value in directives.items():
             command += ["-d", "%s=%s" % (name, value)]
-        if os.geteuid() == 0:
+        if os.geteuid() == 0 and not user:
             command.append("-R")
+        environment = php_environment("fpm", bare)
+        if scan_dir is not None:
+            environment["PHP_INI_SCAN_DIR"] = scan_dir
+        environment.update(env or {})
         self.fpm_output = open(workspace.path("fpm.out"), "wb")
         self.fpm = subprocess.Popen(command, stdout=self.fpm_output, stderr=subprocess.STDOUT,
-                                    stdin=subprocess.DEVNULL, env=dict(php_environment("fpm", bare), **(env or {})),
+                                    stdin=subprocess.DEVNULL, env=environment,
                                     start_new_session=True)
         self.master = self.fpm.pid
         if daemonize:
