@@ -329,12 +329,13 @@ class FpmBehindNginx:
         return os.access(cls.FPM, os.X_OK) and os.access(cls.NGINX, os.X_OK)
 
     def __init__(self, workspace, docroot, directives, daemonize=False, bare=False, workers=2,
-                 extension=EXTENSION, scan_dir=None, user=None):
+                 extension=EXTENSION, scan_dir=None, user=None, env=None):
         """With `daemonize`, php-fpm forks its master and the first process
         exits; `master` is the pid of the process that serves either way.
         `extension` None loads none on the command line (an installed one
         comes through `scan_dir`, PHP_INI_SCAN_DIR's value); `user` runs the
-        pool as that user, as a system's php-fpm does."""
+        pool as that user, as a system's php-fpm does; `env` adds variables
+        to the workers' environment."""
         self.port = free_port()
         self.socket_path = socket_path = workspace.path("fpm.sock")
         self.daemonize = daemonize
@@ -358,6 +359,7 @@ class FpmBehindNginx:
         environment = php_environment("fpm", bare)
         if scan_dir is not None:
             environment["PHP_INI_SCAN_DIR"] = scan_dir
+        environment.update(env or {})
         self.fpm_output = open(workspace.path("fpm.out"), "wb")
         self.fpm = subprocess.Popen(command, stdout=self.fpm_output, stderr=subprocess.STDOUT,
                                     stdin=subprocess.DEVNULL, env=environment,
