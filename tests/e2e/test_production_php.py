@@ -66,6 +66,9 @@ class ProductionPhp(harness.Case):
             for _ in range(4):
                 self.assertEqual((200, miss[2]), fetch(port, "/p/headers.php")[::2])
             self.assertEqual("gzip", packed[1].get("content-encoding"))
+            # The date the cache gave the page answers a conditional request.
+            status, _, empty = fetch(port, "/p/headers.php", {"If-Modified-Since": miss[1]["last-modified"]})
+            self.assertEqual((304, b""), (status, empty))
             for status, headers, body in (plain, packed):
                 self.assertEqual((200, miss[2]), (status, body))
                 self.assertNotIn("x-gone", headers)

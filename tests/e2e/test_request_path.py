@@ -79,11 +79,18 @@ class RequestPath(harness.Case):
         self.assertEqual(before + 4, self.runs("page.php"))
 
     def test_conditional_requests(self):
-        _, headers, _ = self.request("GET", "/page.php?cond=1")
+        _, headers, body = self.request("GET", "/page.php?cond=1")
         created = headers["last-modified"]
+        status, _, empty = self.request("GET", "/page.php?cond=1", {"If-Modified-Since": created})
+        self.assertEqual((304, b""), (status, empty))
+        # The date the client was sent is no modification after itself.
+        status, _, again = self.request("GET", "/page.php?cond=1", {"If-Unmodified-Since": created})
+        self.assertEqual((200, body), (status, again))
         created_time = email.utils.parsedate_to_datetime(created)
         earlier = email.utils.format_datetime(created_time - datetime.timedelta(seconds=1), usegmt=True)
-        # Both: only If-Unmodified-Since counts. (Each alone: test_production_php.)
+        status, _, _ = self.request("GET", "/page.php?cond=1", {"If-Unmodified-Since": earlier})
+        self.assertEqual(412, status)
+        # Both: only If-Unmodified-Since counts.
         status, _, _ = self.request("GET", "/page.php?cond=1",
                                     {"If-Unmodified-Since": earlier, "If-Modified-Since": created})
         self.assertEqual(412, status)
