@@ -83,6 +83,20 @@ int scanDirectory(const char* dirPath)
     return 0;
 }
 
+// PHP_INI_SCAN_DIR as the engine reads it: directories separated by ":",
+// each read in turn; an empty entry stands for the engine's own scan
+// directory, so ":/dir" adds a directory to the usual ones.
+int scanDirectoryList(const char* list)
+{
+    int result = 0;
+    for (const QByteArray& entry : QByteArray(list).split(':')) {
+        const char* dirPath = entry.isEmpty() ? vesk_engine_scan_dir() : entry.constData();
+        if (dirPath && *dirPath && scanDirectory(dirPath) != 0)
+            result = -1;
+    }
+    return result;
+}
+
 long numberOf(const char* name, long absent)
 {
     const char* value = nullptr;
@@ -159,7 +173,8 @@ int loadGlobalDirectives()
             return 0;
         }
     }
-    return scanDirectory(scanDir);
+    // The environment's value is a list; vesk.ini_scandir names one directory.
+    return scanDir == scanDirBuffer ? scanDirectory(scanDir) : scanDirectoryList(scanDir);
 }
 
 void acceptDirective(const char* key, size_t keyLength, const char* value, size_t valueLength,

@@ -36,6 +36,35 @@ bool captureBroken(const VeskOutputPass& pass)
     return true;
 }
 
+// After a flush reached the client its headers are gone: the page is
+// then stored with the lines the client got, and no line of ours.
+void addLastModified()
+{
+    if (requestState.lastModifiedSent) {
+        VLOG(moduleState.logStream, 3) << "Not generating Last-Modified header - already sent";
+    } else if (!vesk_headers_sent()) {
+        static QDateTime now;
+        now = QDateTime::fromSecsSinceEpoch(qint64(time(nullptr)), Qt::UTC);
+        sendHeader("Last-Modified: " + now.toString(QStringLiteral("ddd, dd MMM yyyy hh:mm:ss 'GMT'")).toLatin1());
+    }
+}
+
+// A script may end the capture's level with a flush: applications end
+// every level at shutdown so that their page goes out at once. What the
+// level held is on its way to the client then, and it is the whole page
+// if nothing follows it; whether anything does is known at request end.
+bool holdEndedCapture(const char* output, size_t length, const VeskOutputPass& pass)
+{
+    RequestState& r = requestState;
+    if (pass.clean || !pass.byScript || !vesk_output_watch_rest(length))
+        return false;
+    r.flushedOutput.append(output ? output : "", int(length));
+    r.captureEndedByScript = true;
+    // The lines below hold the page back yet; later they may have gone out.
+    addLastModified();
+    return true;
+}
+
 // The page passed every test: its output joined to what was flushed ahead,
 // stored under the request's key.
 void storeWhole(const char* output, size_t length, int responseCode)
@@ -58,15 +87,7 @@ void storeWhole(const char* output, size_t length, int responseCode)
         r.buffering = false;
         return;
     }
-    // After a flush reached the client its headers are gone: the page is
-    // then stored with the lines the client got, and no line of ours.
-    if (r.lastModifiedSent) {
-        VLOG(log, 3) << "Not generating Last-Modified header - already sent";
-    } else if (!vesk_headers_sent()) {
-        static QDateTime now;
-        now = QDateTime::fromSecsSinceEpoch(qint64(time(nullptr)), Qt::UTC);
-        sendHeader("Last-Modified: " + now.toString(QStringLiteral("ddd, dd MMM yyyy hh:mm:ss 'GMT'")).toLatin1());
-    }
+    addLastModified();
     const quint32 lifetime = r.rule->d->lifetime;
     // Where an output handler of the engine compresses every response, a
     // hit goes out through it too: a gzip copy would be compressed twice.
@@ -107,6 +128,8 @@ void storeToCache(const char* output, size_t length, const VeskOutputPass& pass)
         r.flushedOutput.clear();
         return;
     }
+    if (holdEndedCapture(output, length, pass))
+        return;
     if (!cache->areHeadersCacheable(r.seenHeaders, r.appId)) {
         disableCaching();
         r.buffering = false;
@@ -139,6 +162,22 @@ void startOutputCapture()
     const int level = vesk_start_output_capture(storeToCache);
     if (level >= 0)
         pageCacheConfig.outputHandlerLevel = level;
+}
+
+void finishEndedCapture()
+{
+    RequestState& r = requestState;
+    r.captureEndedByScript = false;
+    const bool whole = vesk_output_rest_as_expected();
+    QByteArray page;
+    page.swap(r.flushedOutput);
+    if (!whole) {
+        VLOG(moduleState.logStream, 3) << "The script wrote more after ending the page cache's output buffer. "
+                                          "Output will not be cached.";
+    } else if (r.buffering) {
+        storeToCache(page.constData(), size_t(page.size()), VeskOutputPass{false, false, true, false});
+    }
+    r.buffering = false;
 }
 
 void disableCaching()

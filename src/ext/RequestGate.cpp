@@ -277,6 +277,8 @@ int requestShutdown()
     if (isDaemonMode())
         return 0;
     RequestState& r = requestState;
+    if (r.captureEndedByScript)
+        finishEndedCapture();
     if (r.buffering) {
         // The engine has ended its output stack by now, unless a failed store
         // left ours standing; ending an empty stack would only raise a notice.

@@ -30,3 +30,6 @@ void sendHeader(const QByteArray& line, bool replace = true);
 // Puts the capture's handler on top of the output stack.
 void startOutputCapture();
 void disableCaching();
+// At request end, for a capture the script ended with a flush: stores the
+// page when nothing was written after it.
+void finishEndedCapture();

@@ -44,6 +44,9 @@ struct RequestState
     bool lastModifiedSent = false;
     bool responseIsGzip = false;
     bool responseCompressed = false;
+    // The script ended the capture's level with a flush; the page is
+    // stored at request end if nothing followed it.
+    bool captureEndedByScript = false;
     // Facts for the host's statistics function, reported at request end.
     QList<PageCacheStatRecord> statisticsQueue;
 };

@@ -331,9 +331,13 @@ class FpmBehindNginx:
     def available(cls):
         return os.access(cls.FPM, os.X_OK) and os.access(cls.NGINX, os.X_OK)
 
-    def __init__(self, workspace, docroot, directives, daemonize=False, bare=False, workers=2):
+    def __init__(self, workspace, docroot, directives, daemonize=False, bare=False, workers=2,
+                 extension=EXTENSION, scan_dir=None, user=None):
         """With `daemonize`, php-fpm forks its master and the first process
-        exits; `master` is the pid of the process that serves either way."""
+        exits; `master` is the pid of the process that serves either way.
+        `extension` None loads none on the command line (an installed one
+        comes through `scan_dir`, PHP_INI_SCAN_DIR's value); `user` runs the
+        pool as that user, as a system's php-fpm does."""
         self.port = free_port()
         self.socket_path = socket_path = workspace.path("fpm.sock")
         self.daemonize = daemonize
@@ -343,16 +347,22 @@ class FpmBehindNginx:
                     "clear_env = no\ncatch_workers_output = yes\n"
                     % (workspace.path("fpm.pid"), workspace.path("fpm.log"), "yes" if daemonize else "no",
                        socket_path, workers))
-            if os.geteuid() == 0:
+            if user:
+                f.write("user = %s\ngroup = %s\n" % (user, user))
+            elif os.geteuid() == 0:
                 f.write("user = root\ngroup = root\n")
-        command = ([self.FPM] + engine_settings("fpm", bare)[0]
-                   + ["-y", workspace.path("fpm.conf"), "-d", "zend_extension=" + EXTENSION])
+        command = [self.FPM] + engine_settings("fpm", bare)[0] + ["-y", workspace.path("fpm.conf")]
+        if extension:
+            command += ["-d", "zend_extension=" + extension]
         for name, value in directives.items():
             command += ["-d", "%s=%s" % (name, value)]
-        if os.geteuid() == 0:
+        if os.geteuid() == 0 and not user:
             command.append("-R")
+        environment = php_environment("fpm", bare)
+        if scan_dir is not None:
+            environment["PHP_INI_SCAN_DIR"] = scan_dir
         self.fpm_output = open(workspace.path("fpm.out"), "wb")
-        self.fpm = _spawn(command, self.fpm_output, php_environment("fpm", bare))
+        self.fpm = _spawn(command, self.fpm_output, environment)
         self.master = self.fpm.pid
         if daemonize:
             # The first process exits once the master it forked is ready.

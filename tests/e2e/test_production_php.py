@@ -47,6 +47,7 @@ class ProductionPhp(harness.Case):
         for kind in harness.SERVERS:
             for mode, settings in COMPRESSION.items():
                 with self.subTest(server=kind, compression=mode):
+                    self.compression = mode
                     self.use_site(RULES, "production_site", sessions=True)
                     server = self.serve(kind, self.directives(**settings))
                     try:
@@ -120,6 +121,19 @@ class ProductionPhp(harness.Case):
                 self.assertEqual(200, status)
                 self.assertIn(b"level=0\n", body)
                 self.assertNotIn(b"Notice", body)
+            # Every level ended with a flush at shutdown: the page is whole, and
+            # stored where the levels below pass it on unchanged.
+            miss, plain, packed = self.miss_then_hits(port, "/p/shutdown_flush.php")
+            for _, _, body in (miss, plain, packed):
+                self.assertTrue(body.endswith(b"</html>\n"), body[-40:])
+            if self.compression == "production":
+                self.assertEqual(miss[2], plain[2])
+                self.assertEqual(miss[2], packed[2])
+            # Output after the levels ended is the client's too, so never stored.
+            first, second = fetch(port, "/p/flush_then_more.php"), fetch(port, "/p/flush_then_more.php")
+            for _, _, body in (first, second):
+                self.assertIn(b"<p>tail ", body)
+            self.assertNotEqual(first[2], second[2])
             # A flush inside the page: the stored page is still the whole one.
             miss, plain, packed = self.miss_then_hits(port, "/p/flushed.php")
             self.assertIn(b"second part", miss[2])

@@ -74,6 +74,20 @@ class Pulse(harness.Case):
         self.assertEqual([0, 1], counter_types(self.facts("/page.php", 2)))
 
 
+class NoDaemon(harness.Case):
+    def test_without_a_connection_string_requests_try_and_log_nothing(self):
+        self.use_site(RULES)
+        server = self.serve(directives=self.directives(vesk_pagecache__log_verbosity_level="5"))
+        for _ in range(3):
+            self.assertEqual(200, server.get("/page.php")[0])
+        log = self.workspace.log()
+        # The requests were covered, and traced.
+        self.assertIn("Cache entry NOT found", log)
+        self.assertNotIn("statsd", log)
+        self.assertNotIn("Adding POSSIBLE", log)
+        self.assertNotIn("Adding PageCache-", log)
+
+
 class RecordChannel(harness.Case):
     def test_directives_as_written_leave_the_channel_shut(self):
         # The page cache's switch is looked up with its terminating zero as

@@ -46,6 +46,21 @@ void refuse(const QString& text, int level)
     disableExtension(text);
 }
 
+// A fault that switches the cache off at start-up is also told to PHP's own
+// error log: before the cache's log is open its lines go to standard error,
+// which a daemonizing server leaves behind on the terminal. Runs where the
+// cache stays off by design (the command line) keep their error log quiet.
+void refuseAndReport(const QString& text, int level)
+{
+    refuse(text, level);
+    if (webSapiCheck() != 0 && !pageCacheConfig.enable_cli)
+        return;
+    const QString line = text.contains(QLatin1String(PageCacheName))
+                             ? text
+                             : QStringLiteral("%1 is disabled: %2").arg(QLatin1String(PageCacheName), text);
+    vesk_log_error(line.toLocal8Bit().constData());
+}
+
 // The log file and the store are made as the web server's user, so that
 // workers that run as that user can write them later.
 std::unique_ptr<VPrivilegesDropper> dropPrivileges(long uid, long gid)
@@ -64,13 +79,13 @@ bool openLog()
     try {
         const long uid = httpdUid();
         if (uid == -1) {
-            refuse(QString::fromLatin1(NoUidMessage), 3);
+            refuseAndReport(QString::fromLatin1(NoUidMessage), 3);
             free(logPath);
             return false;
         }
         const long gid = httpdGid();
         if (gid == -1) {
-            refuse(QString::fromLatin1(NoGidMessage), 3);
+            refuseAndReport(QString::fromLatin1(NoGidMessage), 3);
             free(logPath);
             return false;
         }
@@ -84,7 +99,7 @@ bool openLog()
     } catch (const VException& e) {
         dropper.reset();
         free(logPath);
-        refuse(QStringLiteral("Vesk Page Cache is disabled: ") + QString::fromLatin1(e.what()), 3);
+        refuseAndReport(QStringLiteral("Vesk Page Cache is disabled: ") + QString::fromLatin1(e.what()), 3);
         return false;
     }
     return true;
@@ -166,14 +181,14 @@ int moduleStartup()
         dropper.reset();
     } catch (const VException& e) {
         dropper.reset();
-        refuse(QString::fromLatin1(e.what()), 0);
+        refuseAndReport(QString::fromLatin1(e.what()), 0);
         return 0;
     }
     if (installSessionHooks()) {
         pageCacheConfig.outputHandlerLevel = -1;
         return 0;
     }
-    refuse(QStringLiteral("Failed to set session handlers"), 0);
+    refuseAndReport(QStringLiteral("Failed to set session handlers"), 0);
     return 0;
 }
 
@@ -212,7 +227,7 @@ void reloadRules(bool isStartup)
     VHTMLCache* cache = VHTMLCache::instance();
     if (!cache->load(moduleState.resolvedSavePath, pageCacheConfig.dir_depth,
                      moduleState.resolvedRulesFile, pageCacheConfig.clean_frequency, false,
-                     pageCacheConfig.max_cached_rules, isStartup)) {
+                     pageCacheConfig.max_cached_rules, isStartup, isStartup)) {
         VLOG(log, 0) << cache->lastError();
     }
 }

@@ -46,6 +46,10 @@ const char* vesk_get_configuration_directive(const char* name, size_t length);
 void vesk_add_configuration_directive(const char* name, size_t nameLength,
                                       const char* value, size_t valueLength);
 
+// The scan directory the engine was built with (PHP_CONFIG_FILE_SCAN_DIR of
+// the running binary, which differs between Debian's SAPIs), or null.
+const char* vesk_engine_scan_dir();
+
 typedef void (*VeskIniCallback)(const char* key, size_t keyLength, const char* value,
                                 size_t valueLength, int callbackType, void* arg);
 // Parses an open ini file with the engine's own parser; the file is closed.
@@ -60,6 +64,8 @@ VeskIniApply vesk_apply_ini_entry(const char* name, size_t nameLength, const cha
 
 // Error reporting towards the script's author.
 void vesk_error(int type, const char* format, ...) __attribute__((format(printf, 2, 3)));
+// A line in PHP's own error log (error_log, else the server's log).
+void vesk_log_error(const char* message);
 
 // Server API and request.
 const char* vesk_sapi_name();
@@ -129,6 +135,14 @@ bool vesk_output_capture_on_top();
 // (zlib.output_compression, or ob_gzhandler as output_handler or the
 // script's own).
 bool vesk_output_compressing();
+// Called from the capture's handler as the script ends its level: starts
+// counting the body bytes the server is handed from now on. False, and no
+// count, when a level below changes what passes through it (compression,
+// a callback), so the count could not be checked.
+bool vesk_output_watch_rest(size_t passedOn);
+// Ends the count: whether the server got just what the levels below held
+// and the ended level passed on, nothing written after it.
+bool vesk_output_rest_as_expected();
 void vesk_sapi_flush();
 
 // Hooks of one request. The header hook sees each header operation the

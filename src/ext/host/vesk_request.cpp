@@ -15,6 +15,29 @@ int (*savedHeaderHandler)(sapi_header_struct*, sapi_header_op_enum, sapi_headers
 void (*savedFlush)(void*) = nullptr;
 zend_op_array* (*savedCompileFile)(zend_file_handle*, int) = nullptr;
 VeskOutputCallback outputCallback = nullptr;
+size_t (*savedUbWrite)(const char*, size_t) = nullptr;
+int (*savedSendHeaders)(sapi_headers_struct*) = nullptr;
+// Body bytes the server has been handed since the watch began, and how
+// many of them were already on their way when it began.
+size_t bytesWritten = 0;
+size_t bytesExpected = 0;
+// CGI and FastCGI write the header block through the same call as the body.
+bool sendingHeaders = false;
+
+size_t countingUbWrite(const char* data, size_t length)
+{
+    if (!sendingHeaders)
+        bytesWritten += length;
+    return savedUbWrite(data, length);
+}
+
+int headerAwareSendHeaders(sapi_headers_struct* headers)
+{
+    sendingHeaders = true;
+    const int sent = savedSendHeaders(headers);
+    sendingHeaders = false;
+    return sent;
+}
 
 int headerHook(sapi_header_struct* header, sapi_header_op_enum op, sapi_headers_struct* headers)
 {
@@ -175,6 +198,44 @@ bool vesk_output_compressing()
 {
     return php_output_handler_started(ZEND_STRL("zlib output compression"))
            || php_output_handler_started(ZEND_STRL("ob_gzhandler"));
+}
+
+bool vesk_output_watch_rest(size_t passedOn)
+{
+    // Only levels that pass their bytes on unchanged let the bytes still to
+    // come be counted against what was on its way.
+    size_t held = 0;
+    const int count = zend_stack_count(&OG(handlers));
+    auto* levels = static_cast<php_output_handler**>(zend_stack_base(&OG(handlers)));
+    for (int i = 0; i + 1 < count; ++i) {
+        if (!zend_string_equals_literal(levels[i]->name, "default output handler"))
+            return false;
+        held += levels[i]->buffer.used;
+    }
+    bytesWritten = 0;
+    bytesExpected = held + passedOn;
+    if (sapi_module.ub_write != countingUbWrite) {
+        savedUbWrite = sapi_module.ub_write;
+        sapi_module.ub_write = countingUbWrite;
+    }
+    if (sapi_module.send_headers && sapi_module.send_headers != headerAwareSendHeaders) {
+        savedSendHeaders = sapi_module.send_headers;
+        sapi_module.send_headers = headerAwareSendHeaders;
+    }
+    return true;
+}
+
+bool vesk_output_rest_as_expected()
+{
+    if (sapi_module.ub_write == countingUbWrite) {
+        sapi_module.ub_write = savedUbWrite;
+        savedUbWrite = nullptr;
+    }
+    if (sapi_module.send_headers == headerAwareSendHeaders) {
+        sapi_module.send_headers = savedSendHeaders;
+        savedSendHeaders = nullptr;
+    }
+    return bytesWritten == bytesExpected;
 }
 
 void vesk_sapi_flush()
