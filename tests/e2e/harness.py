@@ -5,6 +5,7 @@ directories the extension is pointed at, is waited for within a bound,
 and is stopped by its pid when the test ends.
 """
 import http.client
+import json
 import os
 import shutil
 import signal
@@ -12,7 +13,9 @@ import socket
 import subprocess
 import tempfile
 import time
+import unittest
 import urllib.error
+import urllib.parse
 import urllib.request
 
 SOURCE_ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -92,10 +95,11 @@ class Workspace:
 
     @classmethod
     def with_site(cls, test, rules, site="site"):
-        """A workspace that `test` removes when it ends, with `rules` in
-        place and a copy of one of the test sites; answers both."""
+        """A workspace that `test` (a test, or a test class) removes when it
+        ends, with `rules` in place and a copy of one of the test sites;
+        answers both."""
         workspace = cls()
-        test.addCleanup(workspace.remove)
+        (test.addClassCleanup if isinstance(test, type) else test.addCleanup)(workspace.remove)
         workspace.use_rules(rules)
         docroot = workspace.path("site")
         shutil.copytree(os.path.join(os.path.dirname(os.path.abspath(__file__)), site), docroot)
@@ -136,24 +140,10 @@ class BuiltinServer:
         if workers:
             env["PHP_CLI_SERVER_WORKERS"] = str(workers)
         self.output = open(workspace.path("server.out"), "wb")
-        self.process = subprocess.Popen(
+        self.process = _spawn(
             list(wrapper) + php_command(directives, bare) + ["-S", "127.0.0.1:%d" % self.port, "-t", docroot],
-            stdout=self.output, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, env=env,
-            start_new_session=True)
-        self._wait_until_listening()
-
-    def _wait_until_listening(self, seconds=15):
-        deadline = time.monotonic() + seconds
-        while time.monotonic() < deadline:
-            if self.process.poll() is not None:
-                raise RuntimeError("php -S exited with %s" % self.process.returncode)
-            try:
-                with socket.create_connection(("127.0.0.1", self.port), timeout=0.5):
-                    return
-            except OSError:
-                time.sleep(0.05)
-        self.stop()
-        raise RuntimeError("php -S did not listen within %s s" % seconds)
+            self.output, env)
+        _listening(self, self.process, "php -S")
 
     def get(self, path, headers=None):
         request = urllib.request.Request("http://127.0.0.1:%d%s" % (self.port, path), headers=headers or {})
@@ -167,6 +157,21 @@ class BuiltinServer:
         # The server's workers share its process group.
         _terminate(self.process)
         self.output.close()
+
+
+def _spawn(command, output, env=None):
+    """Starts `command` in a session of its own, its output into the file `output`."""
+    return subprocess.Popen(command, stdout=output, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, env=env,
+                            start_new_session=True)
+
+
+def _listening(server, process, what, seconds=15):
+    """Waits until `process` listens on `server`'s port; stops the server when it doesn't."""
+    try:
+        _wait_for_port(server.port, process, seconds, what)
+    except RuntimeError:
+        server.stop()
+        raise
 
 
 def _wait_for_port(port, process, seconds, what):
@@ -361,9 +366,7 @@ class FpmBehindNginx:
             environment["PHP_INI_SCAN_DIR"] = scan_dir
         environment.update(env or {})
         self.fpm_output = open(workspace.path("fpm.out"), "wb")
-        self.fpm = subprocess.Popen(command, stdout=self.fpm_output, stderr=subprocess.STDOUT,
-                                    stdin=subprocess.DEVNULL, env=environment,
-                                    start_new_session=True)
+        self.fpm = _spawn(command, self.fpm_output, environment)
         self.master = self.fpm.pid
         if daemonize:
             # The first process exits once the master it forked is ready.
@@ -410,14 +413,9 @@ http {
 }
 """ % {"ws": workspace.root, "tmp": temp, "port": self.port, "root": docroot, "sock": socket_path})
         self.nginx_output = open(workspace.path("nginx.out"), "wb")
-        self.nginx = subprocess.Popen([self.NGINX, "-c", workspace.path("nginx.conf"), "-p", workspace.root],
-                                      stdout=self.nginx_output, stderr=subprocess.STDOUT,
-                                      stdin=subprocess.DEVNULL, start_new_session=True)
-        try:
-            _wait_for_port(self.port, self.nginx, 15, "nginx")
-        except RuntimeError:
-            self.stop()
-            raise
+        self.nginx = _spawn([self.NGINX, "-c", workspace.path("nginx.conf"), "-p", workspace.root],
+                            self.nginx_output)
+        _listening(self, self.nginx, "nginx")
 
     def worker_pids(self):
         """The pool's workers: the master's children but the cache cleaner."""
@@ -491,14 +489,106 @@ class ApacheWithPhp:
         self.output = open(workspace.path("apache.out"), "wb")
         env = php_environment("apache2", bare)
         env["PHP_INI_SCAN_DIR"] = ":".join(filter(None, [env["PHP_INI_SCAN_DIR"], ext_dir]))
-        self.process = subprocess.Popen([self.APACHE, "-f", workspace.path("apache.conf"), "-DFOREGROUND"],
-                                        stdout=self.output, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL,
-                                        env=env, start_new_session=True)
-        try:
-            _wait_for_port(self.port, self.process, 15, "apache2")
-        except RuntimeError:
-            self.stop()
-            raise
+        self.process = _spawn([self.APACHE, "-f", workspace.path("apache.conf"), "-DFOREGROUND"], self.output, env)
+        _listening(self, self.process, "apache2")
 
     def stop(self):
         _stop(self.process, self.output)
+
+
+def url_rule(path, name="Pages", splits=("_SERVER[REQUEST_URI]",), conditions=(), **attributes):
+    """One <url> rule for the default server, matched as a regular expression
+    and kept 300 s unless `attributes` say otherwise; split by `splits`, and
+    taken only when all `conditions` (attribute strings of <condition>) hold."""
+    values = {"lifetime": "300", "match_type": "regex_match"}
+    values.update(attributes)
+    extra = "".join(' %s="%s"' % item for item in values.items())
+    body = "<name>%s</name>" % name
+    if conditions:
+        body += ("<conditions_OR_block><conditions_AND_block>%s</conditions_AND_block></conditions_OR_block>"
+                 % "".join("<condition %s/>" % condition for condition in conditions))
+    if splits:
+        body += "<split_by>%s</split_by>" % "".join('<split_condition global="%s"/>' % value for value in splits)
+    return '<url schema="http" host="&lt;default-server&gt;" path="%s"%s>%s</url>' % (path, extra, body)
+
+
+def rules_file(*rules):
+    """A rules file holding `rules` (<url> and <response_rule> elements)."""
+    return ('<?xml version="1.0" encoding="UTF-8"?>\n<cache_settings><dont_cache/><cache>\n  %s\n'
+            "</cache></cache_settings>\n" % "\n  ".join(rules))
+
+
+# Each kind of server the tests run the extension under, by the name tests use.
+SERVERS = {"php -S": BuiltinServer, "php-fpm": FpmBehindNginx, "apache": ApacheWithPhp}
+
+
+def shipped_rules():
+    """The example rules file the package ships."""
+    with open(os.path.join(SOURCE_ROOT, "conf", "pagecache_rules.xml")) as f:
+        return f.read()
+
+
+class Case(unittest.TestCase):
+    """A test over one workspace holding a copy of a test site, with the
+    servers it starts stopped when it ends."""
+
+    def use_site(self, rules, site="site", sessions=False):
+        """The workspace, with `rules` in place, and its site directory; with
+        `sessions`, a sessions directory the servers are pointed at."""
+        self.workspace, self.site = Workspace.with_site(self, rules, site)
+        self.sessions = sessions
+        if sessions:
+            os.makedirs(self.workspace.path("sessions"))
+        return self.workspace, self.site
+
+    def directives(self, **extra):
+        directives = self.workspace.directives(**extra)
+        if self.sessions:
+            directives["session.save_path"] = self.workspace.path("sessions")
+        return directives
+
+    def serve(self, kind="php -S", directives=None, **options):
+        """A server of `kind` over the site, with `directives` (the workspace's
+        own unless given); the servers whose workers may run as another user
+        get the directories they write to opened up."""
+        server_class = SERVERS[kind]
+        if server_class is not BuiltinServer:
+            if not server_class.available():
+                self.fail("%s is not installed: scripts/bootstrap installs it" % kind)
+            make_shared(self.workspace, *[name for name in ("log", "tmp", "run", "site", "var", "sessions")
+                                          if os.path.isdir(self.workspace.path(name))])
+        server = server_class(self.workspace, self.site,
+                              self.directives() if directives is None else directives, **options)
+        self.addCleanup(server.stop)
+        return server
+
+    def runs(self, page="page.php"):
+        """How often `page` of the site has run: each page notes its runs."""
+        try:
+            with open(os.path.join(self.site, "runs.log")) as f:
+                return f.read().split().count(page)
+        except FileNotFoundError:
+            return 0
+
+    def records(self):
+        """The page records in the workspace's store, without the files
+        being written (their names start with a dot)."""
+        root = self.workspace.path("tmp", "pagecache", "HTML-Cache")
+        return [os.path.join(directory, name) for directory, _, names in os.walk(root)
+                for name in names if not name.startswith(".")]
+
+    def wait_until(self, condition, seconds, message):
+        deadline = time.monotonic() + seconds
+        while not condition():
+            self.assertLess(time.monotonic(), deadline, message)
+            time.sleep(0.05)
+
+    def assertLogged(self, text):
+        self.assertTrue(text in self.workspace.log(), "not in the log: " + text)
+
+    def call(self, port, name, *args):
+        """Calls one of the extension's functions from a page: its answer."""
+        query = urllib.parse.urlencode({"fn": name, "args": json.dumps(list(args))})
+        status, _, body = http_get(port, "/call.php?" + query)
+        self.assertEqual(200, status, body)
+        return json.loads(body)

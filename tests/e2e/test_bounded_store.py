@@ -11,14 +11,7 @@ import unittest
 
 import harness
 
-RULES = """<?xml version="1.0" encoding="UTF-8"?>
-<cache_settings><dont_cache/><cache>
-  <url schema="http" host="&amp;lt;default-server&amp;gt;" path="page\\.php.*" lifetime="300" match_type="regex_match">
-    <name>Pages</name>
-    <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by>
-  </url>
-</cache></cache_settings>
-"""
+RULES = harness.rules_file(harness.url_rule("page\\.php.*"))
 
 BOUND_MIB = 1
 SIZE = 3000         # more than 1024 bytes: each page has a gzip copy too
@@ -35,44 +28,30 @@ def whole(body):
     return len(body) == SIZE and body.startswith(b"<p>page ") and body.endswith(b".")
 
 
-class BoundedStore(unittest.TestCase):
+class BoundedStore(harness.Case):
     def setUp(self):
-        self.workspace, self.site = harness.Workspace.with_site(self, RULES)
-        directives = self.workspace.directives(vesk_pagecache__clean_frequency="1",
-                                               vesk_pagecache__max_store_size=str(BOUND_MIB),
-                                               vesk_pagecache__log_verbosity_level="3")
-        self.server = harness.BuiltinServer(self.workspace, self.site, directives, workers=2)
-        self.addCleanup(self.server.stop)
-        self.root = self.workspace.path("tmp", "pagecache", "HTML-Cache")
+        self.use_site(RULES)
+        directives = self.directives(vesk_pagecache__clean_frequency="1",
+                                     vesk_pagecache__max_store_size=str(BOUND_MIB),
+                                     vesk_pagecache__log_verbosity_level="3")
+        self.server = self.serve(directives=directives, workers=2)
 
     def store_size(self):
         """What the page files take on disk, counted as the store counts it."""
         total = 0
-        for directory, _, names in os.walk(self.root):
-            for name in names:
-                if name.startswith("."):
-                    continue
-                try:
-                    st = os.lstat(os.path.join(directory, name))
-                except FileNotFoundError:
-                    continue
-                total += max(st.st_size, st.st_blocks * 512)
+        for record in self.records():
+            try:
+                st = os.lstat(record)
+            except FileNotFoundError:
+                continue
+            total += max(st.st_size, st.st_blocks * 512)
         return total
-
-    def runs(self):
-        try:
-            with open(os.path.join(self.site, "runs.log")) as f:
-                return f.read().split().count("page.php")
-        except FileNotFoundError:
-            return 0
 
     def wait_until_under(self, bound, cleanings):
         """Until the store is under `bound` and the cleaner has logged
         `cleanings` cleanings that removed pages."""
-        deadline = time.monotonic() + 30
-        while self.store_size() > bound or len(EVICTED.findall(self.workspace.log())) < cleanings:
-            self.assertLess(time.monotonic(), deadline, "the store stayed over its bound")
-            time.sleep(0.1)
+        self.wait_until(lambda: self.store_size() <= bound and len(EVICTED.findall(self.workspace.log())) >= cleanings,
+                        30, "the store stayed over its bound")
 
     def test_flood_of_distinct_urls(self):
         bound = BOUND_MIB << 20

@@ -3,18 +3,11 @@ the server, however the server ends."""
 import os
 import signal
 import subprocess
-import time
 import unittest
 
 import harness
 
-RULES = """<?xml version="1.0" encoding="UTF-8"?>
-<cache_settings><dont_cache/><cache>
-  <url schema="http" host="&amp;lt;default-server&amp;gt;" path="page\\.php.*" lifetime="1" match_type="regex_match">
-    <name>Short-lived pages</name>
-  </url>
-</cache></cache_settings>
-"""
+RULES = harness.rules_file(harness.url_rule("page\\.php.*", "Short-lived pages", splits=(), lifetime="1"))
 
 
 def alive(pid):
@@ -27,117 +20,68 @@ def alive(pid):
         return f.read().split()[2] != "Z"
 
 
-class Cleaner(unittest.TestCase):
+class Cleaner(harness.Case):
+    """Under every server: one cleaner, cut loose from the server's
+    descriptors, that drops expired pages and ends when the server's master
+    ends in any way."""
+
     def setUp(self):
-        self.workspace, self.site = harness.Workspace.with_site(self, RULES)
+        self.use_site(RULES)
 
-    def directives(self, frequency):
-        return self.workspace.directives(vesk_pagecache__clean_frequency=str(frequency),
-                                         vesk_pagecache__log_verbosity_level="5")
+    def cleaners(self):
+        """The cleaners of this workspace: its log is theirs."""
+        return harness.processes(name="vesk-cleaner", holding=self.workspace.path("log"))
 
-    def records(self):
-        count = 0
-        for _, _, files in os.walk(self.workspace.path("tmp")):
-            count += sum(1 for name in files if not name.startswith("."))
-        return count
+    def start(self, kind, **directives):
+        """Starts a server of `kind`; answers its port and its master's pid."""
+        directives = self.directives(**dict({"vesk_pagecache__log_verbosity_level": "3"}, **directives))
+        if kind == "php -S":
+            server = self.serve(kind, directives, workers=2)
+        elif kind == "apache":
+            server = self.serve(kind, directives)
+        else:
+            server = self.serve("php-fpm", directives, daemonize=kind == "php-fpm daemonized")
+            return server, server.master
+        return server, server.process.pid
 
-    def cleaner_pid(self):
-        deadline = time.monotonic() + 10
+    def test_expired_pages_leave_the_disk(self):
+        for kind in ("php -S", "php-fpm daemonized"):
+            with self.subTest(kind):
+                self.use_site(RULES)
+                server, _ = self.start(kind, vesk_pagecache__clean_frequency="1",
+                                       vesk_pagecache__log_verbosity_level="5")
+                self.wait_until(self.cleaners, 10, "no cleaner started")
+                self.assertEqual(200, harness.http_get(server.port, "/page.php")[0])
+                self.assertEqual(1, len(self.records()))
+                self.wait_until(lambda: not self.records(), 10, "the expired page stayed on disk")
+                self.assertLogged("Cache cleaner is cleaning expired cache entries")
+                self.assertEqual(1, len(self.cleaners()))
+                server.stop()
+
+    def test_sigterm_ends_the_cleaner_and_its_pid_file_stays(self):
+        self.start("php -S")
         path = self.workspace.path("run", "pagecache_cleaner.pid")
-        while not os.path.exists(path):
-            self.assertLess(time.monotonic(), deadline, "no pid file")
-            time.sleep(0.05)
+        self.wait_until(lambda: os.path.exists(path), 10, "no pid file")
         with open(path) as f:
-            return int(f.read())
-
-    def wait_until(self, condition, seconds, message):
-        deadline = time.monotonic() + seconds
-        while not condition():
-            self.assertLess(time.monotonic(), deadline, message)
-            time.sleep(0.1)
-
-    def test_expired_pages_leave_the_disk_and_sigterm_ends_the_cleaner(self):
-        server = harness.BuiltinServer(self.workspace, self.site, self.directives(1))
-        self.addCleanup(server.stop)
-        pid = self.cleaner_pid()
-        self.assertNotEqual(server.process.pid, pid)
-        self.assertEqual(200, harness.http_get(server.port, "/page.php")[0])
-        self.assertEqual(1, self.records())
-        self.wait_until(lambda: self.records() == 0, 5, "the expired page stayed on disk")
-        self.assertIn("Cache cleaner is cleaning expired cache entries", self.workspace.log())
-        # SIGTERM during a sleep ends the cleaner at once; its pid file stays.
+            pid = int(f.read())
+        self.assertEqual([pid], self.cleaners())
+        # SIGTERM during a sleep ends the cleaner at once.
         os.kill(pid, signal.SIGTERM)
         self.wait_until(lambda: not alive(pid), 5, "the cleaner didn't end")
-        self.assertTrue(os.path.exists(self.workspace.path("run", "pagecache_cleaner.pid")))
-        self.assertIn("Cache Cleaner exiting...", self.workspace.log())
+        self.assertTrue(os.path.exists(path))
+        self.assertLogged("Cache Cleaner exiting...")
 
     def test_frequency_zero_cleans_without_pause(self):
-        server = harness.BuiltinServer(self.workspace, self.site, self.directives(0))
-        self.addCleanup(server.stop)
-        self.cleaner_pid()
+        self.start("php -S", vesk_pagecache__clean_frequency="0", vesk_pagecache__log_verbosity_level="5")
         self.wait_until(lambda: self.workspace.log().count("finished cleaning expired cache entries") >= 20, 5,
                         "the cleaner paused")
 
-    def test_stopping_php_fpm_stops_the_cleaner(self):
-        if not harness.FpmBehindNginx.available():
-            self.fail("php-fpm is not installed: scripts/bootstrap installs it")
-        harness.make_shared(self.workspace, "log", "tmp", "run", "site", "var")
-        server = harness.FpmBehindNginx(self.workspace, self.site, self.directives(300))
-        self.addCleanup(server.stop)
-        pid = self.cleaner_pid()
-        self.assertTrue(alive(pid))
-        # The master alone gets the signal, as a service manager would send it.
-        os.kill(server.fpm.pid, signal.SIGTERM)
-        server.fpm.wait(timeout=15)
-        # The master waited for its cleaner: no process is left behind.
-        self.assertFalse(os.path.exists("/proc/%d" % pid))
-
-
-def cleaners(workspace):
-    """The cleaners of a workspace: its log is theirs."""
-    return harness.processes(name="vesk-cleaner", holding=workspace.path("log"))
-
-
-class CleanerFollowsItsMaster(unittest.TestCase):
-    """Under every server: one cleaner, cut loose from the server's
-    descriptors, that ends when the server's master ends in any way."""
-
-    def setUp(self):
-        self.workspace, self.site = harness.Workspace.with_site(self, RULES)
-        harness.make_shared(self.workspace, "log", "tmp", "run", "site", "var")
-        self.directives = self.workspace.directives(vesk_pagecache__log_verbosity_level="3")
-
-    def wait_until(self, condition, seconds, message):
-        deadline = time.monotonic() + seconds
-        while not condition():
-            self.assertLess(time.monotonic(), deadline, message)
-            time.sleep(0.05)
-
-    def start(self, kind):
-        """Starts a server of `kind`; answers its port and its master's pid."""
-        if kind == "php -S":
-            server = harness.BuiltinServer(self.workspace, self.site, self.directives, workers=2)
-            master = server.process.pid
-        elif kind == "apache":
-            if not harness.ApacheWithPhp.available():
-                self.fail("Apache is not installed: scripts/bootstrap installs it")
-            server = harness.ApacheWithPhp(self.workspace, self.site, self.directives)
-            master = server.process.pid
-        else:
-            if not harness.FpmBehindNginx.available():
-                self.fail("php-fpm is not installed: scripts/bootstrap installs it")
-            server = harness.FpmBehindNginx(self.workspace, self.site, self.directives,
-                                            daemonize=kind == "php-fpm daemonized")
-            master = server.master
-        self.addCleanup(server.stop)
-        return server.port, master
-
     def check_one_cleaner_alone(self, port):
-        self.wait_until(lambda: cleaners(self.workspace), 10, "no cleaner started")
+        self.wait_until(self.cleaners, 10, "no cleaner started")
         # Workers and children serve without starting cleaners of their own.
         for _ in range(6):
             self.assertEqual(200, harness.http_get(port, "/page.php")[0])
-        found = cleaners(self.workspace)
+        found = self.cleaners()
         self.assertEqual(1, len(found), found)
         files = harness.open_files(found[0])
         self.assertEqual({0: "/dev/null", 1: "/dev/null", 2: "/dev/null"}, {fd: files[fd] for fd in (0, 1, 2)})
@@ -145,47 +89,21 @@ class CleanerFollowsItsMaster(unittest.TestCase):
         self.assertEqual([self.workspace.path("log", "pagecache.log")], list(others.values()), others)
         return found[0]
 
-    def check(self, kind, sig):
-        port, master = self.start(kind)
-        self.check_one_cleaner_alone(port)
-        os.kill(master, sig)
-        self.wait_until(lambda: not cleaners(self.workspace), 15,
-                        "the cleaner outlived its master (%s, signal %d)" % (kind, sig))
-
-    def test_builtin_server_sigterm(self):
-        self.check("php -S", signal.SIGTERM)
-
-    def test_builtin_server_sigkill(self):
-        self.check("php -S", signal.SIGKILL)
-
-    def test_fpm_sigterm(self):
-        self.check("php-fpm", signal.SIGTERM)
-
-    def test_fpm_sigkill(self):
-        self.check("php-fpm", signal.SIGKILL)
-
-    def test_daemonized_fpm_sigterm(self):
-        self.check("php-fpm daemonized", signal.SIGTERM)
-
-    def test_daemonized_fpm_sigkill(self):
-        self.check("php-fpm daemonized", signal.SIGKILL)
-
-    def test_apache_sigterm(self):
-        self.check("apache", signal.SIGTERM)
-
-    def test_apache_sigkill(self):
-        self.check("apache", signal.SIGKILL)
-
-    def test_daemonized_fpm_cleaner_deletes_expired_pages(self):
-        self.directives = self.workspace.directives(vesk_pagecache__clean_frequency="1")
-        port, master = self.start("php-fpm daemonized")
-        self.wait_until(lambda: cleaners(self.workspace), 10, "no cleaner started")
-        self.assertEqual(200, harness.http_get(port, "/page.php")[0])
-        root = self.workspace.path("tmp", "pagecache", "HTML-Cache")
-        records = lambda: sum(1 for _, _, names in os.walk(root) for name in names if not name.startswith("."))
-        self.assertEqual(1, records())
-        self.wait_until(lambda: records() == 0, 10, "the expired page stayed on disk")
-        self.assertEqual(1, len(cleaners(self.workspace)))
+    def test_the_cleaner_ends_with_its_master(self):
+        for kind in ("php -S", "php-fpm", "php-fpm daemonized", "apache"):
+            for sig in (signal.SIGTERM, signal.SIGKILL):
+                with self.subTest(kind=kind, signal=sig):
+                    self.use_site(RULES)
+                    server, master = self.start(kind)
+                    cleaner = self.check_one_cleaner_alone(server.port)
+                    os.kill(master, sig)
+                    if kind == "php-fpm" and sig == signal.SIGTERM:
+                        # As a service manager stops it: the master waited for its
+                        # cleaner, so not even an unreaped process is left.
+                        server.fpm.wait(timeout=15)
+                        self.assertFalse(os.path.exists("/proc/%d" % cleaner))
+                    self.wait_until(lambda: not self.cleaners(), 15, "the cleaner outlived its master")
+                    server.stop()
 
     def run_failing(self, arguments, **directives):
         """Runs php with the cache on and its output through a pipe, as
@@ -200,8 +118,8 @@ class CleanerFollowsItsMaster(unittest.TestCase):
             os.killpg(process.pid, signal.SIGKILL)
             process.communicate()
             self.fail("the output of %s never ended" % arguments)
-        self.assertIn("Starting Cache Cleaner at pid", self.workspace.log())
-        self.wait_until(lambda: not cleaners(self.workspace), 15, "a cleaner outlived the failed run")
+        self.assertLogged("Starting Cache Cleaner at pid")
+        self.wait_until(lambda: not self.cleaners(), 15, "a cleaner outlived the failed run")
         return output
 
     def test_fatal_error_at_start_up_ends_the_cleaner(self):

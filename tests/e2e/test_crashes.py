@@ -9,14 +9,7 @@ import unittest
 
 import harness
 
-RULES = """<?xml version="1.0" encoding="UTF-8"?>
-<cache_settings><dont_cache/><cache>
-  <url schema="http" host="&lt;default-server&gt;" path="page\\.php" lifetime="300" match_type="regex_match">
-    <name>Pages</name>
-    <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by>
-  </url>
-</cache></cache_settings>
-"""
+RULES = harness.rules_file(harness.url_rule("page\\.php"))
 
 
 def whole(body, size):
@@ -48,32 +41,12 @@ def cmdline(pid):
         return b""
 
 
-def records(root):
-    for directory, _, names in os.walk(os.path.join(root, "HTML-Cache")):
-        for name in names:
-            if not name.startswith("."):
-                yield os.path.join(directory, name)
-
-
-class Crashes(unittest.TestCase):
+class Crashes(harness.Case):
     def setUp(self):
-        self.workspace, self.site = harness.Workspace.with_site(self, RULES)
-
-    def fpm_server(self):
-        """nginx with php-fpm over this test's workspace, stopped when it ends."""
-        if not harness.FpmBehindNginx.available():
-            self.fail("nginx or php-fpm is not installed: scripts/bootstrap installs them")
-        harness.make_shared(self.workspace, "log", "tmp", "run", "site", "var")
-        server = harness.FpmBehindNginx(self.workspace, self.site, self.workspace.directives())
-        self.addCleanup(server.stop)
-        return server
-
-    def runs(self):
-        with open(os.path.join(self.site, "runs.log")) as f:
-            return f.read().split().count("page.php")
+        self.use_site(RULES)
 
     def test_workers_killed_under_load(self):
-        server = self.fpm_server()
+        server = self.serve("php-fpm")
         sizes = {n: 2000 + n * 37000 for n in range(12)}   # up to about 400 KB
         stop = threading.Event()
         problems, answers = [], {"whole": 0, "failed": 0, "cut": 0}
@@ -133,7 +106,7 @@ class Crashes(unittest.TestCase):
         self.assertEqual(runs, self.runs())
 
     def test_a_client_that_leaves_during_a_hit_costs_no_worker(self):
-        server = self.fpm_server()
+        server = self.serve("php-fpm")
         # Larger than any output buffer, so that the stored page goes out
         # while the request is still starting.
         size = 200000
@@ -157,9 +130,7 @@ class Crashes(unittest.TestCase):
         self.assertEqual(workers, sorted(p for p in children(server.fpm.pid) if b"php-fpm: pool" in cmdline(p)))
 
     def test_damaged_records_are_misses_and_are_replaced(self):
-        server = harness.BuiltinServer(self.workspace, self.site, self.workspace.directives())
-        self.addCleanup(server.stop)
-        store = self.workspace.path("tmp", "pagecache")
+        server = self.serve()
         rng = random.Random(3)
         for round_ in range(6):
             path = "/page.php?size=3000&r=%d" % round_
@@ -168,7 +139,7 @@ class Crashes(unittest.TestCase):
             self.assertEqual(200, server.get(path)[0])
             self.assertEqual(before, self.runs(), "not served from the store")
             # Damage every copy of the page on disk: flip a bit, or cut it short.
-            for record in records(store):
+            for record in self.records():
                 with open(record, "r+b") as f:
                     data = bytearray(f.read())
                     if round_ % 2:
@@ -186,7 +157,7 @@ class Crashes(unittest.TestCase):
             self.assertTrue(whole(again, 3000))
             # Caught: the page was built once more, then served from its new record.
             self.assertEqual(1, self.runs() - before)
-            for record in records(store):
+            for record in self.records():
                 os.unlink(record)
 
 

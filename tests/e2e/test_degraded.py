@@ -9,14 +9,7 @@ import unittest
 
 import harness
 
-RULES = """<?xml version="1.0" encoding="UTF-8"?>
-<cache_settings><dont_cache/><cache>
-  <url schema="http" host="&lt;default-server&gt;" path="page\\.php" lifetime="300" match_type="regex_match">
-    <name>Pages</name>
-    <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by>
-  </url>
-</cache></cache_settings>
-"""
+RULES = harness.rules_file(harness.url_rule("page\\.php"))
 
 # Runs the server in a mount namespace of its own with a small filesystem
 # over the store's directory, filled to the last block before PHP starts.
@@ -33,22 +26,16 @@ def unshare_prefix():
     return prefix
 
 
-class Degraded(unittest.TestCase):
+class Degraded(harness.Case):
     def setUp(self):
-        self.workspace, self.site = harness.Workspace.with_site(self, RULES)
-
-    def runs(self):
-        with open(os.path.join(self.site, "runs.log")) as f:
-            return f.read().split().count("page.php")
+        self.use_site(RULES)
 
     def test_full_filesystem_serves_pages_whole_and_stores_nothing(self):
         probe = subprocess.run(unshare_prefix() + ["sh", "-c", "mount -t tmpfs tmpfs /mnt"], capture_output=True)
         if probe.returncode != 0:
             self.skipTest("this machine allows no private mount namespace: %s" % probe.stderr.decode().strip())
         store = self.workspace.path("tmp")
-        server = harness.BuiltinServer(self.workspace, self.site, self.workspace.directives(),
-                                       wrapper=unshare_prefix() + ["sh", "-c", FULL_STORE, store])
-        self.addCleanup(server.stop)
+        server = self.serve(wrapper=unshare_prefix() + ["sh", "-c", FULL_STORE, store])
         for size in (500, 5000, 100000):
             for _ in range(2):
                 status, _, body = server.get("/page.php?size=%d" % size)
@@ -57,7 +44,7 @@ class Degraded(unittest.TestCase):
                 self.assertTrue(body.startswith(b"<p>page ") and body.rstrip(b".").endswith(b"</p>"))
         # Every request ran: nothing could be stored, nothing was served stale.
         self.assertEqual(6, self.runs())
-        self.assertIn("Storing entry failed", self.workspace.log())
+        self.assertLogged("Storing entry failed")
         # The store as the server sees it, in its own mount namespace.
         inside = "/proc/%d/root%s" % (server.process.pid, store)
         self.assertTrue(os.path.exists(os.path.join(inside, "filler")))
@@ -71,9 +58,7 @@ class Degraded(unittest.TestCase):
         silent.listen(1)
         self.addCleanup(silent.close)
         accepted = []
-        directives = self.workspace.directives(vesk__statsd_connection_string="unix:" + path)
-        server = harness.BuiltinServer(self.workspace, self.site, directives)
-        self.addCleanup(server.stop)
+        server = self.serve(directives=self.directives(vesk__statsd_connection_string="unix:" + path))
         started = time.monotonic()
         for i in range(200):
             self.assertEqual(200, server.get("/page.php?n=%d" % (i % 20))[0])

@@ -9,19 +9,8 @@ import urllib.parse
 
 import harness
 
-RULES = """<?xml version="1.0" encoding="UTF-8"?>
-<cache_settings><dont_cache/><cache>
-  <url schema="http" host="&lt;default-server&gt;" path="(page)\\.php.*" lifetime="300"
-       match_type="regex_match" id="5">
-    <name>Pages</name>
-    <split_by>
-      <split_condition global="_SERVER[HTTP_HOST]"/>
-      <split_condition global="_SERVER[HTTPS]"/>
-      <split_condition global="_SERVER[REQUEST_URI]"/>
-    </split_by>
-  </url>
-</cache></cache_settings>
-"""
+RULES = harness.rules_file(harness.url_rule(
+    "(page)\\.php.*", id="5", splits=("_SERVER[HTTP_HOST]", "_SERVER[HTTPS]", "_SERVER[REQUEST_URI]")))
 
 LATER = "Sun, 06 Nov 2050 08:49:37 GMT"
 EARLIER = "Sun, 06 Nov 1994 08:49:37 GMT"

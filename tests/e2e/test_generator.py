@@ -9,7 +9,6 @@ import unittest
 
 import harness
 
-HERE = os.path.dirname(os.path.abspath(__file__))
 GENERATOR = os.path.join(os.path.dirname(harness.EXTENSION), "pagecache-rules-generate")
 
 
@@ -17,27 +16,26 @@ PAGES = ('<url schema="http" host="&amp;lt;default-server&amp;gt;" path="page\\.
          'match_type="regex_match" priority="1"><name>Pages</name></url>')
 
 
-class Generator(unittest.TestCase):
+class Generator(harness.Case):
     def setUp(self):
-        self.workspace = harness.Workspace()
-        self.addCleanup(self.workspace.remove)
+        self.use_site(harness.rules_file())
+        # The generator writes beside the schema, in a directory of its own.
         self.etc = self.workspace.path("etc")
         os.makedirs(self.etc)
-        shutil.copy(os.path.join(harness.SOURCE_ROOT, "conf", "pagecache_rules_schema.xsd"), self.etc)
-        self.site = self.workspace.path("site")
-        shutil.copytree(os.path.join(HERE, "site"), self.site)
+        shutil.copy(self.workspace.path("conf", "pagecache_rules_schema.xsd"), self.etc)
         self.database = self.workspace.path("tkd.db")
 
     def generate(self, *extra):
         return subprocess.run([GENERATOR, "--db", self.database, "--product-dir", self.workspace.root] + list(extra),
                               capture_output=True, timeout=60)
 
-    def runs(self):
-        try:
-            with open(os.path.join(self.site, "runs.log")) as f:
-                return f.read().split().count("page.php")
-        except FileNotFoundError:
-            return 0
+    def serve_generated(self):
+        """A server that reads the generated file, and serves the page twice."""
+        server = self.serve(directives=self.directives(vesk__conf_dir=self.etc,
+                                                       vesk_pagecache__log_verbosity_level="3"))
+        for _ in range(2):
+            server.get("/page.php")
+        return server
 
     def test_new_file_from_the_tables_is_taken_up_by_a_running_server(self):
         # From nothing: the tables are made, and the file has no rules.
@@ -46,17 +44,11 @@ class Generator(unittest.TestCase):
         with open(os.path.join(self.etc, "pagecache_rules.xml")) as f:
             self.assertNotIn("<url", f.read())
 
-        directives = self.workspace.directives(vesk__conf_dir=self.etc, vesk_pagecache__log_verbosity_level="3")
-        server = harness.BuiltinServer(self.workspace, self.site, directives)
-        self.addCleanup(server.stop)
-        for _ in range(2):
-            server.get("/page.php")
+        server = self.serve_generated()
         self.assertEqual(2, self.runs())
 
         with sqlite3.connect(self.database) as db:
-            db.execute("INSERT INTO TKD_PAGECACHE_RULES VALUES (9, -1, 'Pages', ?)",
-                       ('<url schema="http" host="&amp;lt;default-server&amp;gt;" path="page\\.php" lifetime="300" '
-                        'match_type="regex_match" priority="1"><name>Pages</name></url>',))
+            db.execute("INSERT INTO TKD_PAGECACHE_RULES VALUES (9, -1, 'Pages', ?)", (PAGES,))
             db.execute("INSERT INTO TKD_PAGECACHE_RESPONSE_CODES VALUES (-1, '200')")
         # A date the server can tell from the first file's.
         time.sleep(1.1)
@@ -80,11 +72,7 @@ class Generator(unittest.TestCase):
         with open(rules, "rb") as f:
             in_force = f.read()
 
-        directives = self.workspace.directives(vesk__conf_dir=self.etc, vesk_pagecache__log_verbosity_level="3")
-        server = harness.BuiltinServer(self.workspace, self.site, directives)
-        self.addCleanup(server.stop)
-        for _ in range(2):
-            server.get("/page.php")
+        server = self.serve_generated()
         self.assertEqual(1, self.runs())
 
         with sqlite3.connect(self.database) as db:

@@ -5,45 +5,35 @@ import unittest
 
 import harness
 
-HERE = os.path.dirname(os.path.abspath(__file__))
 
-
-class PortsAndTidy(unittest.TestCase):
+class PortsAndTidy(harness.Case):
     def start(self, **directives):
-        self.workspace = harness.Workspace()
-        self.addCleanup(self.workspace.remove)
         port = harness.free_port()
-        self.workspace.use_rules("""<?xml version="1.0" encoding="UTF-8"?>
+        self.use_site("""<?xml version="1.0" encoding="UTF-8"?>
 <cache_settings><dont_cache/><cache>
   <url schema="http" host="127.0.0.1" path="a.php"><name>no port</name></url>
   <url schema="http" host="127.0.0.1:%d" path="b.php"><name>this port</name></url>
   <url schema="http" host="127.0.0.1:1" path="c.php"><name>other port</name></url>
 </cache></cache_settings>
 """ % port)
-        self.site = self.workspace.path("site")
-        shutil.copytree(os.path.join(HERE, "site"), self.site)
         for name in ("a.php", "b.php", "c.php"):
             shutil.copy(os.path.join(self.site, "page.php"), os.path.join(self.site, name))
-        all_directives = self.workspace.directives(vesk_pagecache__log_verbosity_level="5")
-        all_directives.update(directives)
-        self.server = harness.BuiltinServer(self.workspace, self.site, all_directives, port=port)
-        self.addCleanup(self.server.stop)
+        self.server = self.serve(directives=self.directives(vesk_pagecache__log_verbosity_level="5", **directives),
+                                 port=port)
 
     def get(self, path, headers=None):
         return harness.http_get(self.server.port, path, headers)
 
-    def runs(self):
-        with open(os.path.join(self.site, "runs.log")) as f:
-            return len(f.read().splitlines())
+    def pages_run(self):
+        return sum(self.runs(name) for name in ("a.php", "b.php", "c.php"))
 
     def test_rule_hosts_with_and_without_port(self):
         self.start()
         for path in ("/a.php", "/a.php", "/b.php", "/b.php", "/c.php", "/c.php"):
             self.assertEqual(200, self.get(path)[0])
         # a.php and b.php ran once each; c.php's rule names another port.
-        self.assertEqual(4, self.runs())
-        self.assertIn("Exact match rule found for: http://127.0.0.1:%d/a.php " % self.server.port,
-                      self.workspace.log())
+        self.assertEqual(4, self.pages_run())
+        self.assertLogged("Exact match rule found for: http://127.0.0.1:%d/a.php " % self.server.port)
 
     def test_no_gzip_copy_when_tidy_cleans_output(self):
         self.start(**{"tidy.clean_output": "On"})
@@ -51,7 +41,7 @@ class PortsAndTidy(unittest.TestCase):
         _, headers, again = self.get("/a.php?size=5000", {"Accept-Encoding": "gzip"})
         self.assertNotIn("content-encoding", headers)
         self.assertEqual(clear, again)
-        self.assertEqual(1, self.runs())
+        self.assertEqual(1, self.runs("a.php"))
 
 
 if __name__ == "__main__":

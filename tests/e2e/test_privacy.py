@@ -5,13 +5,11 @@ import http.client
 import os
 import random
 import re
-import shutil
 import threading
 import unittest
 
 import harness
 
-HERE = os.path.dirname(os.path.abspath(__file__))
 CLIENTS = 20
 REQUESTS = 25
 
@@ -58,24 +56,13 @@ class Client:
                 self.mismatches.append((action, value, status, body[:80]))
 
 
-class Privacy(unittest.TestCase):
+class Privacy(harness.Case):
     def test_twenty_visitors_never_share_a_cookie(self):
-        if not harness.FpmBehindNginx.available():
-            self.fail("nginx or php-fpm is not installed: scripts/bootstrap installs them")
-        workspace = harness.Workspace()
-        self.addCleanup(workspace.remove)
         # The shipped example rules, as they are.
-        shutil.copy(os.path.join(harness.SOURCE_ROOT, "conf", "pagecache_rules.xml"), workspace.path("conf"))
-        shutil.copy(os.path.join(harness.SOURCE_ROOT, "conf", "pagecache_rules_schema.xsd"), workspace.path("conf"))
-        site = workspace.path("site")
-        shutil.copytree(os.path.join(HERE, "private_site"), site)
-        os.makedirs(workspace.path("sessions"))
-        harness.make_shared(workspace, "log", "tmp", "run", "site", "sessions", "var")
-        directives = workspace.directives(vesk_pagecache__log_verbosity_level="3")
-        directives["session.save_path"] = workspace.path("sessions")
+        workspace, site = self.use_site(harness.shipped_rules(), "private_site", sessions=True)
+        directives = self.directives(vesk_pagecache__log_verbosity_level="3")
         directives["session.use_strict_mode"] = "1"
-        server = harness.FpmBehindNginx(workspace, site, directives)
-        self.addCleanup(server.stop)
+        server = self.serve("php-fpm", directives)
 
         clients = [Client("client%02d" % i, server.port) for i in range(CLIENTS)]
         threads = [threading.Thread(target=c.run, args=(i,)) for i, c in enumerate(clients)]

@@ -4,35 +4,22 @@ import datetime
 import email.utils
 import gzip
 import http.client
-import os
-import shutil
 import unittest
 
 import harness
 
-RULES = """<?xml version="1.0" encoding="UTF-8"?>
-<cache_settings>
-  <dont_cache/>
-  <cache>
-    <url schema="http" host="&amp;lt;default-server&amp;gt;" path=".*" lifetime="300" match_type="regex_match">
-      <name>All pages</name>
-      <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by>
-    </url>
-    <response_rule app_id="-1" response_codes="200">
-      <response_headers><header name="Set-Cookie" match_type="exists"/></response_headers>
-    </response_rule>
-  </cache>
-</cache_settings>
-"""
+RULES = harness.rules_file(
+    harness.url_rule(".*", "All pages"),
+    '<response_rule app_id="-1" response_codes="200">'
+    '<response_headers><header name="Set-Cookie" match_type="exists"/></response_headers></response_rule>')
 
 
-class RequestPath(unittest.TestCase):
+class RequestPath(harness.Case):
+    """One server for all the cases here, each on pages of its own."""
+
     @classmethod
     def setUpClass(cls):
-        cls.workspace = harness.Workspace()
-        cls.workspace.use_rules(RULES)
-        cls.site = cls.workspace.path("site")
-        shutil.copytree(os.path.join(os.path.dirname(os.path.abspath(__file__)), "site"), cls.site)
+        cls.workspace, cls.site = harness.Workspace.with_site(cls, RULES)
         cls.server = harness.BuiltinServer(
             cls.workspace, cls.site,
             # Errors shown, so that a fatal error keeps its status and meets
@@ -43,17 +30,6 @@ class RequestPath(unittest.TestCase):
     @classmethod
     def tearDownClass(cls):
         cls.server.stop()
-        cls.workspace.remove()
-
-    def assertLogged(self, text):
-        self.assertTrue(text in self.workspace.log(), "not in the log: " + text)
-
-    def runs(self, page):
-        try:
-            with open(os.path.join(self.site, "runs.log")) as f:
-                return f.read().split().count(page)
-        except FileNotFoundError:
-            return 0
 
     def request(self, method, path, headers=None, http10=False):
         if not http10:

@@ -1,7 +1,6 @@
 """Workers pick up a changed rules file at their next request, once each."""
 import os
 import re
-import shutil
 import time
 import unittest
 
@@ -10,22 +9,17 @@ import harness
 SITE = os.path.join(harness.SOURCE_ROOT, "examples", "site")
 
 
-class RulesReload(unittest.TestCase):
+class RulesReload(harness.Case):
     def setUp(self):
-        self.workspace = harness.Workspace()
-        self.addCleanup(self.workspace.remove)
-        shutil.copy(os.path.join(harness.SOURCE_ROOT, "conf", "pagecache_rules_schema.xsd"),
-                    self.workspace.path("conf"))
+        self.use_site(harness.shipped_rules(), SITE)
         self.rules = self.workspace.path("conf", "pagecache_rules.xml")
-        self.server = harness.BuiltinServer(
-            self.workspace, SITE, self.workspace.directives(vesk_pagecache__log_verbosity_level="3"), workers=2)
-        self.addCleanup(self.server.stop)
+        self.server = self.serve(directives=self.directives(vesk_pagecache__log_verbosity_level="3"), workers=2)
 
     def touch_later(self, seconds):
         later = time.time() + seconds
         os.utime(self.rules, (later, later))
 
-    def serve(self, count):
+    def serve_pages(self, count):
         for _ in range(count):
             self.assertEqual(200, self.server.get("/info.php")[0])
 
@@ -34,10 +28,10 @@ class RulesReload(unittest.TestCase):
         return {pid: pids.count(pid) for pid in set(pids)}
 
     def test_a_later_file_is_reloaded_once_by_each_worker(self):
-        self.serve(4)
+        self.serve_pages(4)
         self.assertEqual({}, self.reloads_by_pid())
         self.touch_later(60)
-        self.serve(20)
+        self.serve_pages(20)
         reloads = self.reloads_by_pid()
         self.assertTrue(reloads)
         self.assertEqual({1}, set(reloads.values()))
@@ -49,7 +43,7 @@ class RulesReload(unittest.TestCase):
         with open(self.rules, "w") as f:
             f.write("<cache_settings><cache><url schema='http' match_type='glob'/></cache></cache_settings>")
         self.touch_later(60)
-        self.serve(20)
+        self.serve_pages(20)
         log = self.workspace.log()
         errors = re.findall(r"ERROR\] Dependencies file validation error on line 1 column \d+ during Vesk Page "
                             r"Cache reload\. .*glob.*\n", log)

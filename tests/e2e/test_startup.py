@@ -8,27 +8,22 @@ import harness
 SITE = os.path.join(harness.SOURCE_ROOT, "examples", "site")
 
 
-class BuiltinServerStartup(unittest.TestCase):
+class BuiltinServerStartup(harness.Case):
     def setUp(self):
-        self.workspace = harness.Workspace()
-        self.addCleanup(self.workspace.remove)
+        self.use_site(harness.shipped_rules(), SITE)
 
     def start(self, workers=0, **directives):
-        server = harness.BuiltinServer(self.workspace, SITE, self.workspace.directives(**directives),
-                                       workers=workers)
-        self.addCleanup(server.stop)
-        return server
+        return self.serve(directives=self.directives(**directives), workers=workers)
 
     def test_builtin_server_is_a_web_run_and_logs_its_parameters(self):
         server = self.start(vesk_pagecache__log_verbosity_level="5")
         status, _, body = server.get("/info.php")
         self.assertEqual(200, status)
         self.assertIn(b"Enable => Yes", body)
-        log = self.workspace.log()
-        self.assertIn("TRACE] Initializing Vesk Page cache with following parameters: \n", log)
-        self.assertIn("TRACE] dependencies_file: pagecache_rules.xml \n", log)
-        self.assertIn("INFO] Rules File: %s \n" % self.workspace.path("conf", "pagecache_rules.xml"), log)
-        self.assertNotIn("disabled", log)
+        self.assertLogged("TRACE] Initializing Vesk Page cache with following parameters: \n")
+        self.assertLogged("TRACE] dependencies_file: pagecache_rules.xml \n")
+        self.assertLogged("INFO] Rules File: %s \n" % self.workspace.path("conf", "pagecache_rules.xml"))
+        self.assertNotIn("disabled", self.workspace.log())
 
     def test_forked_workers_share_the_start_up_and_serve(self):
         server = self.start(workers=2, vesk_pagecache__log_verbosity_level="3")

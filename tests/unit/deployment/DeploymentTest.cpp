@@ -13,22 +13,6 @@ protected:
     QString database() const { return dataPath(QStringLiteral("deployment.db")); }
     QString marker() const { return dataPath(QStringLiteral("deployment_update")); }
 
-    // Writes the tables as the deployment tools would, marker untouched.
-    void deploy(const QStringList& apps)
-    {
-        QDir().mkpath(QString::fromLocal8Bit(info.dataDir()));
-        QStringList statements = {
-            QStringLiteral("CREATE TABLE IF NOT EXISTS deployment_apps_info (app_id INTEGER PRIMARY KEY, "
-                           "base_url TEXT, path TEXT, name TEXT, version TEXT, webserver_path TEXT)"),
-            QStringLiteral("CREATE TABLE IF NOT EXISTS deployment_libs_info (lib_id INTEGER PRIMARY KEY, "
-                           "base_url TEXT, path TEXT, name TEXT, version TEXT)"),
-            QStringLiteral("DELETE FROM deployment_apps_info"),
-            QStringLiteral("INSERT OR REPLACE INTO deployment_libs_info VALUES (1, '', '/lib', 'zf', '1')")};
-        for (const QString& app : apps)
-            statements << QStringLiteral("INSERT INTO deployment_apps_info VALUES (%1)").arg(app);
-        sql(database(), statements);
-    }
-
     void touchMarker(int secondsFromNow)
     {
         QFile file(marker());

@@ -14,18 +14,6 @@ class PurgeRulesTest : public DatabaseFixture
 protected:
     QString database() const { return dataPath(QStringLiteral("pagecache.db")); }
 
-    void deployApplication(int id, const QString& name)
-    {
-        QDir().mkpath(QString::fromLocal8Bit(info.dataDir()));
-        sql(dataPath(QStringLiteral("deployment.db")),
-            {QStringLiteral("CREATE TABLE IF NOT EXISTS deployment_apps_info (app_id INTEGER PRIMARY KEY, "
-                            "base_url TEXT, path TEXT, name TEXT, version TEXT, webserver_path TEXT)"),
-             QStringLiteral("CREATE TABLE IF NOT EXISTS deployment_libs_info (a, b, c, d, e)"),
-             QStringLiteral("INSERT INTO deployment_apps_info VALUES (%1, 'x', '/x', '%2', '1', '')")
-                 .arg(id)
-                 .arg(name)});
-    }
-
     static PurgeRule urlRule(const QString& url, const QString& application = QString())
     {
         PurgeRule rule;
@@ -47,7 +35,7 @@ TEST(NormalizeUrl, OnlyTheSchemesDefaultPortGoes)
 
 TEST_F(PurgeRulesTest, UrlRulesByApplication)
 {
-    deployApplication(5, QStringLiteral("shop"));
+    deploy({"5, 'x', '/x', 'shop', '1', ''"});
     PageCachePurgeRules purge(info, log);
     purge.addRule(urlRule("http://a.example:80/all"));
     purge.addRule(urlRule("http://a.example/shop-only", "shop"));

@@ -242,16 +242,8 @@ TEST_F(ConditionsTest, NulInAValueOrTheUrlKeepsTheRequestFromTheStore)
     EXPECT_EQ(QByteArray(), key);
 }
 
-TEST(CacheRuleModel, DefaultsAndUrlText)
+TEST(VUrlText, MadeOnceFromTheParts)
 {
-    const CacheRule rule;
-    EXPECT_EQ(-1, rule.d->appId);
-    EXPECT_EQ(0u, rule.d->lifetime);
-    EXPECT_FALSE(rule.d->dontCache);
-    EXPECT_TRUE(rule.d->compress);
-    EXPECT_TRUE(rule.d->enable);
-    EXPECT_TRUE(rule.regex.pattern().isEmpty());
-
     EXPECT_EQ(QByteArray(":///"), VUrl().toString());
     VUrl url;
     url.setSchema("http");

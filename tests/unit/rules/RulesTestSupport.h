@@ -1,15 +1,11 @@
 #pragma once
 
+#include "../support/LogFileTestSupport.h"
 #include "PageCacheLogStream.h"
-#include "VDebug.h"
 #include "VPHPGlobalsEvaluator.h"
 #include "VRuleMatcher.h"
 
-#include <QFile>
 #include <QMap>
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
 
 // Superglobal values from a plain table, keyed by the full name:
 // "_GET[a][b]" -> "1". A superglobal exists when it is in `present`.
@@ -56,33 +52,25 @@ public:
 
 // Gives the tests a log stream at level 5 in a file of their own, and a
 // table of superglobal values behind every evaluator.
-class RulesFixture : public ::testing::Test
+class RulesFixture : public LogFileFixture
 {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(dir.isValid());
-        logPath = QFile::encodeName(dir.filePath(QStringLiteral("pagecache.log")));
-        PageCacheLogStream = VDebug::registerStream("Page-Cache", logPath.constData());
-        VDebug::setDebugLevel(PageCacheLogStream, 5);
+        LogFileFixture::SetUp();
+        PageCacheLogStream = logStream;
         VPHPEvaluatorsManager::setValueSource(&source);
         VPHPEvaluatorsManager::instance()->createEvaluators();
     }
     void TearDown() override
     {
         VPHPEvaluatorsManager::setValueSource(nullptr);
-        VDebug::unregisterStream(PageCacheLogStream);
+        LogFileFixture::TearDown();
         PageCacheLogStream = 0;
     }
-    QByteArray log() const
-    {
-        QFile file(QString::fromLocal8Bit(logPath));
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
+    QByteArray log() const { return logText(); }
     void clearLog() const { QFile(QString::fromLocal8Bit(logPath)).resize(0); }
 
-    QTemporaryDir dir;
-    QByteArray logPath;
     TableSource source;
 };
 

@@ -2,42 +2,31 @@
 // A private install directory, its data directory and a log stream to read
 // back, for tests of the database users.
 
-#include "VDebug.h"
+#include "LogFileTestSupport.h"
 #include "VeskServerInfo.h"
 
-#include <QFile>
+#include <QDir>
 #include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QSqlRecord>
-#include <QTemporaryDir>
 #include <QVariant>
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <utime.h>
 
-class DatabaseFixture : public ::testing::Test
+class DatabaseFixture : public LogFileFixture
 {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(dir.isValid());
-        logPath = QFile::encodeName(dir.filePath(QStringLiteral("pagecache.log")));
-        log = VDebug::registerStream("Page-Cache", logPath.constData());
-        VDebug::setDebugLevel(log, 5);
+        LogFileFixture::SetUp();
+        log = logStream;
         info = VeskServerInfo(QFile::encodeName(dir.path()).constData(), "nginx", log);
     }
-    void TearDown() override { VDebug::unregisterStream(log); }
 
     QString dataPath(const QString& name) const
     {
         return QString::fromLocal8Bit(info.dataDir()) + '/' + name;
-    }
-
-    QByteArray logText() const
-    {
-        QFile file(QString::fromLocal8Bit(logPath));
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
 
     // Runs statements on a connection of the test's own, then closes it.
@@ -63,6 +52,23 @@ protected:
         return rows;
     }
 
+    // Writes the deployment tables as the deployment tools would, with the
+    // rows `apps` of applications (column values), the marker untouched.
+    void deploy(const QStringList& apps)
+    {
+        QDir().mkpath(QString::fromLocal8Bit(info.dataDir()));
+        QStringList statements = {
+            QStringLiteral("CREATE TABLE IF NOT EXISTS deployment_apps_info (app_id INTEGER PRIMARY KEY, "
+                           "base_url TEXT, path TEXT, name TEXT, version TEXT, webserver_path TEXT)"),
+            QStringLiteral("CREATE TABLE IF NOT EXISTS deployment_libs_info (lib_id INTEGER PRIMARY KEY, "
+                           "base_url TEXT, path TEXT, name TEXT, version TEXT)"),
+            QStringLiteral("DELETE FROM deployment_apps_info"),
+            QStringLiteral("INSERT OR REPLACE INTO deployment_libs_info VALUES (1, '', '/lib', 'zf', '1')")};
+        for (const QString& app : apps)
+            statements << QStringLiteral("INSERT INTO deployment_apps_info VALUES (%1)").arg(app);
+        sql(dataPath(QStringLiteral("deployment.db")), statements);
+    }
+
     // Sets a file's date, in seconds from the start of the test, so that two
     // calls with one offset give one date even when a second passes between.
     void setFileDate(const QString& path, int secondsFromStart)
@@ -73,8 +79,6 @@ protected:
     }
 
     const time_t started = time(nullptr);
-    QTemporaryDir dir;
-    QByteArray logPath;
     VDebug::StreamId log = VDebug::DEVNULL;
     VeskServerInfo info;
 };

@@ -1,38 +1,22 @@
-#include "VDebug.h"
+#include "LogFileTestSupport.h"
 #include "VException.h"
 
-#include <QFile>
 #include <QRegularExpression>
-#include <QTemporaryDir>
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
-class VDebugTest : public ::testing::Test
+class VDebugTest : public LogFileFixture
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(dir.isValid());
-        path = QFile::encodeName(dir.filePath(QStringLiteral("pagecache.log")));
-        stream = VDebug::registerStream("Page-Cache", path.constData());
-        VDebug::setDebugLevel(stream, 3);
-    }
-    void TearDown() override { VDebug::unregisterStream(stream); }
+    VDebugTest() : LogFileFixture(3) {}
+    QByteArray log() const { return logText(); }
 
-    QByteArray log() const
-    {
-        QFile file(QString::fromLocal8Bit(path));
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
-
-    QTemporaryDir dir;
-    QByteArray path;
-    VDebug::StreamId stream = VDebug::DEVNULL;
+    const QByteArray& path = logPath;
+    const VDebug::StreamId& stream = logStream;
 };
 
 TEST_F(VDebugTest, LineHasHeaderAndItemsEachFollowedByOneBlank)
