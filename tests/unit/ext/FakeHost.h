@@ -29,6 +29,11 @@ struct FakeHost
     std::vector<std::pair<int, std::string>> errors;
     std::vector<std::string> parsedFiles;
 
+    // The response as the request path sets it.
+    int responseCode = 200;
+    std::vector<std::string> headers;
+    bool outputCompressing = false;
+
     static FakeHost& instance();
     void reset() { instance() = FakeHost(); }
 };

@@ -2,6 +2,7 @@
 
 #include "GlobalDirectives.h"
 #include "HostProbes.h"
+#include "RequestUrl.h"
 #include "host/vesk_host.h"
 
 #include <QDir>
@@ -251,39 +252,39 @@ TEST_F(HostProbesTest, CurrentUrl)
 {
     host().serverVariables = {{"HTTP_HOST", "example.com"}, {"SERVER_PORT", "80"},
                               {"REQUEST_URI", "/a/b?x=1"}};
-    EXPECT_STREQ("http://example.com:80/a/b?x=1", currentUrl().constData());
+    EXPECT_STREQ("http://example.com:80/a/b?x=1", RequestUrl::read().whole().constData());
 
     host().serverVariables["HTTP_HOST"] = "example.com:8080";
     host().serverVariables["HTTPS"] = "on";
-    EXPECT_STREQ("https://example.com:8080/a/b?x=1", currentUrl().constData());
+    EXPECT_STREQ("https://example.com:8080/a/b?x=1", RequestUrl::read().whole().constData());
 
     host().serverVariables["HTTPS"] = "OFF";
-    EXPECT_STREQ("http://example.com:8080/a/b?x=1", currentUrl().constData());
+    EXPECT_STREQ("http://example.com:8080/a/b?x=1", RequestUrl::read().whole().constData());
     // An empty HTTPS is plain http, as the gate reads it.
     host().serverVariables["HTTPS"] = "";
-    EXPECT_STREQ("http://example.com:8080/a/b?x=1", currentUrl().constData());
+    EXPECT_STREQ("http://example.com:8080/a/b?x=1", RequestUrl::read().whole().constData());
 
     // A URI far past any fixed buffer.
     const std::string longUri = "/" + std::string(100000, 'a');
     host().serverVariables["REQUEST_URI"] = longUri;
-    EXPECT_EQ("http://example.com:8080" + longUri, currentUrl().toStdString());
+    EXPECT_EQ("http://example.com:8080" + longUri, RequestUrl::read().whole().toStdString());
     host().serverVariables["REQUEST_URI"] = "/a/b?x=1";
 
     host().serverVariables.erase("HTTP_HOST");
-    EXPECT_STREQ("", currentUrl().constData());
+    EXPECT_STREQ("", RequestUrl::read().whole().constData());
     host().hasGetenv = false;
-    EXPECT_STREQ("", currentUrl().constData());
+    EXPECT_STREQ("", RequestUrl::read().whole().constData());
 }
 
 TEST_F(HostProbesTest, InternalRequestByPort)
 {
     host().serverVariables = {{"HTTP_HOST", "localhost"}, {"SERVER_PORT", "10081"},
                               {"REQUEST_URI", "/status"}};
-    EXPECT_EQ(1, isInternalRequest());
+    EXPECT_TRUE(RequestUrl::read().onPort(internalPorts()));
     host().serverVariables["HTTP_HOST"] = "localhost:8080";
-    EXPECT_EQ(0, isInternalRequest());
+    EXPECT_FALSE(RequestUrl::read().onPort(internalPorts()));
     host().configuration["vesk.internal_ports"] = "9000,8080";
-    EXPECT_EQ(1, isInternalRequest());
+    EXPECT_TRUE(RequestUrl::read().onPort(internalPorts()));
 }
 
 TEST_F(HostProbesTest, RequestParameterFromQueryCookieAndBody)
@@ -312,10 +313,10 @@ TEST_F(HostProbesTest, RequestParameterFromQueryCookieAndBody)
 
     // Names match whole, byte for byte.
     EXPECT_EQ(nullptr, requestParameter("start", 5, 0));
-    EXPECT_EQ(1, isDebugSessionRequest());
+    EXPECT_TRUE(requestCarries("start_debug", false));
     host().queryString = "XDEBUG_SESSIONS=1";
     host().cookieData.clear();
-    EXPECT_EQ(0, isDebugSessionRequest());
+    EXPECT_FALSE(requestCarries("XDEBUG_SESSION", false));
 }
 
 } // namespace
