@@ -231,15 +231,6 @@ QByteArray resolvePath(const char* path, int baseIndex)
     return QByteArray(base) + '/' + path;
 }
 
-int composePath(char** out, const char* path, int baseIndex)
-{
-    const QByteArray resolved = resolvePath(path, baseIndex);
-    if (resolved.isNull())
-        return 0;
-    *out = strdup(resolved.constData());
-    return resolved.size();
-}
-
 long httpdUid()
 {
     return numberOf("vesk.httpd_uid", -1);
@@ -254,11 +245,6 @@ long httpdGid()
 const char* installDir()
 {
     return textOf("vesk.install_dir", nullptr);
-}
-
-const char* tempDir()
-{
-    return textOf("vesk.temp_dir", nullptr);
 }
 
 long nodeId()

@@ -121,7 +121,9 @@ TEST_F(GlobalDirectivesTest, SingleIniFileUnderConfDir)
     host().configuration["vesk.conf_dir"] = conf;
     host().configuration["vesk.ini_file"] = "one.ini";
     ASSERT_EQ(0, loadGlobalDirectives());
-    EXPECT_STREQ("/var/tmp/vesk", tempDir());
+    const char* value = nullptr;
+    ASSERT_EQ(0, findDirective("vesk.temp_dir", strlen("vesk.temp_dir"), &value));
+    EXPECT_STREQ("/var/tmp/vesk", value);
 }
 
 TEST_F(GlobalDirectivesTest, RefusalsNameWhatIsMissing)
@@ -193,30 +195,16 @@ TEST_F(GlobalDirectivesTest, ApplyGivesPairsToRegisteredDirectivesOnly)
     EXPECT_EQ("/var/log/vesk", value("vesk.log_dir"));
 }
 
-TEST_F(GlobalDirectivesTest, ComposePath)
+TEST_F(GlobalDirectivesTest, ResolvePath)
 {
     host().configuration["vesk.log_dir"] = "/var/log/vesk";
     ASSERT_EQ(0, loadGlobalDirectives());
 
-    char* out = nullptr;
-    EXPECT_EQ(int(strlen("/var/log/vesk/pagecache.log")), composePath(&out, "pagecache.log", LogDirBase));
-    EXPECT_STREQ("/var/log/vesk/pagecache.log", out);
-    free(out);
-
-    out = nullptr;
-    EXPECT_EQ(int(strlen("/etc/rules.xml")), composePath(&out, "/etc/rules.xml", ConfDirBase));
-    EXPECT_STREQ("/etc/rules.xml", out);
-    free(out);
-
-    char untouched[] = "kept";
-    out = untouched;
-    EXPECT_EQ(0, composePath(&out, "rules.xml", ConfDirBase));
-    EXPECT_EQ(untouched, out);
-
-    out = nullptr;
-    composePath(&out, nullptr, LogDirBase);
-    EXPECT_STREQ("/var/log/vesk/", out);
-    free(out);
+    EXPECT_EQ("/var/log/vesk/pagecache.log", resolvePath("pagecache.log", LogDirBase));
+    EXPECT_EQ("/etc/rules.xml", resolvePath("/etc/rules.xml", ConfDirBase));
+    // Without its base directory a relative path doesn't resolve at all.
+    EXPECT_TRUE(resolvePath("rules.xml", ConfDirBase).isNull());
+    EXPECT_EQ("/var/log/vesk/", resolvePath(nullptr, LogDirBase));
 }
 
 class HostProbesTest : public ::testing::Test
