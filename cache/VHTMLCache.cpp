@@ -60,7 +60,7 @@ VHTMLCache::~VHTMLCache()
 
 bool VHTMLCache::load(const char* savePath, qint64 dirDepth, const char* rulesFile,
                       qint64 cleanFrequency, bool cleanerDisabled, qint64 maxCachedRules,
-                      bool startCleaner)
+                      bool startCleaner, bool atStartup)
 {
     VPHPEvaluatorsManager::instance()->createEvaluators();
     clearRuleCache();
@@ -80,7 +80,7 @@ bool VHTMLCache::load(const char* savePath, qint64 dirDepth, const char* rulesFi
         return false;
     }
     try {
-        if (!validateRulesFile(rulesFile))
+        if (!validateRulesFile(rulesFile, atStartup))
             return false;
         setDevice(&file);
         parse();
@@ -158,9 +158,9 @@ void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& prod
     _exit(0);
 }
 
-bool VHTMLCache::validateRulesFile(const char* rulesFile)
+bool VHTMLCache::validateRulesFile(const char* rulesFile, bool atStartup)
 {
-    return validateRulesFileAgainstSchema(rulesFile, m_lastError);
+    return validateRulesFileAgainstSchema(rulesFile, m_lastError, atStartup);
 }
 
 namespace {

@@ -21,11 +21,12 @@ public:
 
     // Reads the rules file and opens the store under `savePath`. Answers
     // false with the reason in lastError(); no rule is in force then.
+    // `atStartup` false names a worker's reload in the reason.
     bool load(const char* savePath, qint64 dirDepth, const char* rulesFile,
               qint64 cleanFrequency, bool cleanerDisabled, qint64 maxCachedRules,
-              bool startCleaner);
+              bool startCleaner, bool atStartup = true);
     // Validates the rules file against pagecache_rules_schema.xsd beside it.
-    bool validateRulesFile(const char* rulesFile);
+    bool validateRulesFile(const char* rulesFile, bool atStartup = true);
     // Stops the cleaner (from its master) and lets go of the store. Always 1.
     int shutdown();
     // Forks the process that drops expired pages every `frequency` seconds,

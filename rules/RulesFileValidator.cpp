@@ -24,7 +24,7 @@ QString fromXerces(const XMLCh* text)
 
 } // namespace
 
-bool validateRulesFileAgainstSchema(const char* rulesFile, QString& error)
+bool validateRulesFileAgainstSchema(const char* rulesFile, QString& error, bool atStartup)
 {
     try {
         XMLPlatformUtils::Initialize("en_US");
@@ -60,7 +60,9 @@ bool validateRulesFileAgainstSchema(const char* rulesFile, QString& error)
     } catch (const SAXParseException& e) {
         error = QStringLiteral("Dependencies file validation error on line ") + QString::number(e.getLineNumber())
                       + QStringLiteral(" column ") + QString::number(e.getColumnNumber())
-                      + QStringLiteral(" during Vesk Page Cache startup. ") + fromXerces(e.getMessage());
+                      + (atStartup ? QStringLiteral(" during Vesk Page Cache startup. ")
+                                   : QStringLiteral(" during Vesk Page Cache reload. "))
+                      + fromXerces(e.getMessage());
         return false;
     } catch (const XMLException& e) {
         error = QStringLiteral("Dependencies file error: ") + fromXerces(e.getMessage());

@@ -31,6 +31,10 @@ void PageCachePulse::initialize(const VeskServerInfo& info, const QString& conne
     serverInfo = info;
     client.setConnectionString(connection);
     VLOG(log(), 3) << "Connection string set to:" << connection;
+    // Without a daemon to send to, the pulse stays off: no message is made
+    // and no connection is tried, so a request leaves no line about it.
+    if (connection.isEmpty())
+        return;
     pulseInitialized = true;
 }
 

@@ -100,6 +100,20 @@ bool underConfDir(const char* confDir, const char* directive, const char* value,
     return true;
 }
 
+// PHP_INI_SCAN_DIR as the engine reads it: directories separated by ":",
+// each read in turn; an empty entry stands for the engine's own scan
+// directory, so ":/dir" adds a directory to the usual ones.
+int scanDirectoryList(const char* list)
+{
+    int result = 0;
+    for (const QByteArray& entry : QByteArray(list).split(':')) {
+        const char* dirPath = entry.isEmpty() ? vesk_engine_scan_dir() : entry.constData();
+        if (dirPath && *dirPath && scanDirectory(dirPath) != 0)
+            result = -1;
+    }
+    return result;
+}
+
 long numberOf(const char* name, long absent)
 {
     const char* value = nullptr;
@@ -139,10 +153,11 @@ int loadGlobalDirectives()
     }
 
     // An empty PHP_INI_SCAN_DIR means "no scan directory" to the engine
-    // itself, so it does here too.
+    // itself, so it does here too. Its value is a list; vesk.ini_scandir
+    // names one directory.
     const char* scanDir = getenv("PHP_INI_SCAN_DIR");
     if (scanDir && *scanDir)
-        return scanDirectory(scanDir);
+        return scanDirectoryList(scanDir);
     QByteArray path;
     if (const char* iniScanDir = engineValue("vesk.ini_scandir")) {
         if (!underConfDir(confDir, "vesk.ini_scandir", iniScanDir, "scandir", path))

@@ -19,6 +19,8 @@ SOURCE_ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__
 EXTENSION = os.environ.get("VESK_EXTENSION", os.path.join(SOURCE_ROOT, "build", "vesk_pagecache.so"))
 PHP = shutil.which("php8.2") or shutil.which("php")
 LISTENER = os.path.join(os.path.dirname(EXTENSION), "pagecache-statsd-listen")
+# The operators' command-line tool, built beside the extension.
+TOOL = os.path.join(os.path.dirname(EXTENSION), "vesk-pagecache")
 
 # Servers run as production runs: Debian's production php.ini and its
 # module set with opcache, unless a test asks for the bare engine (-n).
@@ -326,9 +328,14 @@ class FpmBehindNginx:
     def available(cls):
         return os.access(cls.FPM, os.X_OK) and os.access(cls.NGINX, os.X_OK)
 
-    def __init__(self, workspace, docroot, directives, daemonize=False, bare=False, workers=2):
+    def __init__(self, workspace, docroot, directives, daemonize=False, bare=False, workers=2,
+                 extension=EXTENSION, scan_dir=None, user=None, env=None):
         """With `daemonize`, php-fpm forks its master and the first process
-        exits; `master` is the pid of the process that serves either way."""
+        exits; `master` is the pid of the process that serves either way.
+        `extension` None loads none on the command line (an installed one
+        comes through `scan_dir`, PHP_INI_SCAN_DIR's value); `user` runs the
+        pool as that user, as a system's php-fpm does; `env` adds variables
+        to the workers' environment."""
         self.port = free_port()
         self.socket_path = socket_path = workspace.path("fpm.sock")
         self.daemonize = daemonize
@@ -338,17 +345,24 @@ class FpmBehindNginx:
                     "clear_env = no\ncatch_workers_output = yes\n"
                     % (workspace.path("fpm.pid"), workspace.path("fpm.log"), "yes" if daemonize else "no",
                        socket_path, workers))
-            if os.geteuid() == 0:
+            if user:
+                f.write("user = %s\ngroup = %s\n" % (user, user))
+            elif os.geteuid() == 0:
                 f.write("user = root\ngroup = root\n")
-        command = ([self.FPM] + engine_settings("fpm", bare)[0]
-                   + ["-y", workspace.path("fpm.conf"), "-d", "zend_extension=" + EXTENSION])
+        command = [self.FPM] + engine_settings("fpm", bare)[0] + ["-y", workspace.path("fpm.conf")]
+        if extension:
+            command += ["-d", "zend_extension=" + extension]
         for name, value in directives.items():
             command += ["-d", "%s=%s" % (name, value)]
-        if os.geteuid() == 0:
+        if os.geteuid() == 0 and not user:
             command.append("-R")
+        environment = php_environment("fpm", bare)
+        if scan_dir is not None:
+            environment["PHP_INI_SCAN_DIR"] = scan_dir
+        environment.update(env or {})
         self.fpm_output = open(workspace.path("fpm.out"), "wb")
         self.fpm = subprocess.Popen(command, stdout=self.fpm_output, stderr=subprocess.STDOUT,
-                                    stdin=subprocess.DEVNULL, env=php_environment("fpm", bare),
+                                    stdin=subprocess.DEVNULL, env=environment,
                                     start_new_session=True)
         self.master = self.fpm.pid
         if daemonize:

@@ -88,6 +88,22 @@ class Pulse(unittest.TestCase):
         self.assertIn("Attempting to reconnect...", log)
 
 
+class NoDaemon(unittest.TestCase):
+    def test_without_a_connection_string_requests_try_and_log_nothing(self):
+        workspace, site = harness.Workspace.with_site(self, RULES)
+        server = harness.BuiltinServer(workspace, site,
+                                       workspace.directives(vesk_pagecache__log_verbosity_level="5"))
+        self.addCleanup(server.stop)
+        for _ in range(3):
+            self.assertEqual(200, server.get("/page.php")[0])
+        log = workspace.log()
+        # The requests were covered, and traced.
+        self.assertIn("Cache entry NOT found", log)
+        self.assertNotIn("statsd", log)
+        self.assertNotIn("Adding POSSIBLE", log)
+        self.assertNotIn("Adding PageCache-", log)
+
+
 class RecordChannel(unittest.TestCase):
     def test_directives_as_written_leave_the_channel_shut(self):
         # The page cache's switch is looked up with its terminating zero as

@@ -52,7 +52,7 @@ class RulesReload(unittest.TestCase):
         self.serve(20)
         log = self.workspace.log()
         errors = re.findall(r"ERROR\] Dependencies file validation error on line 1 column \d+ during Vesk Page "
-                            r"Cache startup\. .*glob.*\n", log)
+                            r"Cache reload\. .*glob.*\n", log)
         self.assertEqual(sum(self.reloads_by_pid().values()), len(errors))
         self.assertEqual({1}, set(self.reloads_by_pid().values()))
         # The pages are still served.

@@ -51,11 +51,15 @@ class BuiltinServerStartup(unittest.TestCase):
         self.assertEqual(0, os.stat("/proc/%d" % server.process.pid).st_uid)
 
     def test_missing_log_directory_refuses_the_cache_but_serves_pages(self):
-        server = self.start(vesk__log_dir=self.workspace.path("no-such-dir"))
+        errors = self.workspace.path("php-errors.log")
+        server = self.start(vesk__log_dir=self.workspace.path("no-such-dir"), error_log=errors)
         status, _, body = server.get("/info.php")
         self.assertEqual(200, status)
         self.assertIn(b"Enable => No", body)
         with open(self.workspace.path("server.out"), encoding="latin-1") as f:
+            self.assertIn("Vesk Page Cache is disabled: Failed to open the log file", f.read())
+        # PHP's own error log has it too, where a daemon's standard error is lost.
+        with open(errors, encoding="latin-1") as f:
             self.assertIn("Vesk Page Cache is disabled: Failed to open the log file", f.read())
 
 

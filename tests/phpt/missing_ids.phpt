@@ -16,7 +16,8 @@ var_dump(count(preg_grep('/^INFO Rules File: /', vesk_log_lines())));
 var_dump(count(preg_grep('/httpd gid/', vesk_log_lines())));
 
 // A child without either: the message goes to standard error before any
-// log file exists, and PHP still runs the script.
+// log file exists, and to PHP's own error log (standard error too, for the
+// command line without error_log), and PHP still runs the script.
 unlink(getenv('VESK_TEST_DIR') . '/log/pagecache.log');
 [$out, $err] = vesk_child_stderr([
     'vesk.log_dir' => getenv('VESK_TEST_DIR') . '/log',
@@ -31,4 +32,5 @@ int(1)
 int(0)
 ran
 INFO Unable to locate the httpd uid from ini files. Vesk Page Cache is disabled 
+Unable to locate the httpd uid from ini files. Vesk Page Cache is disabled
 bool(false)

@@ -44,6 +44,21 @@ void refuse(const QString& text, int level)
     disableExtension(text);
 }
 
+// A fault that switches the cache off at start-up is also told to PHP's own
+// error log: before the cache's log is open its lines go to standard error,
+// which a daemonizing server leaves behind on the terminal. Runs where the
+// cache stays off by design (the command line) keep their error log quiet.
+void refuseAndReport(const QString& text, int level)
+{
+    refuse(text, level);
+    if (webSapiCheck() != 0 && !pageCacheConfig.enable_cli)
+        return;
+    const QString line = text.contains(QLatin1String(PageCacheName))
+                             ? text
+                             : QStringLiteral("%1 is disabled: %2").arg(QLatin1String(PageCacheName), text);
+    vesk_log_error(line.toLocal8Bit().constData());
+}
+
 // The log file and the store are made as the web server's user, so that
 // workers that run as that user can write them later.
 std::unique_ptr<VPrivilegesDropper> dropPrivileges(long uid, long gid)
@@ -67,12 +82,12 @@ bool openLog()
     try {
         const long uid = httpdUid();
         if (uid == -1) {
-            refuse(QString::fromLatin1(NoUidMessage), 3);
+            refuseAndReport(QString::fromLatin1(NoUidMessage), 3);
             return false;
         }
         const long gid = httpdGid();
         if (gid == -1) {
-            refuse(QString::fromLatin1(NoGidMessage), 3);
+            refuseAndReport(QString::fromLatin1(NoGidMessage), 3);
             return false;
         }
         dropper = dropPrivileges(uid, gid);
@@ -82,7 +97,7 @@ bool openLog()
         dropper.reset();
     } catch (const VException& e) {
         dropper.reset();
-        refuse(QStringLiteral("Vesk Page Cache is disabled: ") + QString::fromLatin1(e.what()), 3);
+        refuseAndReport(QStringLiteral("Vesk Page Cache is disabled: ") + QString::fromLatin1(e.what()), 3);
         return false;
     }
     return true;
@@ -164,12 +179,12 @@ int moduleStartup()
         dropper.reset();
     } catch (const VException& e) {
         dropper.reset();
-        refuse(QString::fromLatin1(e.what()), 0);
+        refuseAndReport(QString::fromLatin1(e.what()), 0);
         return 0;
     }
     if (installSessionHooks())
         return 0;
-    refuse(QStringLiteral("Failed to set session handlers"), 0);
+    refuseAndReport(QStringLiteral("Failed to set session handlers"), 0);
     return 0;
 }
 
@@ -206,7 +221,7 @@ void reloadRules(bool isStartup)
     VHTMLCache* cache = VHTMLCache::instance();
     if (!cache->load(orNull(moduleState.resolvedSavePath), pageCacheConfig.dir_depth,
                      orNull(moduleState.resolvedRulesFile), pageCacheConfig.clean_frequency, false,
-                     pageCacheConfig.max_cached_rules, isStartup)) {
+                     pageCacheConfig.max_cached_rules, isStartup, isStartup)) {
         VLOG(log, 0) << cache->lastError();
     }
 }
@@ -216,7 +231,7 @@ void failureEscaped(const char* where, const char* what, bool startup)
     try {
         const QString text = QString::fromLatin1(where) + QStringLiteral(" failed: ") + QString::fromUtf8(what);
         if (startup)
-            refuse(text, 0);
+            refuseAndReport(text, 0);
         else
             VLOG(moduleState.logStream, 0) << text;
     } catch (...) {

@@ -50,6 +50,16 @@ void vesk_add_configuration_directive(const char* name, size_t nameLength, const
     zend_hash_str_update(configuration, name, nameLength, &entry);
 }
 
+const char* vesk_engine_scan_dir()
+{
+    // The engine's constant, not the header's macro: the headers are built
+    // for one SAPI, and each of Debian's binaries has a directory of its own.
+    const zval* value = zend_get_constant_str("PHP_CONFIG_FILE_SCAN_DIR", strlen("PHP_CONFIG_FILE_SCAN_DIR"));
+    if (!value || Z_TYPE_P(value) != IS_STRING)
+        return nullptr;
+    return Z_STRVAL_P(value);
+}
+
 namespace {
 
 struct IniParse
@@ -112,6 +122,11 @@ void vesk_error(int type, const char* format, ...)
     vsnprintf(message, sizeof message, format, args);
     va_end(args);
     zend_error(type, "%s", message);
+}
+
+void vesk_log_error(const char* message)
+{
+    php_log_err(message);
 }
 
 const char* vesk_sapi_name()

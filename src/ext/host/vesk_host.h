@@ -46,6 +46,10 @@ const char* vesk_get_configuration_directive(const char* name, size_t length);
 void vesk_add_configuration_directive(const char* name, size_t nameLength,
                                       const char* value, size_t valueLength);
 
+// The scan directory the engine was built with (PHP_CONFIG_FILE_SCAN_DIR of
+// the running binary, which differs between Debian's SAPIs), or null.
+const char* vesk_engine_scan_dir();
+
 typedef void (*VeskIniCallback)(const char* key, size_t keyLength, const char* value,
                                 size_t valueLength, int callbackType, void* arg);
 // Parses an open ini file with the engine's own parser; the file is closed.
@@ -60,6 +64,8 @@ VeskIniApply vesk_apply_ini_entry(const char* name, size_t nameLength, const cha
 
 // Error reporting towards the script's author.
 void vesk_error(int type, const char* format, ...) __attribute__((format(printf, 2, 3)));
+// A line in PHP's own error log (error_log, else the server's log).
+void vesk_log_error(const char* message);
 
 // Server API and request.
 const char* vesk_sapi_name();

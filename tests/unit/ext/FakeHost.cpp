@@ -39,6 +39,11 @@ const char* vesk_get_configuration_directive(const char* name, size_t length)
     return it == host().configuration.end() ? nullptr : it->second.c_str();
 }
 
+const char* vesk_engine_scan_dir()
+{
+    return host().engineScanDir.c_str();
+}
+
 void vesk_add_configuration_directive(const char* name, size_t nameLength, const char* value,
                                       size_t valueLength)
 {
@@ -88,6 +93,11 @@ void vesk_error(int type, const char* format, ...)
     vsnprintf(message, sizeof message, format, args);
     va_end(args);
     host().errors.emplace_back(type, message);
+}
+
+void vesk_log_error(const char* message)
+{
+    host().errorLog.push_back(message);
 }
 
 const char* vesk_sapi_name()

@@ -28,6 +28,8 @@ struct FakeHost
     std::map<std::string, std::string> applied;
     std::vector<std::pair<int, std::string>> errors;
     std::vector<std::string> parsedFiles;
+    std::string engineScanDir;
+    std::vector<std::string> errorLog;
 
     // The response as the request path sets it.
     int responseCode = 200;

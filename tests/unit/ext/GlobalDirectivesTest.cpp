@@ -115,6 +115,44 @@ TEST_F(GlobalDirectivesTest, EnvironmentScanDirWinsOverTheDirectives)
     EXPECT_TRUE(host().errors.empty());
 }
 
+TEST_F(GlobalDirectivesTest, EnvironmentScanDirIsAListWithTheEnginesOwnForEmptyEntries)
+{
+    QDir(confDir.path()).mkpath(QStringLiteral("engine"));
+    QDir(confDir.path()).mkpath(QStringLiteral("site"));
+    writeFile(confDir.filePath("engine/10-vesk.ini"), "vesk.node_id = 1\nvesk.webserver_type = nginx\n");
+    writeFile(confDir.filePath("site/10-vesk.ini"), "vesk.node_id = 2\n");
+    host().engineScanDir = conf + "/engine";
+
+    // Read in order: the later directory has the last word.
+    setenv("PHP_INI_SCAN_DIR", (":" + conf + "/site").c_str(), 1);
+    ASSERT_EQ(0, loadGlobalDirectives());
+    EXPECT_EQ(2, nodeId());
+    EXPECT_STREQ("nginx", webserverType());
+    EXPECT_TRUE(host().errors.empty());
+
+    host().parsedFiles.clear();
+    setenv("PHP_INI_SCAN_DIR", (conf + "/site:").c_str(), 1);
+    ASSERT_EQ(0, loadGlobalDirectives());
+    EXPECT_EQ(1, nodeId());
+    EXPECT_EQ((std::vector<std::string>{conf + "/site/10-vesk.ini", conf + "/engine/10-vesk.ini"}),
+              host().parsedFiles);
+
+    // A directory that can't be opened is named alone; the others are read.
+    setenv("PHP_INI_SCAN_DIR", (conf + "/missing::" + conf + "/site").c_str(), 1);
+    EXPECT_EQ(-1, loadGlobalDirectives());
+    EXPECT_EQ(2, nodeId());
+    ASSERT_EQ(1u, host().errors.size());
+    EXPECT_EQ("Failed to open the scandir [" + conf + "/missing]: No such file or directory",
+              host().errors[0].second);
+
+    // An engine built without a scan directory leaves the empty entry empty.
+    host().reset();
+    setenv("PHP_INI_SCAN_DIR", (":" + conf + "/site").c_str(), 1);
+    ASSERT_EQ(0, loadGlobalDirectives());
+    EXPECT_EQ(2, nodeId());
+    EXPECT_TRUE(host().errors.empty());
+}
+
 TEST_F(GlobalDirectivesTest, SingleIniFileUnderConfDir)
 {
     writeFile(confDir.filePath("one.ini"), "vesk.temp_dir = /var/tmp/vesk\n");

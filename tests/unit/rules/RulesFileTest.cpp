@@ -221,6 +221,24 @@ TEST_F(LoadTest, ShippedExampleLoads)
     EXPECT_FALSE(log().contains("WARNING]"));
 }
 
+// Each recipe for an application loads, and none of its rules shares pages
+// across hosts, schemes or paths.
+TEST_F(LoadTest, RecipesLoadWithoutWarnings)
+{
+    const QDir recipes(QStringLiteral(VESK_SOURCE_DIR "/conf/recipes"));
+    const QStringList files = recipes.entryList({QStringLiteral("*.xml")}, QDir::Files, QDir::Name);
+    EXPECT_EQ(QStringList({"drupal.xml", "laravel.xml", "mediawiki.xml", "wordpress.xml"}), files);
+    for (const QString& name : files) {
+        clearLog();
+        QFile recipe(recipes.filePath(name));
+        ASSERT_TRUE(recipe.open(QIODevice::ReadOnly));
+        ASSERT_TRUE(load(write(recipe.readAll()))) << name.toStdString() << ": "
+                                                   << VHTMLCache::instance()->lastError().toStdString();
+        EXPECT_EQ(1, VHTMLCache::instance()->rules().size()) << name.toStdString();
+        EXPECT_FALSE(log().contains("WARNING]")) << name.toStdString() << "\n" << log().constData();
+    }
+}
+
 TEST_F(LoadTest, MissingSchema)
 {
     const QByteArray path = write(rulesXml(""), false);

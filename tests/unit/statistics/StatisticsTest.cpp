@@ -179,6 +179,11 @@ TEST(PageCachePulse, FactsOfARequest)
 
     VeskServerInfo info(QFile::encodeName(dir.path()).constData(), "nginx");
     info.setServerNumber(4);
+    // Nor when no daemon is configured: there would be nowhere to send it.
+    pulse->initialize(info, QString());
+    pulse->addPossible(1, QStringLiteral("r"));
+    EXPECT_TRUE(pulse->statsdClient().messages().empty());
+
     pulse->initialize(info, QStringLiteral("unix:VESK_PREFIX/statsd.sock"));
     EXPECT_EQ(QStringLiteral("unix:%1/statsd.sock").arg(dir.path()), pulse->statsdClient().connectionString());
     Daemon daemon(pulse->statsdClient().connectionString());

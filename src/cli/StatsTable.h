@@ -1,0 +1,39 @@
+#pragma once
+
+#include <QByteArray>
+#include <QMap>
+#include <QPair>
+
+class VPageCacheStatsMessage;
+
+// Hits, misses and time saved per rule and application, summed from the
+// statistics stream the workers send.
+class StatsTable
+{
+public:
+    struct Figures
+    {
+        QByteArray name;
+        qint64 possible = 0;
+        qint64 hits = 0;
+        qint64 misses = 0;
+        qint64 timeSavedMs = 0;
+        // Of the pages answered, the share served from the store; 0 with none.
+        double hitRatio() const;
+    };
+    typedef QPair<qint64, qint32> RuleAndApp;
+
+    void add(const VPageCacheStatsMessage& message);
+    // Takes the messages of one frame of the stream; false for another
+    // component's message or a damaged one, which count for nothing.
+    bool addFrame(const QByteArray& payload);
+
+    const QMap<RuleAndApp, Figures>& rules() const { return m_rules; }
+    // A table for a terminal, one line per rule.
+    QByteArray text() const;
+    // The same figures in Prometheus's text exposition format.
+    QByteArray prometheus() const;
+
+private:
+    QMap<RuleAndApp, Figures> m_rules;
+};

@@ -1,0 +1,241 @@
+"""The rules recipes of conf/recipes against the real applications from
+Debian's packages, under php-fpm behind nginx: WordPress on a MariaDB of its
+own, MediaWiki on SQLite. Anonymous pages are hits equal to their misses; a
+logged-in user is never served a stored page and never stores one; an edit
+followed by the recipe's removal is fresh at the next view."""
+import gzip
+import http.client
+import json
+import os
+import shutil
+import unittest
+import urllib.parse
+import uuid
+
+import harness
+import webapps
+
+RECIPES = os.path.join(harness.SOURCE_ROOT, "conf", "recipes")
+HIT = "x-pagecache-compression"   # carried by hits alone, under enable_qa_info
+
+
+class Browser:
+    """Keeps the cookies a site sets, as a browser would, and names the site's host."""
+
+    def __init__(self, port, host):
+        self.port = port
+        self.host = host
+        self.cookies = {}
+
+    def request(self, method, path, body=None, headers=None):
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=60)
+        headers = dict(headers or {}, Host=self.host)
+        if self.cookies:
+            headers["Cookie"] = "; ".join("%s=%s" % item for item in self.cookies.items())
+        connection.request(method, path, body=body, headers=headers)
+        response = connection.getresponse()
+        result = response.status, {k.lower(): v for k, v in response.getheaders()}, response.read()
+        for name, value in response.getheaders():
+            if name.lower() == "set-cookie":
+                cookie, _, attributes = value.partition(";")
+                key, _, text = cookie.partition("=")
+                gone = "1970" in attributes or "max-age=0" in attributes.lower() or text == "deleted"
+                if gone:
+                    self.cookies.pop(key.strip(), None)
+                else:
+                    self.cookies[key.strip()] = text
+        connection.close()
+        return result
+
+    def get(self, path):
+        return self.request("GET", path)
+
+    def post(self, path, fields):
+        return self.request("POST", path, urllib.parse.urlencode(fields),
+                            {"Content-Type": "application/x-www-form-urlencoded"})
+
+
+class RecipeCase(unittest.TestCase):
+    """One application behind php-fpm and nginx, its recipe in force."""
+
+    recipe = None
+
+    @classmethod
+    def start(cls, docroot, env=None):
+        workspace = cls.workspace
+        with open(os.path.join(RECIPES, cls.recipe)) as f:
+            workspace.use_rules(f.read())
+        directives = workspace.directives(vesk_pagecache__enable_qa_info="1",
+                                          vesk_pagecache__log_verbosity_level="1")
+        harness.make_shared(workspace)
+        # MediaWiki sends its page with fastcgi_finish_request() and works
+        # on (deferred updates, then the page is stored): with one worker,
+        # each request starts once the one before has ended.
+        cls.server = harness.FpmBehindNginx(workspace, docroot, directives, workers=1, env=env)
+        cls.addClassCleanup(cls.server.stop)
+
+    @classmethod
+    def make_workspace(cls, packages):
+        missing = webapps.missing_packages(packages)
+        if missing:
+            raise unittest.SkipTest("not installed: %s (scripts/bootstrap installs them)" % " ".join(missing))
+        if not harness.FpmBehindNginx.available():
+            raise unittest.SkipTest("php-fpm or nginx is not installed")
+        cls.workspace = harness.Workspace()
+        cls.addClassCleanup(cls.workspace.remove)
+        cls.host = "vesk-%s.test" % uuid.uuid4().hex[:12]
+
+    def visitor(self):
+        return Browser(self.server.port, self.host)
+
+    def assert_hits_equal_misses(self, paths):
+        visitor = self.visitor()
+        for path in paths:
+            status, headers, miss = visitor.get(path)
+            self.assertEqual(200, status, path)
+            self.assertNotIn(HIT, headers, path)
+            self.assertNotIn("set-cookie", headers, path)
+            status, headers, hit = visitor.get(path)
+            self.assertIn(HIT, headers, path)
+            self.assertEqual(miss, hit, path)
+            status, headers, packed = visitor.request("GET", path, headers={"Accept-Encoding": "gzip"})
+            self.assertEqual("gzip", headers.get("content-encoding"), path)
+            self.assertEqual(miss, gzip.decompress(packed), path)
+        self.assertEqual({}, visitor.cookies)
+        self.assertNotIn("WARNING]", self.workspace.log())
+
+    def assert_private(self, user, path, mark):
+        """`user` isn't served the stored page of `path`, and a page that
+        only `user` asked for reaches no visitor."""
+        visitor = self.visitor()
+        visitor.get(path)
+        self.assertIn(HIT, visitor.get(path)[1])
+        status, headers, body = user.get(path)
+        self.assertEqual(200, status)
+        self.assertNotIn(HIT, headers)
+        self.assertIn(mark, body)
+        private = path + "&vesk=private"
+        for _ in range(2):
+            self.assertNotIn(HIT, user.get(private)[1])
+        status, headers, body = visitor.get(private)
+        self.assertNotIn(HIT, headers)
+        self.assertNotIn(mark, body)
+        self.assertIn(HIT, visitor.get(private)[1])
+
+    def assert_fresh_after(self, path, edit):
+        """The stored page of `path` gives way to the edited one that
+        `edit(text)` makes, at the very next view."""
+        visitor = self.visitor()
+        visitor.get(path)
+        self.assertIn(HIT, visitor.get(path)[1])
+        marker = "Edited-%s" % uuid.uuid4().hex[:8]
+        edit(marker)
+        status, headers, body = visitor.get(path)
+        self.assertEqual(200, status)
+        self.assertNotIn(HIT, headers)
+        self.assertIn(marker.encode(), body)
+        status, headers, body = visitor.get(path)
+        self.assertIn(HIT, headers)
+        self.assertIn(marker.encode(), body)
+
+
+class WordPressRecipe(RecipeCase):
+    recipe = "wordpress.xml"
+
+    @classmethod
+    def setUpClass(cls):
+        cls.make_workspace(webapps.WORDPRESS_PACKAGES)
+        if not os.access("/etc/wordpress", os.W_OK):
+            raise unittest.SkipTest("Debian's WordPress reads its configuration from /etc/wordpress only, "
+                                    "which this user can't write")
+        plugins = cls.workspace.path("mu-plugins")
+        os.makedirs(plugins)
+        shutil.copy(os.path.join(RECIPES, "wordpress-vesk-pagecache.php"), plugins)
+        database = webapps.MariaDB(cls.workspace.root)
+        cls.addClassCleanup(database.stop)
+        site = webapps.WordPress(cls.workspace.root, cls.host, database, posts=4, mu_plugins=plugins)
+        cls.addClassCleanup(site.remove)
+        cls.password = site.password
+        cls.start(webapps.WORDPRESS_ROOT)
+
+    def administrator(self):
+        admin = self.visitor()
+        admin.cookies["wordpress_test_cookie"] = "WP%20Cookie%20check"
+        status, _, _ = admin.post("/wp-login.php", {"log": "admin", "pwd": self.password, "testcookie": "1"})
+        self.assertEqual(302, status)
+        self.assertTrue(any(name.startswith("wordpress_logged_in_") for name in admin.cookies))
+        return admin
+
+    def test_anonymous_pages_are_hits_equal_to_misses(self):
+        self.assert_hits_equal_misses(["/", "/?p=4", "/?p=5", "/?page_id=2", "/?cat=1", "/?p=1"])
+        visitor = self.visitor()
+        for path in ("/?s=Lorem", "/wp-login.php", "/?rest_route=/wp/v2/posts"):
+            visitor.get(path)
+            self.assertNotIn(HIT, visitor.get(path)[1], path)
+
+    def test_logged_in_user_is_never_served_nor_stores(self):
+        self.assert_private(self.administrator(), "/?p=6", b"wp-admin-bar")
+
+    def test_edit_then_removal_is_fresh(self):
+        admin = self.administrator()
+
+        def edit(marker):
+            nonce = admin.get("/wp-admin/admin-ajax.php?action=rest-nonce")[2].decode()
+            status, _, body = admin.request("POST", "/?rest_route=/wp/v2/posts/7",
+                                            json.dumps({"content": "<p>%s</p>" % marker}),
+                                            {"Content-Type": "application/json", "X-WP-Nonce": nonce})
+            self.assertEqual(200, status, body[:300])
+
+        self.assert_fresh_after("/?p=7", edit)
+
+
+class MediaWikiRecipe(RecipeCase):
+    recipe = "mediawiki.xml"
+
+    @classmethod
+    def setUpClass(cls):
+        cls.make_workspace(webapps.MEDIAWIKI_PACKAGES)
+        pages = {"Page_%d" % i: "Text of page %d, see [[Page_%d]]. [[Category:Test]]" % (i, i % 3 + 1)
+                 for i in range(1, 4)}
+        pages["Category:Test"] = "The pages of the test."
+        removal = "require_once '%s';" % os.path.join(RECIPES, "mediawiki-vesk-pagecache.php")
+        site = webapps.MediaWiki(cls.workspace.root, cls.host, pages, settings=removal)
+        cls.password = site.password
+        cls.start(webapps.MEDIAWIKI_ROOT, env=site.environment)
+
+    def user(self):
+        user = self.visitor()
+        token = json.loads(user.get("/api.php?action=query&meta=tokens&type=login&format=json")[2])
+        status, _, body = user.post("/api.php", {
+            "action": "clientlogin", "username": "Admin", "password": self.password, "format": "json",
+            "logintoken": token["query"]["tokens"]["logintoken"], "loginreturnurl": "http://%s/" % self.host})
+        self.assertEqual("PASS", json.loads(body)["clientlogin"]["status"], body[:300])
+        return user
+
+    def test_anonymous_pages_are_hits_equal_to_misses(self):
+        self.assert_hits_equal_misses(["/index.php?title=Page_1", "/index.php?title=Page_2",
+                                       "/index.php?title=Category:Test", "/index.php?title=Main_Page"])
+        visitor = self.visitor()
+        for path in ("/index.php?title=Page_1&action=edit", "/index.php?title=Special:RecentChanges",
+                     "/index.php?search=Text", "/api.php?action=query&meta=siteinfo&format=json"):
+            visitor.get(path)
+            self.assertNotIn(HIT, visitor.get(path)[1], path)
+
+    def test_logged_in_user_is_never_served_nor_stores(self):
+        self.assert_private(self.user(), "/index.php?title=Page_2", b'"wgUserName":"Admin"')
+
+    def test_edit_then_removal_is_fresh(self):
+        user = self.user()
+
+        def edit(marker):
+            token = json.loads(user.get("/api.php?action=query&meta=tokens&format=json")[2])
+            status, _, body = user.post("/api.php", {
+                "action": "edit", "title": "Page_3", "text": "%s [[Category:Test]]" % marker, "format": "json",
+                "token": token["query"]["tokens"]["csrftoken"]})
+            self.assertEqual("Success", json.loads(body)["edit"]["result"], body[:300])
+
+        self.assert_fresh_after("/index.php?title=Page_3", edit)
+
+
+if __name__ == "__main__":
+    unittest.main()
