@@ -5,7 +5,6 @@
 #include "ModuleState.h"
 
 #include "VDeploymentInfo.h"
-#include "host/vesk_host.h"
 
 namespace {
 
@@ -14,44 +13,39 @@ VeskServerInfo lookupServerInfo()
     return VeskServerInfo(installDir(), webserverType(), moduleState.logStream);
 }
 
-// A request that carries a debugger connection belongs to no application.
-bool debuggerAttached(int readBody)
+// One deployment view per way of looking, made at its first use.
+VDeploymentInfo& deploymentByPath()
 {
-    char* value = requestParameter("debugger_connect", 16, readBody);
-    if (!value)
-        return false;
-    vesk_efree(value);
-    return true;
+    static VDeploymentInfo deployment(lookupServerInfo(), moduleState.logStream,
+                                      QStringLiteral("DeplInf_app_id_for_path"));
+    return deployment;
+}
+
+VDeploymentInfo& deploymentByUrl()
+{
+    static VDeploymentInfo deployment(lookupServerInfo(), moduleState.logStream,
+                                      QStringLiteral("DeplInf_app_id_for_url"));
+    return deployment;
+}
+
+// A request that carries a debugger connection belongs to no application;
+// its parameter is looked for in the body only for a look-up by URL.
+qint32 appIdFor(const char* text, bool byUrl)
+{
+    if (!text || !*text)
+        return -1;
+    VDeploymentInfo& deployment = byUrl ? deploymentByUrl() : deploymentByPath();
+    deployment.refresh();
+    // With nothing deployed the answer is -1 whatever the request carries.
+    if (!deployment.hasApplications() || requestCarries("debugger_connect", byUrl))
+        return -1;
+    const QString key = QString::fromUtf8(text);
+    return (byUrl ? deployment.applicationForUrl(key) : deployment.applicationForPath(key)).id;
 }
 
 } // namespace
 
-qint32 appIdForUrl(const char* url)
-{
-    if (!url || !*url)
-        return -1;
-    static VDeploymentInfo deployment(lookupServerInfo(), moduleState.logStream,
-                                      QStringLiteral("DeplInf_app_id_for_url"));
-    deployment.refresh();
-    // With nothing deployed the answer is -1 whatever the request carries.
-    if (!deployment.hasApplications() || debuggerAttached(1))
-        return -1;
-    return deployment.applicationForUrl(QString::fromUtf8(url)).id;
-}
-
-qint32 appIdForPath(const char* path)
-{
-    if (!path || !*path)
-        return -1;
-    static VDeploymentInfo deployment(lookupServerInfo(), moduleState.logStream,
-                                      QStringLiteral("DeplInf_app_id_for_path"));
-    deployment.refresh();
-    if (!deployment.hasApplications() || debuggerAttached(0))
-        return -1;
-    return deployment.applicationForPath(QString::fromUtf8(path)).id;
-}
-
-qint32 currentAppId()
+qint32 currentAppId(const QByteArray& url)
 {
     const VDebug::StreamId log = moduleState.logStream;
     qint32 id = -1;
@@ -59,12 +53,11 @@ qint32 currentAppId()
     // system's own, and the lookup reads it as UTF-8 itself.
     if (const char* script = scriptFilename()) {
         VLOG(log, 4) << "current script path is:" << script;
-        id = appIdForPath(script);
+        id = appIdFor(script, false);
         VLOG(log, 4) << "vesk_get_app_id_for_current_path found app id:" << VHex{quint32(id)};
     }
     if (id != -1)
         return id;
-    const QByteArray url = currentUrl();
     VLOG(log, 4) << "current script url is:" << url.constData();
-    return appIdForUrl(url.constData());
+    return appIdFor(url.constData(), true);
 }

@@ -1,8 +1,8 @@
 #pragma once
 // Which deployed application the running request belongs to; -1 for none.
 
+#include <QByteArray>
 #include <QtGlobal>
 
-qint32 appIdForUrl(const char* url);
-qint32 appIdForPath(const char* path);
-qint32 currentAppId();
+// By the script's path first, then by `url`, the request's whole URL.
+qint32 currentAppId(const QByteArray& url);

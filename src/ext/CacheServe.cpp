@@ -1,7 +1,9 @@
+// The stored page's answer for a request: its key, conditional requests, the
+// purge and response rules, the copy the client gets; and the pieces that
+// send a stored page.
+
 #include "RequestPath.h"
 
-#include "7.0/htmlcache_ext.h"
-#include "HostProbes.h"
 #include "ModuleState.h"
 #include "PageCacheConfig.h"
 #include "RequestState.h"
@@ -14,7 +16,7 @@
 #include "VHeaderLines.h"
 #include "VMD5.h"
 
-#include <cstdlib>
+#include <cstring>
 
 bool isGzipAccepted()
 {
@@ -60,7 +62,8 @@ QDateTime lastModifiedSent(const CacheEntry& entry, qint64 created)
     return QDateTime::fromSecsSinceEpoch(created, Qt::UTC);
 }
 
-// The lines a 304 must repeat from the page it stands for.
+} // namespace
+
 bool belongsToNotModified(const QByteArray& line)
 {
     for (const char* name : {"Cache-Control", "Expires", "Vary", "ETag", "Content-Location"}) {
@@ -70,10 +73,9 @@ bool belongsToNotModified(const QByteArray& line)
     return false;
 }
 
-// Sends stored lines so that the response holds exactly them: the first
-// line of a name replaces what the engine already holds under it, later
-// lines of that name (Set-Cookie, Link) join it.
-void replayHeaders(const QLinkedList<QByteArray>& lines, bool (*wanted)(const QByteArray&) = nullptr)
+// The first line of a name replaces what the engine already holds under
+// it, later lines of that name (Set-Cookie, Link) join it.
+void replayHeaders(const QLinkedList<QByteArray>& lines, bool (*wanted)(const QByteArray&))
 {
     QList<QByteArray> names;
     for (const QByteArray& line : lines) {
@@ -86,8 +88,6 @@ void replayHeaders(const QLinkedList<QByteArray>& lines, bool (*wanted)(const QB
         sendHeader(line, first);
     }
 }
-
-} // namespace
 
 int conditionalStatus(CacheEntry& entry)
 {
@@ -139,61 +139,81 @@ int conditionalStatus(CacheEntry& entry)
 
 namespace {
 
-void miss(qint64 ruleId, const QString& ruleName)
+// The rules' questions about a stored page; each answers whether they
+// refuse it for this request.
+bool creationPurged(const CacheEntry& entry)
 {
-    RequestState& r = requestState;
-    VLOG(moduleState.logStream, 3) << "Cache entry NOT found for :" << r.requestUrl << "rule" << ruleName
-                                   << ", specific match key:" << r.matchKey << "buffering output from current request";
-    startOutputCapture();
-    r.buffering = true;
-    if (isRecordChannelOn())
-        queueStatisticsRecord(PageCacheStatRecord::Miss);
-    if (pageCacheConfig.pulse_enable)
-        PageCachePulse::instance()->addMiss(ruleId, ruleName);
+    PageCachePurgeRules* purge = moduleState.purgeRules;
+    return purge && purge->isCreationTimePurged(entry.created(), requestState.appId);
 }
 
-void empty(int previousCode, qint64 ruleId, const QString& ruleName)
+bool statusRefused(const CacheEntry& entry)
 {
-    RequestState& r = requestState;
-    VLOG(moduleState.logStream, 3) << "Cache entry is empty at NS" << r.namespaceKey << "and key" << r.matchKey
-                                   << ". Will be replaced with the output of this request.";
-    if (isRecordChannelOn())
-        queueStatisticsRecord(PageCacheStatRecord::Miss);
-    if (pageCacheConfig.pulse_enable)
-        PageCachePulse::instance()->addMiss(ruleId, ruleName);
-    startOutputCapture();
-    r.buffering = true;
-    setResponseCode(previousCode);
+    return !VHTMLCache::instance()->isStatusCacheable(entry.status(), requestState.appId);
+}
+
+bool headersRefused(const CacheEntry& entry)
+{
+    return !VHTMLCache::instance()->areHeadersCacheable(entry.headers(), requestState.appId);
+}
+
+// A page the rules refuse for good is dropped, so the next request
+// stores a new one.
+void dropPage(const char* reason)
+{
+    VLOG(moduleState.logStream, 3) << reason;
+    VHTMLCache::instance()->removeEntry(requestState.namespaceKey, requestState.matchKey);
 }
 
 // Before an empty 304 stands for the stored page, the page itself must
 // still be one this request could be served.
 bool notModifiedUsable(const CacheEntry& entry)
 {
-    RequestState& r = requestState;
     const VDebug::StreamId log = moduleState.logStream;
-    VHTMLCache* cache = VHTMLCache::instance();
-    PageCachePurgeRules* purge = moduleState.purgeRules;
     bool valid = entry.formatTag() != 0;
     if (!valid)
         VLOG(log, 3) << "Cache entry is not valid";
-    if (purge && purge->isCreationTimePurged(entry.created(), r.appId)) {
+    if (creationPurged(entry)) {
         VLOG(log, 3) << "Cache entry has a purge rule for creation time";
         valid = false;
     }
-    if (!cache->isStatusCacheable(entry.status(), r.appId)) {
-        VLOG(log, 3) << "Cache entry can't be used because of status rule";
-        cache->removeEntry(r.namespaceKey, r.matchKey);
+    if (statusRefused(entry)) {
+        dropPage("Cache entry can't be used because of status rule");
         return false;
     }
     if (!valid)
         return false;
-    if (!cache->areHeadersCacheable(entry.headers(), r.appId)) {
-        VLOG(log, 3) << "Cache entry can't be used because of response headers";
-        cache->removeEntry(r.namespaceKey, r.matchKey);
+    if (headersRefused(entry)) {
+        dropPage("Cache entry can't be used because of response headers");
         return false;
     }
     return true;
+}
+
+// Whether purge and response rules still let the page read go out; a page
+// they refuse by creation time or status is dropped.
+bool stillServable(const CacheEntry& entry)
+{
+    if (creationPurged(entry)) {
+        dropPage("Will not use cached output because of a purged creation time");
+        return false;
+    }
+    if (statusRefused(entry)) {
+        dropPage("Will not use cached output because of response code rule");
+        return false;
+    }
+    return !headersRefused(entry);
+}
+
+// A purged URL goes the miss path, so that this request's page replaces
+// the stored one; a 304 must still stand for a page that could be served.
+bool pageUsable(int status, const CacheEntry& conditional)
+{
+    const RequestState& r = requestState;
+    PageCachePurgeRules* purge = moduleState.purgeRules;
+    if (purge && purge->holdsRules() && purge->isUrlPurged(QString::fromLatin1(r.url.whole()), r.appId))
+        return false;
+    return status != 304 || notModifiedUsable(conditional);
 }
 
 // Reads the copy this client gets: the gzip one where it takes gzip and no
@@ -201,7 +221,7 @@ bool notModifiedUsable(const CacheEntry& entry)
 // whether it is the gzip copy, or -1 when no copy could be read.
 int readServedCopy(CacheEntry& entry, qint64 ruleId, const QString& ruleName)
 {
-    RequestState& r = requestState;
+    const RequestState& r = requestState;
     const VDebug::StreamId log = moduleState.logStream;
     VHTMLCache* cache = VHTMLCache::instance();
     PageCachePulse* pulse = pageCacheConfig.pulse_enable ? PageCachePulse::instance() : nullptr;
@@ -228,110 +248,33 @@ int readServedCopy(CacheEntry& entry, qint64 ruleId, const QString& ruleName)
     return 0;
 }
 
-// Whether purge and response rules still let the page read go out; a page
-// they refuse by creation time or status is dropped.
-bool stillServable(const CacheEntry& entry)
+} // namespace
+
+CacheAnswer lookUp(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
 {
     RequestState& r = requestState;
     const VDebug::StreamId log = moduleState.logStream;
-    VHTMLCache* cache = VHTMLCache::instance();
-    PageCachePurgeRules* purge = moduleState.purgeRules;
-    if (purge && purge->isCreationTimePurged(entry.created(), r.appId)) {
-        VLOG(log, 3) << "Will not use cached output because of a purged creation time";
-        cache->removeEntry(r.namespaceKey, r.matchKey);
-        return false;
-    }
-    if (!cache->isStatusCacheable(entry.status(), r.appId)) {
-        VLOG(log, 3) << "Will not use cached output because of response code rule";
-        cache->removeEntry(r.namespaceKey, r.matchKey);
-        return false;
-    }
-    return cache->areHeadersCacheable(entry.headers(), r.appId);
-}
-
-// Sends the stored page. False when it can't be read (the capture is then
-// started) or may not be used (the script runs uncaptured).
-bool servePage(int previousCode, qint64 ruleId, const QString& ruleName)
-{
-    RequestState& r = requestState;
-    CacheEntry entry;
-    const int compressedHit = readServedCopy(entry, ruleId, ruleName);
-    if (compressedHit < 0) {
-        empty(previousCode, ruleId, ruleName);
-        return false;
-    }
-    if (!stillServable(entry))
-        return false;
-    r.buffering = false;
-    // The stored status goes first: a Location line sent under a 200 would
-    // make the engine turn a stored 301 into a 302.
-    if (entry.status() > 0)
-        setResponseCode(entry.status());
-    QLinkedList<QByteArray> headers = entry.headers();
-    if (pageCacheConfig.enable_qa_info)
-        headers.append("X-PageCache-Compression: " + QByteArray::number(compressedHit));
-    replayHeaders(headers);
-    VLOG(moduleState.logStream, 5) << "Writing php body from cache. Data size is" << entry.bodySize();
-    vesk_output_write(entry.bodyData(), size_t(entry.bodySize()));
-    return true;
-}
-
-// Serves the stored page or starts the capture. True when the request is
-// answered (a page, a 304 or a 412) and the script must not run on. Every
-// value it made is gone when it returns, so the caller may unwind the
-// script without leaking them.
-bool serveOrCapture(const QString& ruleName, qint64 ruleId)
-{
-    RequestState& r = requestState;
-    const VDebug::StreamId log = moduleState.logStream;
-    VHTMLCache* cache = VHTMLCache::instance();
-    PageCachePulse* pulse = pageCacheConfig.pulse_enable ? PageCachePulse::instance() : nullptr;
-    if (pulse)
-        pulse->addPossible(ruleId, ruleName);
+    if (pageCacheConfig.pulse_enable)
+        PageCachePulse::instance()->addPossible(ruleId, ruleName);
     r.buffering = false;
     QByteArray split;
     if (!faithfulSplitKey(r.rule->d->splitBlock, r.requestUrl, split))
-        return false;
+        return CacheAnswer::Pass;
     VLOG(log, 5) << "Split by key is" << split;
     r.matchKey = VMD5::hash(split);
-    CacheEntry conditionalEntry;
-    const int status = conditionalStatus(conditionalEntry);
-    PageCachePurgeRules* purge = moduleState.purgeRules;
-    // A purged URL goes the miss path, so that this request's page replaces the stored one.
-    bool usable = !(purge && purge->holdsRules() && purge->isUrlPurged(QString::fromLatin1(currentUrl()), r.appId));
-    if (status == 304 && usable)
-        usable = notModifiedUsable(conditionalEntry);
+    const int status = conditionalStatus(lookup.conditional);
+    const bool usable = pageUsable(status, lookup.conditional);
     r.compressionAllowed = r.compressionAllowed && pageCacheConfig.compression_enable && r.rule->d->compress;
-    if (!usable || !cache->entryExists(r.namespaceKey, r.matchKey, false)) {
-        miss(ruleId, ruleName);
-        return false;
-    }
+    if (!usable || !VHTMLCache::instance()->entryExists(r.namespaceKey, r.matchKey, false))
+        return CacheAnswer::Miss;
     VLOG(log, 3) << "Cache entry found for url:" << r.requestUrl << ", rule name:" << ruleName
                  << ", specific match key:" << r.matchKey;
-    const int previousCode = setResponseCode(status);
-    if (status == 200)
-        return servePage(previousCode, ruleId, ruleName);
-    // A 304 is a hit without a body, with the validators and caching lines
-    // of the page it stands for; a 412 counts for nothing.
-    if (status == 304) {
-        if (pulse)
-            pulse->addHit(ruleId, ruleName, QString::fromLatin1(r.matchKey));
-        replayHeaders(conditionalEntry.m_headers, belongsToNotModified);
-    }
-    return true;
-}
-
-} // namespace
-
-void decideFromCache(const QString& ruleName, qint64 ruleId)
-{
-    if (!serveOrCapture(ruleName, ruleId))
-        return;
-    if (requestState.waitingForSession) {
-        // The script is running already: it ends here.
-        VLOG(moduleState.logStream, 5) << "Calling vesk_bailout";
-        vesk_bailout("src/ext/7.0/htmlcache_ext", 1375);
-    }
-    requestState.buffering = false;
-    vesk_arm_compile_stub();
+    lookup.status = status;
+    lookup.previousCode = setResponseCode(status);
+    if (status != 200)
+        return CacheAnswer::NotModified;
+    lookup.compressedHit = readServedCopy(lookup.served, ruleId, ruleName);
+    if (lookup.compressedHit < 0)
+        return CacheAnswer::Empty;
+    return stillServable(lookup.served) ? CacheAnswer::Serve : CacheAnswer::Pass;
 }

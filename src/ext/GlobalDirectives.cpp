@@ -34,7 +34,6 @@ QSet<QByteArray>* filteredDirectives = nullptr;
 bool filterDirectives = false;
 
 bool readFailureReported = false;
-char scanDirBuffer[PathBufferSize];
 
 const char* engineValue(const char* name)
 {
@@ -81,6 +80,24 @@ int scanDirectory(const char* dirPath)
         return -1;
     }
     return 0;
+}
+
+// `value` of `directive` named under vesk.conf_dir, as `what`. False, with
+// the engine told why, without a conf directory or with a path too long.
+bool underConfDir(const char* confDir, const char* directive, const char* value, const char* what, QByteArray& path)
+{
+    if (!confDir) {
+        vesk_error(VESK_E_ERROR, "%s was specified (%s), but %s was not: can't locate the %s", directive, value,
+                   "vesk.conf_dir", what);
+        return false;
+    }
+    if (strlen(confDir) + strlen(value) + 2 > PathBufferSize) {
+        vesk_error(VESK_E_ERROR, "%s path too long (%s: %s, %s: %s)", what, "vesk.conf_dir", confDir, directive,
+                   value);
+        return false;
+    }
+    path = QByteArray(confDir) + '/' + value;
+    return true;
 }
 
 // PHP_INI_SCAN_DIR as the engine reads it: directories separated by ":",
@@ -136,45 +153,24 @@ int loadGlobalDirectives()
     }
 
     // An empty PHP_INI_SCAN_DIR means "no scan directory" to the engine
-    // itself, so it does here too.
+    // itself, so it does here too. Its value is a list; vesk.ini_scandir
+    // names one directory.
     const char* scanDir = getenv("PHP_INI_SCAN_DIR");
-    if (!scanDir || !*scanDir) {
-        scanDir = nullptr;
-        const char* iniScanDir = engineValue("vesk.ini_scandir");
-        if (iniScanDir) {
-            if (!confDir) {
-                vesk_error(VESK_E_ERROR, "%s was specified (%s), but %s was not: can't locate the scandir",
-                           "vesk.ini_scandir", iniScanDir, "vesk.conf_dir");
-                return -1;
-            }
-            if (strlen(confDir) + strlen(iniScanDir) + 2 > PathBufferSize) {
-                vesk_error(VESK_E_ERROR, "scandir path too long (%s: %s, %s: %s)", "vesk.conf_dir",
-                           confDir, "vesk.ini_scandir", iniScanDir);
-                return -1;
-            }
-            const QByteArray joined = QByteArray(confDir) + '/' + iniScanDir;
-            memcpy(scanDirBuffer, joined.constData(), size_t(joined.size()) + 1);
-            scanDir = scanDirBuffer;
-        } else {
-            const char* iniFile = engineValue("vesk.ini_file");
-            if (!iniFile)
-                return 0;
-            if (!confDir) {
-                vesk_error(VESK_E_ERROR, "%s was specified (%s), but %s was not: can't locate the ini file",
-                           "vesk.ini_file", iniFile, "vesk.conf_dir");
-                return -1;
-            }
-            if (strlen(confDir) + strlen(iniFile) + 2 > PathBufferSize) {
-                vesk_error(VESK_E_ERROR, "ini file path too long (%s: %s, %s: %s)", "vesk.conf_dir",
-                           confDir, "vesk.ini_file", iniFile);
-                return -1;
-            }
-            parseIniFile((QByteArray(confDir) + '/' + iniFile).constData());
-            return 0;
-        }
+    if (scanDir && *scanDir)
+        return scanDirectoryList(scanDir);
+    QByteArray path;
+    if (const char* iniScanDir = engineValue("vesk.ini_scandir")) {
+        if (!underConfDir(confDir, "vesk.ini_scandir", iniScanDir, "scandir", path))
+            return -1;
+        return scanDirectory(path.constData());
     }
-    // The environment's value is a list; vesk.ini_scandir names one directory.
-    return scanDir == scanDirBuffer ? scanDirectory(scanDir) : scanDirectoryList(scanDir);
+    const char* iniFile = engineValue("vesk.ini_file");
+    if (!iniFile)
+        return 0;
+    if (!underConfDir(confDir, "vesk.ini_file", iniFile, "ini file", path))
+        return -1;
+    parseIniFile(path.constData());
+    return 0;
 }
 
 void acceptDirective(const char* key, size_t keyLength, const char* value, size_t valueLength,
@@ -235,23 +231,19 @@ const char* iniFromEngine(const char* name, size_t length)
     return vesk_get_configuration_directive(name, length);
 }
 
-int composePath(char** out, const char* path, int baseIndex)
+QByteArray resolvePath(const char* path, int baseIndex)
 {
     if (!path)
         path = "";
-    if (path[0] == '/') {
-        *out = strdup(path);
-        return int(strlen(path));
-    }
+    if (path[0] == '/')
+        return QByteArray(path);
     if (baseIndex < 0 || baseIndex > IniScanDirBase)
-        return 0;
+        return QByteArray();
     const char* base = nullptr;
     const char* name = baseDirectoryNames[baseIndex];
     if (findDirective(name, strlen(name), &base) != 0 || !base)
-        return 0;
-    const size_t size = strlen(base) + 1 + strlen(path) + 1;
-    *out = static_cast<char*>(malloc(size));
-    return sprintf(*out, "%s%c%s", base, '/', path);
+        return QByteArray();
+    return QByteArray(base) + '/' + path;
 }
 
 long httpdUid()
@@ -268,11 +260,6 @@ long httpdGid()
 const char* installDir()
 {
     return textOf("vesk.install_dir", nullptr);
-}
-
-const char* tempDir()
-{
-    return textOf("vesk.temp_dir", nullptr);
 }
 
 long nodeId()

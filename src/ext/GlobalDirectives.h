@@ -5,9 +5,11 @@
 // the product's components. Accepted pairs are also handed to the engine's
 // configuration, so that php.ini readers see them too.
 
+#include <QByteArray>
+
 #include <cstddef>
 
-// Indexes of the base directories that composePath() resolves against.
+// Indexes of the base directories that resolvePath() resolves against.
 enum BaseDirectory {
     InstallDirBase = 0,
     PidDirBase = 1,
@@ -31,15 +33,13 @@ int applyGlobalDirectives();
 int findDirective(const char* name, size_t length, const char** value);
 const char* iniFromEngine(const char* name, size_t length);
 
-// Resolves `path` against a base directory into a fresh C-heap block: an
-// absolute path is copied as it stands. Answers the length written, or 0
-// with `out` untouched when the base directory isn't configured.
-int composePath(char** out, const char* path, int baseIndex);
+// Resolves `path` against a base directory: an absolute path stands as it
+// is; null when the base directory isn't configured.
+QByteArray resolvePath(const char* path, int baseIndex);
 
 long httpdUid();
 long httpdGid();
 const char* installDir();
-const char* tempDir();
 long nodeId();
 const char* webserverType();
 long statisticsEnabled();

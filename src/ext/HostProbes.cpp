@@ -1,6 +1,5 @@
 #include "HostProbes.h"
 
-#include "GlobalDirectives.h"
 #include "host/vesk_host.h"
 
 #include <cerrno>
@@ -51,11 +50,6 @@ bool isFpm()
     return sapiIs("fpm-fcgi");
 }
 
-bool isPhpdbg()
-{
-    return sapiIs("phpdbg");
-}
-
 bool isPlainCgi()
 {
     if (!sapiIs("cgi-fcgi"))
@@ -85,11 +79,6 @@ int webSapiCheck()
     return -1;
 }
 
-int isDaemonMode()
-{
-    return 0;
-}
-
 const char* scriptFilename()
 {
     return vesk_sapi_getenv("SCRIPT_FILENAME");
@@ -98,57 +87,6 @@ const char* scriptFilename()
 bool isHttpsOn(const char* https)
 {
     return https && *https && strcasecmp(https, "off") != 0;
-}
-
-QByteArray currentUrl()
-{
-    QByteArray url;
-    if (!vesk_sapi_has_getenv())
-        return url;
-    const char* host = vesk_sapi_getenv("HTTP_HOST");
-    if (!host)
-        return url;
-    url = isHttpsOn(vesk_sapi_getenv("HTTPS")) ? "https://" : "http://";
-    url += host;
-    const char* port = vesk_sapi_getenv("SERVER_PORT");
-    if (port && !strchr(host, ':')) {
-        url += ':';
-        url += port;
-    }
-    if (const char* uri = vesk_sapi_getenv("REQUEST_URI"))
-        url += uri;
-    return url;
-}
-
-int isInternalRequest()
-{
-    const char* ports = internalPorts();
-    const QByteArray whole = currentUrl();
-    const char* url = whole.constData();
-    const char* rest = strstr(url, "https://");
-    if (rest) {
-        rest += strlen("https://");
-    } else if ((rest = strstr(url, "http://"))) {
-        rest += strlen("http://");
-    } else {
-        return 0;
-    }
-    const char* colon = strchr(rest, ':');
-    if (!colon)
-        return 0;
-    // strtol stops at the "/" that ends the port by itself.
-    const long port = strtol(colon + 1, nullptr, 10);
-    if (port == -1 || !ports)
-        return 0;
-    const char* piece = ports;
-    while (piece) {
-        if (strtol(piece, nullptr, 10) == port)
-            return 1;
-        piece = strchr(piece, ',');
-        if (piece)
-            ++piece;
-    }
-    return 0;
 }
 
 char* requestParameter(const char* name, size_t length, int readBody)
@@ -168,14 +106,11 @@ char* requestParameter(const char* name, size_t length, int readBody)
     return findParameter(body.c_str(), '&', name, length);
 }
 
-int isDebugSessionRequest()
+bool requestCarries(const char* name, bool readBody)
 {
-    for (const char* name :
-         {"start_debug", "start_debug_session", "XDEBUG_SESSION_START", "XDEBUG_SESSION"}) {
-        if (char* value = requestParameter(name, strlen(name), 0)) {
-            vesk_efree(value);
-            return 1;
-        }
-    }
-    return 0;
+    char* value = requestParameter(name, strlen(name), readBody ? 1 : 0);
+    if (!value)
+        return false;
+    vesk_efree(value);
+    return true;
 }

@@ -3,6 +3,7 @@
 #include "VDebug.h"
 #include "VeskServerInfo.h"
 
+#include <QByteArray>
 #include <QDateTime>
 #include <QString>
 
@@ -18,9 +19,9 @@ struct ModuleState
     VeskServerInfo serverInfo;
     QString rulesFilePath;
     QDateTime rulesFileDate;
-    // C-heap blocks, released at shutdown.
-    char* resolvedRulesFile = nullptr;
-    char* resolvedSavePath = nullptr;
+    // Null while unresolved.
+    QByteArray resolvedRulesFile;
+    QByteArray resolvedSavePath;
     bool sessionHooksInstalled = false;
     // Made by start-up and kept to the end of the process; null before, and
     // in a module refused early.

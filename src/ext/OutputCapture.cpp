@@ -94,7 +94,7 @@ void storeWhole(const char* output, size_t length, int responseCode)
     const bool compress = VHTMLCache::compressionWanted(qint64(length), r.compressionAllowed,
                                                         iniFromEngine("tidy.clean_output", strlen("tidy.clean_output")))
                           && !vesk_output_compressing();
-    if (!cache->storeOutput(r.namespaceKey, r.matchKey, currentUrl(), output, qint64(length), responseCode,
+    if (!cache->storeOutput(r.namespaceKey, r.matchKey, r.url.whole(), output, qint64(length), responseCode,
                             r.storedHeaders, lifetime, compress, r.responseCompressed)) {
         VLOG(log, 0) << "Storing entry failed";
         return;
@@ -159,9 +159,7 @@ void storeToCache(const char* output, size_t length, const VeskOutputPass& pass)
 void startOutputCapture()
 {
     requestState.flushedOutput.clear();
-    const int level = vesk_start_output_capture(storeToCache);
-    if (level >= 0)
-        pageCacheConfig.outputHandlerLevel = level;
+    vesk_start_output_capture(storeToCache);
 }
 
 void finishEndedCapture()

@@ -17,7 +17,6 @@ struct PageCacheConfig
     int64_t log_rotation_size;
     int64_t max_cached_rules;
     bool enable_qa_info;
-    int32_t outputHandlerLevel;
     bool ordered_rule_matching;
     bool pulse_enable;
     bool enable_cli;

@@ -1,82 +1,171 @@
+// The way of a request through the page cache, in the order it takes.
+//
+// The engine calls requestStartup() before it compiles anything. The gate
+// (gateOpen, requestQualifies) runs the cheap tests every request pays for
+// and reads the request's URL once into RequestState::url; matchRule() finds
+// the URL rule and setUpRule() puts the request's hooks in. evaluate() then
+// either waits for the script's session (SessionHooks.cpp comes back to
+// decideFromCache() once it has started), gives up, or decides at once.
+// decideFromCache() asks lookUp() (CacheServe.cpp) what the stored page
+// answers, and acts on it: a miss starts the capture (OutputCapture.cpp,
+// the page is stored when the script's output ends), a hit replays the
+// stored lines and body and arms the compile stub, which ends the request
+// before the first line of the script runs. requestShutdown() undoes the
+// request's hooks and sends its statistics.
+
 #include "RequestPath.h"
 
 #include "7.0/htmlcache_ext.h"
-#include "HostProbes.h"
 #include "AppLookup.h"
+#include "GlobalDirectives.h"
+#include "KeptBehaviour.h"
 #include "ModuleState.h"
-#include "PageCachePurgeRules.h"
 #include "PageCacheConfig.h"
+#include "PageCachePurgeRules.h"
 #include "RequestState.h"
 #include "StatisticsRecords.h"
 #include "host/vesk_host.h"
 
 #include "VDeploymentInfo.h"
-#include "VDevBar.h"
 #include "VException.h"
 #include "VFileDate.h"
 #include "VHTMLCache.h"
-#include "VHeaderLines.h"
 #include "VMD5.h"
 
-#include <QFileInfo>
 #include <strings.h>
-
 
 namespace {
 
-void captureHeaderLine(VeskHeaderOp op, const char* line, size_t length);
+// Pages are kept for URLs of ordinary length; a longer one is no page
+// worth a record, and only a client sending it would ever ask for it.
+const int LongestCachedUri = 8192;
 
-void installRequestHooks()
-{
-    vesk_install_header_hook(captureHeaderLine);
-    vesk_install_flush_forwarder();
-}
-
-// The flags the capture keeps of the response follow its lines, whatever
-// the script added and took back.
-void noteResponseLines()
+// What the gate resets whether or not the request gets further.
+void beginRequest()
 {
     RequestState& r = requestState;
-    const QByteArray encoding = VHeaderLines::value(r.storedHeaders, "Content-Encoding");
-    r.responseCompressed = !encoding.isNull();
-    r.responseIsGzip = false;
-    for (const QByteArray& line : r.storedHeaders)
-        r.responseIsGzip = r.responseIsGzip || VHeaderLines::isGzipEncoding(line);
-    r.lastModifiedSent = !VHeaderLines::value(r.storedHeaders, "Last-Modified").isNull();
+    VDeploymentInfo::beginRequest();
+    r.internalRequest = -1;
+    r.appId = 0;
+    r.url = RequestUrl();
+    r.seenHeaders.clear();
 }
 
-// Follows every header operation of the response, so that the stored
-// lines are the ones its client got.
-void captureHeaderLine(VeskHeaderOp op, const char* text, size_t length)
+// Each worker picks up a newer rules file by itself, at its next request.
+void reloadNewerRules()
 {
-    RequestState& r = requestState;
-    if (!r.buffering)
+    if (!moduleState.rulesFileDate.isNull()
+        && !(moduleState.rulesFileDate < fileModified(moduleState.resolvedRulesFile)))
         return;
+    try {
+        reloadRules(false);
+    } catch (const VException& e) {
+        VLOG(moduleState.logStream, 0) << e.what();
+    }
+}
+
+// The tests before the request counts as one of the page cache's. Answers
+// the request's application, or nothing when the cache stays out of it.
+bool gateOpen(qint32& appId)
+{
+    RequestState& r = requestState;
     const VDebug::StreamId log = moduleState.logStream;
-    if (op == VeskHeaderOp::Delete || op == VeskHeaderOp::DeleteAll) {
-        VHeaderLines::apply(r.storedHeaders,
-                            op == VeskHeaderOp::Delete ? VHeaderLines::Op::Delete : VHeaderLines::Op::DeleteAll,
-                            QByteArray(text, int(length)));
-        noteResponseLines();
-        return;
+    if (!moduleState.enabled) {
+        VLOG(log, 5) << "Cache is not active";
+        return false;
     }
-    const QByteArray line(text, int(length));
-    r.seenHeaders.append(line);
-    if (VHeaderLines::hasName(line, "Content-Encoding")) {
-        if (VHeaderLines::isGzipEncoding(line))
-            VLOG(log, 4) << "Current response is gzip compressed";
-        else
-            VLOG(log, 4) << "Current response compression header:" << line;
+    if (kept::toolbarCollecting()) {
+        VLOG(log, 5) << "Cache is not active when Ocula is active";
+        return false;
     }
-    // The visitor's own session cookie never goes into a stored page.
-    if (r.inSessionStartup && VHeaderLines::hasName(line, "Set-Cookie")) {
-        VLOG(log, 4) << "Ignoring header for storing (during session startup):" << line;
-        return;
+    reloadNewerRules();
+    r.url = RequestUrl::read();
+    // The pulse counts for this request's application, whether it is on or not.
+    appId = currentAppId(r.url.whole());
+    PageCachePulse::instance()->reset(appId);
+    if (!r.cleanRequest) {
+        VLOG(log, 3) << "Unclean request state detected. Page Cache will not be active for this request.";
+        return false;
     }
-    VLOG(log, 4) << "Buffering header for storing:" << line;
-    VHeaderLines::apply(r.storedHeaders, op == VeskHeaderOp::Add ? VHeaderLines::Op::Add : VHeaderLines::Op::Replace,
-                        line);
-    noteResponseLines();
+    r.cleanRequest = false;
+    return true;
+}
+
+// A new request's own state, before anything of it is judged.
+void resetResponseState()
+{
+    RequestState& r = requestState;
+    r.statisticsQueue.clear();
+    r.responseCompressed = false;
+    r.responseIsGzip = false;
+    r.lastModifiedSent = false;
+    r.inSessionStartup = false;
+    // A long-lived worker keeps the exit status of an earlier request that
+    // died; this request's own errors are what the capture must judge.
+    vesk_reset_exit_status();
+    vesk_set_modules_activated();
+}
+
+bool cacheableMethod()
+{
+    const char* method = vesk_request_method();
+    if (method && (strcasecmp(method, "GET") == 0 || strcasecmp(method, "HEAD") == 0))
+        return true;
+    const VDebug::StreamId log = moduleState.logStream;
+    const char* uri = vesk_sapi_getenv("REQUEST_URI");
+    const char* envMethod = vesk_sapi_getenv("REQUEST_METHOD");
+    if (uri && envMethod)
+        VLOG(log, 5) << "Uncacheable request method - " << envMethod << uri;
+    else
+        VLOG(log, 5) << "Uncacheable request method";
+    return false;
+}
+
+// Debug sessions, internal requests, methods and URIs the cache has no
+// page for.
+bool requestQualifies(qint32 appId)
+{
+    RequestState& r = requestState;
+    const VDebug::StreamId log = moduleState.logStream;
+    if (kept::debuggerSessionRunning()) {
+        VLOG(log, 5) << "Cache is not active since debug session is in progress";
+        return false;
+    }
+    r.internalRequest = r.url.onPort(internalPorts()) ? 1 : 0;
+    if (r.internalRequest) {
+        VLOG(log, 5) << "Cache is not active since internal request is in progress";
+        return false;
+    }
+    resetResponseState();
+    if (!cacheableMethod())
+        return false;
+    r.appId = appId;
+    if (r.url.uriLength() > LongestCachedUri) {
+        VLOG(log, 3) << "Request URI too long for the page cache; the request runs uncached";
+        return false;
+    }
+    return true;
+}
+
+// A rule written without a port is tried first, the form with the
+// server's port second. Without a host there is no URL, and no rule may
+// cover it: a pattern rule for any host would otherwise fit the empty text.
+bool matchRule()
+{
+    RequestState& r = requestState;
+    r.requestUrl = r.url.ruleUrl();
+    r.rule = nullptr;
+    if (!r.requestUrl.isEmpty()) {
+        VHTMLCache* cache = VHTMLCache::instance();
+        r.rule = cache->getOrderedMatchingRuleForUrl(r.requestUrl);
+        if (!r.rule && r.url.hasAddedPort())
+            r.rule = cache->getOrderedMatchingRuleForUrl(r.url.ruleUrl(true));
+    }
+    if (!r.rule) {
+        VLOG(moduleState.logStream, 5) << r.requestUrl << "should not be cached";
+        return false;
+    }
+    return true;
 }
 
 // A rule's pages are stored under the MD5 of its URL. A worker mostly
@@ -92,155 +181,13 @@ QByteArray namespaceKeyFor(const QByteArray& ruleUrl)
     return lastKey;
 }
 
-// Pages are kept for URLs of ordinary length; a longer one is no page
-// worth a record, and only a client sending it would ever ask for it.
-bool uriTooLong()
+// The matched rule takes over the request: its keys, what its session has
+// to do with it, and the hooks that follow the response.
+void setUpRule()
 {
-    const char* uri = vesk_sapi_getenv("REQUEST_URI");
-    return uri && strlen(uri) > 8192;
-}
-
-bool isCacheableMethod(const char* method)
-{
-    return method && (strcasecmp(method, "GET") == 0 || strcasecmp(method, "HEAD") == 0);
-}
-
-} // namespace
-
-QByteArray currentRequestUrl(QByteArray* withPort)
-{
-    if (withPort)
-        withPort->clear();
-    if (!vesk_sapi_has_getenv())
-        return QByteArray();
-    const char* host = vesk_sapi_getenv("HTTP_HOST");
-    if (!host || !*host)
-        return QByteArray();
-    QByteArray url = isHttpsOn(vesk_sapi_getenv("HTTPS")) ? "https://" : "http://";
-    url += host;
-    const int hostEnd = url.size();
-    const char* port = withPort && !strchr(host, ':') ? vesk_sapi_getenv("SERVER_PORT") : nullptr;
-    const char* uri = vesk_sapi_getenv("REQUEST_URI");
-    if (!uri) {
-        if (withPort)
-            *withPort = port ? url + ':' + port : url;
-        return url;
-    }
-    // Up to the query (one that starts the URI stays), each run of slashes
-    // folded into one: what the pattern "/+" would do, on every request
-    // without a regular expression.
-    const char* query = strchr(uri, '?');
-    const size_t length = query && query > uri ? size_t(query - uri) : strlen(uri);
-    QByteArray path(uri, int(length));
-    // Bytes beyond ASCII go through the text form, which turns what isn't
-    // UTF-8 into replacement characters.
-    for (const char c : path) {
-        if (quint8(c) >= 0x80) {
-            path = QString::fromUtf8(path).toUtf8();
-            break;
-        }
-    }
-    const int start = url.size();
-    url.resize(start + path.size());
-    char* out = url.data() + start;
-    const char* in = path.constData();
-    for (int i = 0; i < path.size(); ++i) {
-        if (in[i] != '/' || i == 0 || in[i - 1] != '/')
-            *out++ = in[i];
-    }
-    url.resize(int(out - url.constData()));
-    if (withPort)
-        *withPort = port ? QByteArray(url).insert(hostEnd, ':' + QByteArray(port)) : url;
-    return url;
-}
-
-int requestStartup()
-{
-    if (isDaemonMode())
-        return 0;
     RequestState& r = requestState;
-    const VDebug::StreamId log = moduleState.logStream;
-    VDeploymentInfo::beginRequest();
-    r.internalRequest = -1;
-    r.appId = 0;
-    r.seenHeaders.clear();
-    if (!moduleState.enabled) {
-        VLOG(log, 5) << "Cache is not active";
-        return 0;
-    }
-    if (!VDevBar::instance()->collectionStarted().isNull()) {
-        VLOG(log, 5) << "Cache is not active when Ocula is active";
-        return 0;
-    }
-    // Each worker picks up a newer rules file by itself, at its next request.
-    if (moduleState.rulesFileDate.isNull()
-        || moduleState.rulesFileDate < fileModified(moduleState.resolvedRulesFile)) {
-        try {
-            reloadRules(false);
-        } catch (const VException& e) {
-            VLOG(log, 0) << e.what();
-        }
-    }
-    // The pulse counts for this request's application, whether it is on or not.
-    const qint32 appId = currentAppId();
-    PageCachePulse::instance()->reset(appId);
-    if (!r.cleanRequest) {
-        VLOG(log, 3) << "Unclean request state detected. Page Cache will not be active for this request.";
-        return 0;
-    }
-    r.cleanRequest = false;
-
-    const int debugger = vesk_extension_resource_number("Vesk Debugger", "Vesk Technologies");
-    if (debugger != -1 && vesk_reserved_word_set(debugger)) {
-        VLOG(log, 5) << "Cache is not active since debug session is in progress";
-        return 0;
-    }
-    r.internalRequest = isInternalRequest();
-    if (r.internalRequest) {
-        VLOG(log, 5) << "Cache is not active since internal request is in progress";
-        return 0;
-    }
-    r.statisticsQueue.clear();
-    r.responseCompressed = false;
-    r.responseIsGzip = false;
-    r.lastModifiedSent = false;
-    r.inSessionStartup = false;
-    // A long-lived worker keeps the exit status of an earlier request that
-    // died; this request's own errors are what the capture must judge.
-    vesk_reset_exit_status();
-    vesk_set_modules_activated();
-
-    const char* method = vesk_request_method();
-    if (!isCacheableMethod(method)) {
-        const char* uri = vesk_sapi_getenv("REQUEST_URI");
-        const char* envMethod = vesk_sapi_getenv("REQUEST_METHOD");
-        if (uri && envMethod)
-            VLOG(log, 5) << "Uncacheable request method - " << envMethod << uri;
-        else
-            VLOG(log, 5) << "Uncacheable request method";
-        return 0;
-    }
-    r.appId = appId;
-    if (uriTooLong()) {
-        VLOG(log, 3) << "Request URI too long for the page cache; the request runs uncached";
-        return 0;
-    }
-
-    QByteArray urlWithPort;
-    r.requestUrl = currentRequestUrl(&urlWithPort);
-    VHTMLCache* cache = VHTMLCache::instance();
-    // Without a host there is no URL, and no rule may cover it: a pattern
-    // rule for any host would otherwise fit the empty text.
-    r.rule = r.requestUrl.isEmpty() ? nullptr : cache->getOrderedMatchingRuleForUrl(r.requestUrl);
-    if (!r.rule && urlWithPort != r.requestUrl)
-        r.rule = cache->getOrderedMatchingRuleForUrl(urlWithPort);
-    if (!r.rule) {
-        VLOG(log, 5) << r.requestUrl << "should not be cached";
-        return 0;
-    }
     if (moduleState.purgeRules)
         moduleState.purgeRules->refreshAll();
-
     r.ruleUrl = r.rule->url.toString();
     r.buffering = false;
     r.cacheable = false;
@@ -256,36 +203,150 @@ int requestStartup()
     }
     vesk_restore_request_hooks();
     installRequestHooks();
+}
+
+// Waits for the session, gives up, or decides now.
+void evaluate()
+{
+    RequestState& r = requestState;
+    const VDebug::StreamId log = moduleState.logStream;
     if (r.waitingForSession) {
         VLOG(log, 3) << "waiting for session data before deciding whether to use cached data";
         startOutputCapture();
         r.buffering = true;
-        return 0;
+        return;
     }
     if (!r.cacheable)
         r.cacheable = r.rule->conditionsHold();
     if (!r.cacheable) {
         VLOG(log, 3) << "Request for :" << r.requestUrl << "is NOT cacheable";
-        return 0;
+        return;
     }
     decideFromCache(r.rule->name.trimmed(), r.rule->id);
+}
+
+void startCapture()
+{
+    startOutputCapture();
+    requestState.buffering = true;
+}
+
+void countMiss(qint64 ruleId, const QString& ruleName)
+{
+    if (isRecordChannelOn())
+        queueStatisticsRecord(PageCacheStatRecord::Miss);
+    if (pageCacheConfig.pulse_enable)
+        PageCachePulse::instance()->addMiss(ruleId, ruleName);
+}
+
+void miss(qint64 ruleId, const QString& ruleName)
+{
+    const RequestState& r = requestState;
+    VLOG(moduleState.logStream, 3) << "Cache entry NOT found for :" << r.requestUrl << "rule" << ruleName
+                                   << ", specific match key:" << r.matchKey << "buffering output from current request";
+    startCapture();
+    countMiss(ruleId, ruleName);
+}
+
+// The store holds the page but it can't be read: this request's output
+// replaces it, under the code the request had.
+void empty(int previousCode, qint64 ruleId, const QString& ruleName)
+{
+    const RequestState& r = requestState;
+    VLOG(moduleState.logStream, 3) << "Cache entry is empty at NS" << r.namespaceKey << "and key" << r.matchKey
+                                   << ". Will be replaced with the output of this request.";
+    countMiss(ruleId, ruleName);
+    startCapture();
+    setResponseCode(previousCode);
+}
+
+// Sends the stored page. The stored status goes first: a Location line
+// sent under a 200 would make the engine turn a stored 301 into a 302.
+void serve(CacheLookup& lookup)
+{
+    CacheEntry& entry = lookup.served;
+    requestState.buffering = false;
+    if (entry.status() > 0)
+        setResponseCode(entry.status());
+    QLinkedList<QByteArray> headers = entry.headers();
+    if (pageCacheConfig.enable_qa_info)
+        headers.append("X-PageCache-Compression: " + QByteArray::number(lookup.compressedHit));
+    replayHeaders(headers);
+    VLOG(moduleState.logStream, 5) << "Writing php body from cache. Data size is" << entry.bodySize();
+    vesk_output_write(entry.bodyData(), size_t(entry.bodySize()));
+}
+
+// Acts on the stored page's answer. True when the request is answered (a
+// page, a 304 or a 412) and the script must not run on. Every value it
+// made is gone when it returns, so the caller may unwind the script
+// without leaking them.
+bool answerFromCache(const QString& ruleName, qint64 ruleId)
+{
+    CacheLookup lookup;
+    switch (lookUp(lookup, ruleName, ruleId)) {
+    case CacheAnswer::Pass:
+        return false;
+    case CacheAnswer::Miss:
+        miss(ruleId, ruleName);
+        return false;
+    case CacheAnswer::Empty:
+        empty(lookup.previousCode, ruleId, ruleName);
+        return false;
+    case CacheAnswer::Serve:
+        serve(lookup);
+        return true;
+    case CacheAnswer::NotModified:
+        break;
+    }
+    // A 304 is a hit without a body, with the validators and caching lines
+    // of the page it stands for; a 412 counts for nothing.
+    if (lookup.status == 304) {
+        if (pageCacheConfig.pulse_enable)
+            PageCachePulse::instance()->addHit(ruleId, ruleName, QString::fromLatin1(requestState.matchKey));
+        replayHeaders(lookup.conditional.m_headers, belongsToNotModified);
+    }
+    return true;
+}
+
+} // namespace
+
+int requestStartup()
+{
+    if (kept::daemonMode)
+        return 0;
+    beginRequest();
+    qint32 appId = 0;
+    if (!gateOpen(appId) || !requestQualifies(appId) || !matchRule())
+        return 0;
+    setUpRule();
+    evaluate();
     return 0;
+}
+
+void decideFromCache(const QString& ruleName, qint64 ruleId)
+{
+    if (!answerFromCache(ruleName, ruleId))
+        return;
+    if (requestState.waitingForSession) {
+        // The script is running already: it ends here.
+        VLOG(moduleState.logStream, 5) << "Calling vesk_bailout";
+        vesk_bailout(kept::BailoutFile, kept::SessionHitBailoutLine);
+    }
+    requestState.buffering = false;
+    vesk_arm_compile_stub(kept::BailoutFile, kept::CompileStubBailoutLine);
 }
 
 int requestShutdown()
 {
-    if (isDaemonMode())
+    if (kept::daemonMode)
         return 0;
     RequestState& r = requestState;
     if (r.captureEndedByScript)
         finishEndedCapture();
-    if (r.buffering) {
-        // The engine has ended its output stack by now, unless a failed store
-        // left ours standing; ending an empty stack would only raise a notice.
-        if (vesk_output_get_level() > 0)
-            vesk_output_end();
-        pageCacheConfig.outputHandlerLevel = -1;
-    }
+    // The engine has ended its output stack by now, unless a failed store
+    // left ours standing; ending an empty stack would only raise a notice.
+    if (r.buffering && vesk_output_get_level() > 0)
+        vesk_output_end();
     if (r.ruleActive) {
         r.waitingForSession = false;
         vesk_restore_request_hooks();
@@ -297,9 +358,11 @@ int requestShutdown()
     if (isRecordChannelOn())
         reportStatisticsRecords();
     if (pageCacheConfig.pulse_enable) {
-        const bool internal = r.internalRequest >= 0 ? r.internalRequest != 0 : isInternalRequest() != 0;
+        // A request the gate stopped early hasn't been asked yet.
+        const RequestUrl url = r.url.isRead() ? r.url : RequestUrl::read();
+        const bool internal = r.internalRequest >= 0 ? r.internalRequest != 0 : url.onPort(internalPorts());
         // The URL only goes into the log line of an internal request.
-        PageCachePulse::instance()->sendMessages(internal, internal ? currentUrl().constData() : nullptr);
+        PageCachePulse::instance()->sendMessages(internal, internal ? url.whole().constData() : nullptr);
     }
     VDeploymentInfo::endRequest();
     return 0;

@@ -5,6 +5,7 @@
 #include <QString>
 
 #include "PageCachePulse.h"
+#include "RequestUrl.h"
 
 class CacheRule;
 
@@ -21,11 +22,16 @@ struct RequestState
     // address it rests on is the request's own.
     int internalRequest = -1;
     qint32 appId = -1;
+    // The request's URL as the gate read it; not read yet before the gate
+    // gets that far.
+    RequestUrl url;
+    // The URL the rules are matched against, and the one log lines show.
     QByteArray requestUrl;
     // Owned by the cache object; valid for the length of the request.
     CacheRule* rule = nullptr;
     QByteArray ruleUrl;
-    // The rule's name as the decision after a session start reports it.
+    // The rule's name as the decision after a session start reports it;
+    // kept here, as a hit there unwinds the script past every local value.
     QString ruleName;
     QByteArray namespaceKey;
     QByteArray matchKey;

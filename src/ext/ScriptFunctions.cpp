@@ -23,6 +23,32 @@ void warn(const char* message)
     vesk_error(VESK_E_WARNING, "%s", message);
 }
 
+// The arguments as `format` reads them, or the warning that names the function.
+bool argumentsOf(VeskCall* call, const char* format, Arguments& args, const char* function)
+{
+    if (vesk_parse_parameters(call, format, &args))
+        return true;
+    vesk_error(VESK_E_WARNING, "Wrong parameters for function %s\n", function);
+    return false;
+}
+
+// A module that refused to start does nothing but say so.
+bool moduleOn(const char* function)
+{
+    if (moduleState.enabled)
+        return true;
+    vesk_error(VESK_E_WARNING, "Vesk Page Cache is disabled. %s() is disabled.\n", function);
+    return false;
+}
+
+bool noArguments(VeskCall* call)
+{
+    if (vesk_num_args(call) == 0)
+        return true;
+    vesk_wrong_param_count(call);
+    return false;
+}
+
 QByteArray bytes(const VeskValue& value)
 {
     return QByteArray(value.text.data(), int(value.text.size()));
@@ -107,28 +133,20 @@ void addResponseHeaders(const VeskValue& value, PurgeRule& rule)
 
 bool pageCacheDisableCaching(VeskCall* call)
 {
-    if (vesk_num_args(call) != 0) {
-        vesk_wrong_param_count(call);
+    if (!noArguments(call))
         return false;
-    }
-    if (!moduleState.enabled) {
-        warn("Vesk Page Cache is disabled. page_cache_disable_caching() is disabled.\n");
+    if (!moduleOn("page_cache_disable_caching"))
         return false;
-    }
     disableCaching();
     return true;
 }
 
 bool pageCacheDisableCompression(VeskCall* call)
 {
-    if (vesk_num_args(call) != 0) {
-        vesk_wrong_param_count(call);
+    if (!noArguments(call))
         return false;
-    }
-    if (!moduleState.enabled) {
-        warn("Vesk Page Cache is disabled. page_cache_disable_compression() is disabled.\n");
+    if (!moduleOn("page_cache_disable_compression"))
         return false;
-    }
     VLOG(moduleState.logStream, 5) << "Disabling compression for current script";
     // Counts for the store at request end and for a hit later in the request.
     requestState.compressionAllowed = false;
@@ -139,14 +157,10 @@ bool pageCacheRemoveCachedContents(VeskCall* call)
 {
     const VDebug::StreamId log = moduleState.logStream;
     Arguments args;
-    if (!vesk_parse_parameters(call, "s|b", &args)) {
-        warn("Wrong parameters for function page_cache_remove_cached_contents\n");
+    if (!argumentsOf(call, "s|b", args, "page_cache_remove_cached_contents"))
         return false;
-    }
-    if (!moduleState.enabled) {
-        warn("Vesk Page Cache is disabled. page_cache_remove_cached_contents() is disabled.\n");
+    if (!moduleOn("page_cache_remove_cached_contents"))
         return false;
-    }
     const QByteArray url = bytes(args[0]);
     VLOG(log, 5) << "Removing cached contents for" << url;
     // Callers pass the rule's pattern with ordinary groups; rules keep them
@@ -164,14 +178,10 @@ bool pageCacheRemoveCachedContents(VeskCall* call)
 bool pageCacheRemoveCachedContentsByUri(VeskCall* call)
 {
     Arguments args;
-    if (!vesk_parse_parameters(call, "ss|b", &args)) {
-        warn("Wrong parameters for function page_cache_remove_cached_contents_by_uri\n");
+    if (!argumentsOf(call, "ss|b", args, "page_cache_remove_cached_contents_by_uri"))
         return false;
-    }
-    if (!moduleState.enabled) {
-        warn("Vesk Page Cache is disabled. page_cache_remove_cached_contents_by_uri() is disabled.\n");
+    if (!moduleOn("page_cache_remove_cached_contents_by_uri"))
         return false;
-    }
     const QByteArray rule = bytes(args[0]);
     const QByteArray uri = bytes(args[1]);
     VLOG(moduleState.logStream, 5) << "Removing cached contents for uri" << uri << "in rule" << rule;
@@ -189,10 +199,8 @@ bool pageCacheRemoveCachedContentsByUri(VeskCall* call)
 bool pageCacheRemoveCachedContentsByRule(VeskCall* call)
 {
     Arguments args;
-    if (!vesk_parse_parameters(call, "s|b", &args)) {
-        warn("Wrong parameters for function page_cache_remove_cached_contents_by_rule\n");
+    if (!argumentsOf(call, "s|b", args, "page_cache_remove_cached_contents_by_rule"))
         return false;
-    }
     const QByteArray rule = bytes(args[0]);
     VLOG(moduleState.logStream, 5) << "Removing cached contents for rule" << rule;
     if (!VHTMLCache::instance()->removeByRuleName(rule.constData()))
@@ -207,10 +215,8 @@ bool pageCacheRemoveCachedContentsByRule(VeskCall* call)
 bool pageCacheRemoveCachedContentsByRulesIds(VeskCall* call)
 {
     Arguments args;
-    if (!vesk_parse_parameters(call, "a|b", &args)) {
-        warn("Wrong parameters for function page_cache_remove_cached_contents_by_rules_ids\n");
+    if (!argumentsOf(call, "a|b", args, "page_cache_remove_cached_contents_by_rules_ids"))
         return false;
-    }
     QString payload = QStringLiteral("[\"page_cache_remove_cached_contents_by_rules_ids\",");
     // The first bad element ends the walk; removals made before it stand.
     for (const VeskArrayElement& element : args[0].elements) {
@@ -247,10 +253,8 @@ bool pageCacheRemoveAllCachedContents(VeskCall* call)
         VLOG(log, 1) << "Wrong parameters passed to page_cache_remove_all_cached_contents() function";
         return false;
     }
-    if (!moduleState.enabled) {
-        warn("Vesk Page Cache is disabled. page_cache_remove_all_cached_contents() is disabled.\n");
+    if (!moduleOn("page_cache_remove_all_cached_contents"))
         return false;
-    }
     VLOG(log, 5) << "Removing all cached contents";
     if (!VHTMLCache::instance()->clearNamespace(QByteArray())) {
         VLOG(log, 0) << "Failed to remove cached contents";
@@ -268,10 +272,8 @@ bool pageCachePurge(VeskCall* call)
     if (!moduleState.purgeRules)
         return false;
     Arguments args;
-    if (!vesk_parse_parameters(call, "a", &args)) {
-        warn("Wrong parameters for function page_cache_purge\n");
+    if (!argumentsOf(call, "a", args, "page_cache_purge"))
         return false;
-    }
     PurgeRule rule;
     for (const VeskArrayElement& element : args[0].elements) {
         if (!element.hasStringKey) {

@@ -2,17 +2,23 @@
 
 #include "AppLookup.h"
 #include "GlobalDirectives.h"
+#include "KeptBehaviour.h"
 #include "ModuleState.h"
 #include "RequestState.h"
 #include "host/vesk_host.h"
 
 #include "VDevBar.h"
 
+bool isRecordChannelOn()
+{
+    return statisticsEnabled() && kept::pageCacheStatisticsEnabled();
+}
+
 void queueStatisticsRecord(int recordType)
 {
     PageCacheStatRecord record;
     record.recordType = recordType;
-    record.appId = currentAppId();
+    record.appId = currentAppId(requestState.url.whole());
     requestState.statisticsQueue.append(record);
 }
 

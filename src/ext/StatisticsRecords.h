@@ -4,6 +4,8 @@
 
 #include "PageCachePulse.h"
 
+// Both statistics switches of the record channel, read afresh.
+bool isRecordChannelOn();
 // Appends a record of that type for the current application.
 void queueStatisticsRecord(int recordType);
 // Reports and empties the request's queue.

@@ -32,12 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     (void)httpdGid();
     (void)nodeId();
     (void)internalPorts();
-    char* path = nullptr;
-    for (int base = InstallDirBase; base <= IniScanDirBase; ++base) {
-        if (composePath(&path, "pagecache.log", base) > 0) {
-            free(path);
-            path = nullptr;
-        }
-    }
+    for (int base = InstallDirBase; base <= IniScanDirBase; ++base)
+        (void)resolvePath("pagecache.log", base);
     return 0;
 }

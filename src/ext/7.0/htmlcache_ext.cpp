@@ -29,8 +29,6 @@
 const char* const PageCacheName = "Vesk Page Cache";
 const char* const PageCacheVersion = "2021.4.6";
 
-PageCacheConfig pageCacheConfig;
-
 namespace {
 
 const char* const NoUidMessage =
@@ -70,35 +68,35 @@ std::unique_ptr<VPrivilegesDropper> dropPrivileges(long uid, long gid)
     return nullptr;
 }
 
+// Null for a path that didn't resolve, as the store and log expect.
+const char* orNull(const QByteArray& path)
+{
+    return path.isNull() ? nullptr : path.constData();
+}
+
 // Answers false when start-up must stop here.
 bool openLog()
 {
-    char* logPath = nullptr;
-    composePath(&logPath, "pagecache.log", LogDirBase);
+    const QByteArray logPath = resolvePath("pagecache.log", LogDirBase);
     std::unique_ptr<VPrivilegesDropper> dropper;
     try {
         const long uid = httpdUid();
         if (uid == -1) {
             refuseAndReport(QString::fromLatin1(NoUidMessage), 3);
-            free(logPath);
             return false;
         }
         const long gid = httpdGid();
         if (gid == -1) {
             refuseAndReport(QString::fromLatin1(NoGidMessage), 3);
-            free(logPath);
             return false;
         }
         dropper = dropPrivileges(uid, gid);
-        moduleState.logStream = VDebug::registerStream("Page-Cache", logPath);
+        moduleState.logStream = VDebug::registerStream("Page-Cache", orNull(logPath));
         PageCacheLogStream = moduleState.logStream;
-        free(logPath);
-        logPath = nullptr;
         VDebug::setDebugLevel(moduleState.logStream, int(pageCacheConfig.log_verbosity_level));
         dropper.reset();
     } catch (const VException& e) {
         dropper.reset();
-        free(logPath);
         refuseAndReport(QStringLiteral("Vesk Page Cache is disabled: ") + QString::fromLatin1(e.what()), 3);
         return false;
     }
@@ -122,8 +120,8 @@ void logParameters()
 
 void resolvePaths()
 {
-    composePath(&moduleState.resolvedRulesFile, pageCacheConfig.dependencies_file, ConfDirBase);
-    composePath(&moduleState.resolvedSavePath, pageCacheConfig.save_path, TempDirBase);
+    moduleState.resolvedRulesFile = resolvePath(pageCacheConfig.dependencies_file, ConfDirBase);
+    moduleState.resolvedSavePath = resolvePath(pageCacheConfig.save_path, TempDirBase);
     moduleState.rulesFilePath = QString::fromUtf8(moduleState.resolvedRulesFile);
     const char* pidDir = nullptr;
     if (findDirective("vesk.pid_dir", strlen("vesk.pid_dir"), &pidDir) == 0 && pidDir)
@@ -184,10 +182,8 @@ int moduleStartup()
         refuseAndReport(QString::fromLatin1(e.what()), 0);
         return 0;
     }
-    if (installSessionHooks()) {
-        pageCacheConfig.outputHandlerLevel = -1;
+    if (installSessionHooks())
         return 0;
-    }
     refuseAndReport(QStringLiteral("Failed to set session handlers"), 0);
     return 0;
 }
@@ -199,10 +195,8 @@ int moduleShutdown()
     vesk_unregister_ini_entries();
     vesk_restore_request_hooks();
     restoreSessionHooks();
-    free(moduleState.resolvedRulesFile);
-    moduleState.resolvedRulesFile = nullptr;
-    free(moduleState.resolvedSavePath);
-    moduleState.resolvedSavePath = nullptr;
+    moduleState.resolvedRulesFile = QByteArray();
+    moduleState.resolvedSavePath = QByteArray();
     VDebug::unregisterStream(moduleState.logStream);
     moduleState.logStream = 0;
     PageCacheLogStream = 0;
@@ -225,10 +219,22 @@ void reloadRules(bool isStartup)
         throw VException(QStringLiteral("Failed to open Rules File: %1").arg(moduleState.rulesFilePath));
     VHTMLCache::destroyInstance();
     VHTMLCache* cache = VHTMLCache::instance();
-    if (!cache->load(moduleState.resolvedSavePath, pageCacheConfig.dir_depth,
-                     moduleState.resolvedRulesFile, pageCacheConfig.clean_frequency, false,
+    if (!cache->load(orNull(moduleState.resolvedSavePath), pageCacheConfig.dir_depth,
+                     orNull(moduleState.resolvedRulesFile), pageCacheConfig.clean_frequency, false,
                      pageCacheConfig.max_cached_rules, isStartup, isStartup)) {
         VLOG(log, 0) << cache->lastError();
+    }
+}
+
+void failureEscaped(const char* where, const char* what, bool startup)
+{
+    try {
+        const QString text = QString::fromLatin1(where) + QStringLiteral(" failed: ") + QString::fromUtf8(what);
+        if (startup)
+            refuseAndReport(text, 0);
+        else
+            VLOG(moduleState.logStream, 0) << text;
+    } catch (...) {
     }
 }
 
@@ -244,32 +250,16 @@ void disableExtension(const QString& reason)
         setDisabled(PageCacheName, reason.toLatin1().constData());
 }
 
-bool isPageCacheStatisticsEnabled()
-{
-    // The length counts the terminating zero as part of the key, so a table
-    // keyed by the plain name never finds it: the record channel stays shut.
-    static const char name[] = "vesk_statistics.pagecache.enable";
-    const char* value = nullptr;
-    if (findDirective(name, sizeof name, &value) != 0 || !value)
-        return false;
-    return strtol(value, nullptr, 10) != 0;
-}
-
-bool isRecordChannelOn()
-{
-    return statisticsEnabled() && isPageCacheStatisticsEnabled();
-}
-
 void moduleInfo()
 {
     const PageCacheConfig& c = pageCacheConfig;
     vesk_info_table_start();
     vesk_info_table_row("Version", PageCacheVersion);
     vesk_info_table_row("Enable", moduleState.enabled ? "Yes" : "No");
-    vesk_info_table_row("Cache dependencies file", moduleState.resolvedRulesFile);
+    vesk_info_table_row("Cache dependencies file", orNull(moduleState.resolvedRulesFile));
     vesk_info_table_row("Log verbosity level", QByteArray::number(qint64(c.log_verbosity_level)).constData());
     vesk_info_table_row("Disk storage directory structure depth", QByteArray::number(qint64(c.dir_depth)).constData());
-    vesk_info_table_row("Disk storage save path", moduleState.resolvedSavePath);
+    vesk_info_table_row("Disk storage save path", orNull(moduleState.resolvedSavePath));
     vesk_info_table_row("Compression enable", c.compression_enable ? "1" : "0");
     vesk_info_table_row("Cache cleaning frequency", QByteArray::number(qint64(c.clean_frequency)).constData());
     vesk_info_table_end();

@@ -14,11 +14,12 @@ void moduleInfo();
 // Reads the rules file anew into a fresh cache object. Throws VException
 // when the file can't be read.
 void reloadRules(bool isStartup);
+// An exception reached an entry point of the engine: logged at level 0; at
+// start-up the cache is switched off for the process, as start-up stopped
+// half way.
+void failureEscaped(const char* where, const char* what, bool startup);
 // Tells the extension manager, when one is loaded, why the cache is off.
 void disableExtension(const QString& reason);
-bool isPageCacheStatisticsEnabled();
-// Both statistics switches of the record channel, read afresh.
-bool isRecordChannelOn();
 
 extern const char* const PageCacheName;
 extern const char* const PageCacheVersion;

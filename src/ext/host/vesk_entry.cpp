@@ -15,6 +15,7 @@
 #include "vesk_host.h"
 
 #include <cstdint>
+#include <exception>
 
 static_assert(VESK_E_ERROR == E_ERROR && VESK_E_WARNING == E_WARNING
                   && VESK_E_CORE_WARNING == E_CORE_WARNING,
@@ -29,49 +30,45 @@ namespace {
 
 int moduleNumber = 0;
 
+// Nothing may unwind into the engine. What is caught is logged, and a
+// start-up it broke off leaves the cache off for the process.
 template <typename F>
-zend_result guarded(F f)
+zend_result guarded(F f, const char* where, bool startup = false)
 {
     try {
         f();
+    } catch (const std::exception& e) {
+        failureEscaped(where, e.what(), startup);
     } catch (...) {
-        // Nothing may unwind into the engine; the module stays as it was left.
+        failureEscaped(where, "unknown exception", startup);
     }
     return SUCCESS;
 }
 
 zend_result module_startup(INIT_FUNC_ARGS)
 {
-    (void)type;
     moduleNumber = module_number;
-    return guarded(moduleStartup);
+    return guarded(moduleStartup, "Module start-up", true);
 }
 
 zend_result module_shutdown(SHUTDOWN_FUNC_ARGS)
 {
-    (void)type;
-    (void)module_number;
-    return guarded(moduleShutdown);
+    return guarded(moduleShutdown, "Module shutdown");
 }
 
 zend_result request_startup(INIT_FUNC_ARGS)
 {
-    (void)type;
-    (void)module_number;
-    return guarded(requestStartup);
+    return guarded(requestStartup, "Request start");
 }
 
 zend_result request_shutdown(SHUTDOWN_FUNC_ARGS)
 {
-    (void)type;
-    (void)module_number;
-    return guarded(requestShutdown);
+    return guarded(requestShutdown, "Request end");
 }
 
 void module_info(ZEND_MODULE_INFO_FUNC_ARGS)
 {
-    (void)zend_module;
-    guarded(moduleInfo);
+    guarded(moduleInfo, "Module information");
 }
 
 const zend_ini_entry_def iniEntries[] = {
@@ -139,13 +136,7 @@ zend_module_entry vesk_module_entry = {
 
 int extension_startup(zend_extension*)
 {
-    int result = 0;
-    try {
-        result = extensionStartup();
-    } catch (...) {
-    }
-    (void)result;
-    return SUCCESS;
+    return guarded(extensionStartup, "Extension start-up");
 }
 
 // The extension trusts the build id alone, whatever API number it meets.

@@ -6,17 +6,15 @@
 #include "SAPI.h"
 #include "zend_extensions.h"
 
+#include "vesk_hook.h"
 #include "vesk_host.h"
 
 namespace {
 
 VeskHeaderCallback headerCallback = nullptr;
-int (*savedHeaderHandler)(sapi_header_struct*, sapi_header_op_enum, sapi_headers_struct*) = nullptr;
-void (*savedFlush)(void*) = nullptr;
-zend_op_array* (*savedCompileFile)(zend_file_handle*, int) = nullptr;
 VeskOutputCallback outputCallback = nullptr;
-size_t (*savedUbWrite)(const char*, size_t) = nullptr;
-int (*savedSendHeaders)(sapi_headers_struct*) = nullptr;
+const char* stubFile = nullptr;
+int stubLine = 0;
 // Body bytes the server has been handed since the watch began, and how
 // many of them were already on their way when it began.
 size_t bytesWritten = 0;
@@ -24,17 +22,29 @@ size_t bytesExpected = 0;
 // CGI and FastCGI write the header block through the same call as the body.
 bool sendingHeaders = false;
 
+int headerHook(sapi_header_struct* header, sapi_header_op_enum op, sapi_headers_struct* headers);
+void flushForwarder(void* context);
+zend_op_array* compileStub(zend_file_handle* handle, int);
+size_t countingUbWrite(const char* data, size_t length);
+int headerAwareSendHeaders(sapi_headers_struct* headers);
+
+VeskHook<decltype(sapi_module.header_handler)> headerSlot(headerHook);
+VeskHook<decltype(sapi_module.flush)> flushSlot(flushForwarder);
+VeskHook<decltype(zend_compile_file)> compileSlot(compileStub);
+VeskHook<decltype(sapi_module.ub_write)> ubWriteSlot(countingUbWrite);
+VeskHook<decltype(sapi_module.send_headers)> sendHeadersSlot(headerAwareSendHeaders);
+
 size_t countingUbWrite(const char* data, size_t length)
 {
     if (!sendingHeaders)
         bytesWritten += length;
-    return savedUbWrite(data, length);
+    return ubWriteSlot.original()(data, length);
 }
 
 int headerAwareSendHeaders(sapi_headers_struct* headers)
 {
     sendingHeaders = true;
-    const int sent = savedSendHeaders(headers);
+    const int sent = sendHeadersSlot.original()(headers);
     sendingHeaders = false;
     return sent;
 }
@@ -61,13 +71,14 @@ int headerHook(sapi_header_struct* header, sapi_header_op_enum op, sapi_headers_
             break;
         }
     }
-    return savedHeaderHandler ? savedHeaderHandler(header, op, headers) : SAPI_HEADER_ADD;
+    const auto original = headerSlot.original();
+    return original ? original(header, op, headers) : SAPI_HEADER_ADD;
 }
 
 void flushForwarder(void* context)
 {
-    if (savedFlush)
-        savedFlush(context);
+    if (const auto original = flushSlot.original())
+        original(context);
 }
 
 zend_op_array* compileStub(zend_file_handle* handle, int)
@@ -76,7 +87,7 @@ zend_op_array* compileStub(zend_file_handle* handle, int)
         fclose(handle->handle.fp);
         handle->handle.fp = nullptr;
     }
-    _zend_bailout(const_cast<char*>("src/ext/7.0/htmlcache_ext"), 767);
+    _zend_bailout(const_cast<char*>(stubFile), uint32_t(stubLine));
 }
 
 void outputHandler(char* output, size_t length, char** handled, size_t* handledLength, int mode)
@@ -214,27 +225,16 @@ bool vesk_output_watch_rest(size_t passedOn)
     }
     bytesWritten = 0;
     bytesExpected = held + passedOn;
-    if (sapi_module.ub_write != countingUbWrite) {
-        savedUbWrite = sapi_module.ub_write;
-        sapi_module.ub_write = countingUbWrite;
-    }
-    if (sapi_module.send_headers && sapi_module.send_headers != headerAwareSendHeaders) {
-        savedSendHeaders = sapi_module.send_headers;
-        sapi_module.send_headers = headerAwareSendHeaders;
-    }
+    ubWriteSlot.install(sapi_module.ub_write);
+    if (sapi_module.send_headers)
+        sendHeadersSlot.install(sapi_module.send_headers);
     return true;
 }
 
 bool vesk_output_rest_as_expected()
 {
-    if (sapi_module.ub_write == countingUbWrite) {
-        sapi_module.ub_write = savedUbWrite;
-        savedUbWrite = nullptr;
-    }
-    if (sapi_module.send_headers == headerAwareSendHeaders) {
-        sapi_module.send_headers = savedSendHeaders;
-        savedSendHeaders = nullptr;
-    }
+    ubWriteSlot.restore(sapi_module.ub_write);
+    sendHeadersSlot.restore(sapi_module.send_headers);
     return bytesWritten == bytesExpected;
 }
 
@@ -246,42 +246,26 @@ void vesk_sapi_flush()
 void vesk_install_header_hook(VeskHeaderCallback callback)
 {
     headerCallback = callback;
-    if (sapi_module.header_handler != headerHook) {
-        savedHeaderHandler = sapi_module.header_handler;
-        sapi_module.header_handler = headerHook;
-    }
+    headerSlot.install(sapi_module.header_handler);
 }
 
 void vesk_install_flush_forwarder()
 {
-    if (sapi_module.flush != flushForwarder) {
-        savedFlush = sapi_module.flush;
-        sapi_module.flush = flushForwarder;
-    }
+    flushSlot.install(sapi_module.flush);
 }
 
 void vesk_restore_request_hooks()
 {
-    if (sapi_module.header_handler == headerHook) {
-        sapi_module.header_handler = savedHeaderHandler;
-        savedHeaderHandler = nullptr;
-    }
-    if (sapi_module.flush == flushForwarder) {
-        sapi_module.flush = savedFlush;
-        savedFlush = nullptr;
-    }
-    if (savedCompileFile) {
-        zend_compile_file = savedCompileFile;
-        savedCompileFile = nullptr;
-    }
+    headerSlot.restore(sapi_module.header_handler);
+    flushSlot.restore(sapi_module.flush);
+    compileSlot.restore(zend_compile_file);
 }
 
-void vesk_arm_compile_stub()
+void vesk_arm_compile_stub(const char* file, int line)
 {
-    if (zend_compile_file != compileStub) {
-        savedCompileFile = zend_compile_file;
-        zend_compile_file = compileStub;
-    }
+    stubFile = file;
+    stubLine = line;
+    compileSlot.install(zend_compile_file);
 }
 
 int vesk_start_output_capture(VeskOutputCallback callback)

@@ -5,23 +5,50 @@
 #include "php_output.h"
 #include "ext/session/php_session.h"
 
+#include "vesk_hook.h"
 #include "vesk_host.h"
 
 #include <dlfcn.h>
+#include <string>
+#include <vector>
 
 namespace {
 
 zend_module_entry* sessionModule = nullptr;
 php_ps_globals* sessionGlobals = nullptr;
-zend_result (*savedRequestStartup)(int, int) = nullptr;
 const VeskSessionCallbacks* callbacks = nullptr;
-HashTable* savedHandlers = nullptr;
+
+zend_result requestStartupWrapper(int type, int moduleNumber);
+void functionWrapper(INTERNAL_FUNCTION_PARAMETERS);
+
+VeskHook<decltype(zend_module_entry::request_startup_func)> requestStartupSlot(requestStartupWrapper);
+
+// Each wrapped function with the handler it had; kept for the life of the
+// process, as the functions keep their wrapper.
+struct WrappedFunction
+{
+    std::string name;
+    VeskHook<zif_handler> hook;
+};
+std::vector<WrappedFunction>* wrappedFunctions = nullptr;
+
+zif_handler originalHandler(const char* name)
+{
+    if (!name || !wrappedFunctions)
+        return nullptr;
+    for (const WrappedFunction& function : *wrappedFunctions) {
+        if (function.name == name)
+            return function.hook.original();
+    }
+    return nullptr;
+}
 
 zend_result requestStartupWrapper(int type, int moduleNumber)
 {
     if (callbacks)
         callbacks->requestStartupBegins();
-    const zend_result result = savedRequestStartup ? savedRequestStartup(type, moduleNumber) : SUCCESS;
+    const auto original = requestStartupSlot.original();
+    const zend_result result = original ? original(type, moduleNumber) : SUCCESS;
     if (callbacks)
         callbacks->requestStartupEnds();
     return result;
@@ -31,9 +58,7 @@ void functionWrapper(INTERNAL_FUNCTION_PARAMETERS)
 {
     const char* name = get_active_function_name();
     const int before = vesk_session_status();
-    zif_handler handler = nullptr;
-    if (name && savedHandlers)
-        handler = reinterpret_cast<zif_handler>(zend_hash_str_find_ptr(savedHandlers, name, strlen(name)));
+    const zif_handler handler = originalHandler(name);
     if (!handler) {
         if (callbacks)
             callbacks->handlerMissing(name ? name : "");
@@ -65,37 +90,38 @@ bool vesk_find_session_globals()
 
 bool vesk_wrap_session_function(const char* name)
 {
-    if (!savedHandlers) {
-        savedHandlers = static_cast<HashTable*>(pemalloc(sizeof(HashTable), 1));
-        zend_hash_init(savedHandlers, 10, nullptr, nullptr, 1);
-    }
+    if (!wrappedFunctions)
+        wrappedFunctions = new std::vector<WrappedFunction>;
     zend_function* function =
         static_cast<zend_function*>(zend_hash_str_find_ptr(CG(function_table), name, strlen(name)));
     if (!function || function->type != ZEND_INTERNAL_FUNCTION)
         return false;
-    if (function->internal_function.handler != functionWrapper) {
-        zend_hash_str_update_ptr(savedHandlers, name, strlen(name),
-                                 reinterpret_cast<void*>(function->internal_function.handler));
-        function->internal_function.handler = functionWrapper;
+    WrappedFunction* wrapped = nullptr;
+    for (WrappedFunction& known : *wrappedFunctions) {
+        if (known.name == name)
+            wrapped = &known;
     }
+    if (!wrapped) {
+        wrappedFunctions->push_back(WrappedFunction{name, VeskHook<zif_handler>(functionWrapper)});
+        wrapped = &wrappedFunctions->back();
+    }
+    wrapped->hook.install(function->internal_function.handler);
     return true;
 }
 
 void vesk_wrap_session_request_startup(const VeskSessionCallbacks* sessionCallbacks)
 {
     callbacks = sessionCallbacks;
-    if (sessionModule && sessionModule->request_startup_func != requestStartupWrapper) {
-        savedRequestStartup = sessionModule->request_startup_func;
-        sessionModule->request_startup_func = requestStartupWrapper;
-    }
+    if (sessionModule)
+        requestStartupSlot.install(sessionModule->request_startup_func);
 }
 
 void vesk_restore_session_module()
 {
     // The wrapped functions keep their wrapper: it finds their handlers in
-    // the table, which lives as long as the process.
-    if (sessionModule && sessionModule->request_startup_func == requestStartupWrapper)
-        sessionModule->request_startup_func = savedRequestStartup;
+    // the list, which lives as long as the process.
+    if (sessionModule)
+        requestStartupSlot.restore(sessionModule->request_startup_func);
 }
 
 int vesk_session_status()

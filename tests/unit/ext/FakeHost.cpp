@@ -166,3 +166,39 @@ size_t vesk_url_decode(char* text, size_t length)
     text[out] = '\0';
     return out;
 }
+
+int vesk_response_code()
+{
+    return host().responseCode;
+}
+
+void vesk_set_response_code(int code)
+{
+    host().responseCode = code;
+}
+
+void vesk_add_header(const char* line, size_t length, bool)
+{
+    host().headers.emplace_back(line, length);
+}
+
+bool vesk_output_compressing()
+{
+    return host().outputCompressing;
+}
+
+// No debugger and no statistics function in a test.
+int vesk_extension_resource_number(const char*, const char*)
+{
+    return -1;
+}
+
+bool vesk_reserved_word_set(int)
+{
+    return false;
+}
+
+bool vesk_call_statistics_function(const char*, const VeskStatisticsRecord&)
+{
+    return false;
+}

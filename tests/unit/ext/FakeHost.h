@@ -31,6 +31,11 @@ struct FakeHost
     std::string engineScanDir;
     std::vector<std::string> errorLog;
 
+    // The response as the request path sets it.
+    int responseCode = 200;
+    std::vector<std::string> headers;
+    bool outputCompressing = false;
+
     static FakeHost& instance();
     void reset() { instance() = FakeHost(); }
 };

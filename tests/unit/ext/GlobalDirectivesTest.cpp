@@ -2,6 +2,7 @@
 
 #include "GlobalDirectives.h"
 #include "HostProbes.h"
+#include "RequestUrl.h"
 #include "host/vesk_host.h"
 
 #include <QDir>
@@ -158,7 +159,9 @@ TEST_F(GlobalDirectivesTest, SingleIniFileUnderConfDir)
     host().configuration["vesk.conf_dir"] = conf;
     host().configuration["vesk.ini_file"] = "one.ini";
     ASSERT_EQ(0, loadGlobalDirectives());
-    EXPECT_STREQ("/var/tmp/vesk", tempDir());
+    const char* value = nullptr;
+    ASSERT_EQ(0, findDirective("vesk.temp_dir", strlen("vesk.temp_dir"), &value));
+    EXPECT_STREQ("/var/tmp/vesk", value);
 }
 
 TEST_F(GlobalDirectivesTest, RefusalsNameWhatIsMissing)
@@ -230,30 +233,16 @@ TEST_F(GlobalDirectivesTest, ApplyGivesPairsToRegisteredDirectivesOnly)
     EXPECT_EQ("/var/log/vesk", value("vesk.log_dir"));
 }
 
-TEST_F(GlobalDirectivesTest, ComposePath)
+TEST_F(GlobalDirectivesTest, ResolvePath)
 {
     host().configuration["vesk.log_dir"] = "/var/log/vesk";
     ASSERT_EQ(0, loadGlobalDirectives());
 
-    char* out = nullptr;
-    EXPECT_EQ(int(strlen("/var/log/vesk/pagecache.log")), composePath(&out, "pagecache.log", LogDirBase));
-    EXPECT_STREQ("/var/log/vesk/pagecache.log", out);
-    free(out);
-
-    out = nullptr;
-    EXPECT_EQ(int(strlen("/etc/rules.xml")), composePath(&out, "/etc/rules.xml", ConfDirBase));
-    EXPECT_STREQ("/etc/rules.xml", out);
-    free(out);
-
-    char untouched[] = "kept";
-    out = untouched;
-    EXPECT_EQ(0, composePath(&out, "rules.xml", ConfDirBase));
-    EXPECT_EQ(untouched, out);
-
-    out = nullptr;
-    composePath(&out, nullptr, LogDirBase);
-    EXPECT_STREQ("/var/log/vesk/", out);
-    free(out);
+    EXPECT_EQ("/var/log/vesk/pagecache.log", resolvePath("pagecache.log", LogDirBase));
+    EXPECT_EQ("/etc/rules.xml", resolvePath("/etc/rules.xml", ConfDirBase));
+    // Without its base directory a relative path doesn't resolve at all.
+    EXPECT_TRUE(resolvePath("rules.xml", ConfDirBase).isNull());
+    EXPECT_EQ("/var/log/vesk/", resolvePath(nullptr, LogDirBase));
 }
 
 class HostProbesTest : public ::testing::Test
@@ -289,39 +278,39 @@ TEST_F(HostProbesTest, CurrentUrl)
 {
     host().serverVariables = {{"HTTP_HOST", "example.com"}, {"SERVER_PORT", "80"},
                               {"REQUEST_URI", "/a/b?x=1"}};
-    EXPECT_STREQ("http://example.com:80/a/b?x=1", currentUrl().constData());
+    EXPECT_STREQ("http://example.com:80/a/b?x=1", RequestUrl::read().whole().constData());
 
     host().serverVariables["HTTP_HOST"] = "example.com:8080";
     host().serverVariables["HTTPS"] = "on";
-    EXPECT_STREQ("https://example.com:8080/a/b?x=1", currentUrl().constData());
+    EXPECT_STREQ("https://example.com:8080/a/b?x=1", RequestUrl::read().whole().constData());
 
     host().serverVariables["HTTPS"] = "OFF";
-    EXPECT_STREQ("http://example.com:8080/a/b?x=1", currentUrl().constData());
+    EXPECT_STREQ("http://example.com:8080/a/b?x=1", RequestUrl::read().whole().constData());
     // An empty HTTPS is plain http, as the gate reads it.
     host().serverVariables["HTTPS"] = "";
-    EXPECT_STREQ("http://example.com:8080/a/b?x=1", currentUrl().constData());
+    EXPECT_STREQ("http://example.com:8080/a/b?x=1", RequestUrl::read().whole().constData());
 
     // A URI far past any fixed buffer.
     const std::string longUri = "/" + std::string(100000, 'a');
     host().serverVariables["REQUEST_URI"] = longUri;
-    EXPECT_EQ("http://example.com:8080" + longUri, currentUrl().toStdString());
+    EXPECT_EQ("http://example.com:8080" + longUri, RequestUrl::read().whole().toStdString());
     host().serverVariables["REQUEST_URI"] = "/a/b?x=1";
 
     host().serverVariables.erase("HTTP_HOST");
-    EXPECT_STREQ("", currentUrl().constData());
+    EXPECT_STREQ("", RequestUrl::read().whole().constData());
     host().hasGetenv = false;
-    EXPECT_STREQ("", currentUrl().constData());
+    EXPECT_STREQ("", RequestUrl::read().whole().constData());
 }
 
 TEST_F(HostProbesTest, InternalRequestByPort)
 {
     host().serverVariables = {{"HTTP_HOST", "localhost"}, {"SERVER_PORT", "10081"},
                               {"REQUEST_URI", "/status"}};
-    EXPECT_EQ(1, isInternalRequest());
+    EXPECT_TRUE(RequestUrl::read().onPort(internalPorts()));
     host().serverVariables["HTTP_HOST"] = "localhost:8080";
-    EXPECT_EQ(0, isInternalRequest());
+    EXPECT_FALSE(RequestUrl::read().onPort(internalPorts()));
     host().configuration["vesk.internal_ports"] = "9000,8080";
-    EXPECT_EQ(1, isInternalRequest());
+    EXPECT_TRUE(RequestUrl::read().onPort(internalPorts()));
 }
 
 TEST_F(HostProbesTest, RequestParameterFromQueryCookieAndBody)
@@ -350,10 +339,10 @@ TEST_F(HostProbesTest, RequestParameterFromQueryCookieAndBody)
 
     // Names match whole, byte for byte.
     EXPECT_EQ(nullptr, requestParameter("start", 5, 0));
-    EXPECT_EQ(1, isDebugSessionRequest());
+    EXPECT_TRUE(requestCarries("start_debug", false));
     host().queryString = "XDEBUG_SESSIONS=1";
     host().cookieData.clear();
-    EXPECT_EQ(0, isDebugSessionRequest());
+    EXPECT_FALSE(requestCarries("XDEBUG_SESSION", false));
 }
 
 } // namespace
