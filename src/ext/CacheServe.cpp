@@ -196,13 +196,19 @@ bool stillServable(const CacheEntry& entry)
 {
     if (creationPurged(entry)) {
         dropPage("Will not use cached output because of a purged creation time");
+        notePass("purge");
         return false;
     }
     if (statusRefused(entry)) {
         dropPage("Will not use cached output because of response code rule");
+        notePass("status rule");
         return false;
     }
-    return !headersRefused(entry);
+    if (headersRefused(entry)) {
+        notePass("header rule");
+        return false;
+    }
+    return true;
 }
 
 // A purged URL goes the miss path, so that this request's page replaces
@@ -258,8 +264,10 @@ CacheAnswer lookUp(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
         PageCachePulse::instance()->addPossible(ruleId, ruleName);
     r.buffering = false;
     QByteArray split;
-    if (!faithfulSplitKey(r.rule->d->splitBlock, r.requestUrl, split))
+    if (!faithfulSplitKey(r.rule->d->splitBlock, r.requestUrl, split)) {
+        notePass("key");
         return CacheAnswer::Pass;
+    }
     VLOG(log, 5) << "Split by key is" << split;
     r.matchKey = VMD5::hash(split);
     const int status = conditionalStatus(lookup.conditional);

@@ -40,7 +40,7 @@ void logEncoding(const QByteArray& line)
 void captureHeaderLine(VeskHeaderOp op, const char* text, size_t length)
 {
     RequestState& r = requestState;
-    if (!r.buffering)
+    if (!r.buffering || r.sayingVerdict)
         return;
     const VDebug::StreamId log = moduleState.logStream;
     if (op == VeskHeaderOp::Delete || op == VeskHeaderOp::DeleteAll) {

@@ -62,7 +62,16 @@ bool holdEndedCapture(const char* output, size_t length, const VeskOutputPass& p
     r.captureEndedByScript = true;
     // The lines below hold the page back yet; later they may have gone out.
     addLastModified();
+    // Told now, while it can be: stored unless something follows.
+    sayVerdict("miss");
     return true;
+}
+
+// The page won't be stored: the client hears why, and the capture stops.
+void refuse(const char* reason)
+{
+    sayPass(reason);
+    requestState.buffering = false;
 }
 
 // The page passed every test: its output joined to what was flushed ahead,
@@ -79,12 +88,12 @@ void storeWhole(const char* output, size_t length, int responseCode)
     }
     if (r.responseCompressed && !r.responseIsGzip) {
         VLOG(log, 3) << "Unsupported compression format of response. Output will not be cached.";
-        r.buffering = false;
+        refuse("encoding");
         return;
     }
     if (output && length == 0) {
         VLOG(log, 3) << "Empty output to store. Output will not be cached.";
-        r.buffering = false;
+        refuse("empty");
         return;
     }
     addLastModified();
@@ -97,8 +106,10 @@ void storeWhole(const char* output, size_t length, int responseCode)
     if (!cache->storeOutput(r.namespaceKey, r.matchKey, r.url.whole(), output, qint64(length), responseCode,
                             r.storedHeaders, lifetime, compress, r.responseCompressed)) {
         VLOG(log, 0) << "Storing entry failed";
+        sayPass("store error");
         return;
     }
+    sayVerdict("miss");
     if (pageCacheConfig.pulse_enable)
         PageCachePulse::instance()->addTimeSaved(r.rule->id, r.rule->name, QString::fromLatin1(r.matchKey));
     if (r.responseCompressed)
@@ -124,7 +135,7 @@ void storeToCache(const char* output, size_t length, const VeskOutputPass& pass)
     VLOG(log, 5) << "storeToCache handler called with output size of" << quint64(length);
     if (!r.buffering || !r.cacheable) {
         VLOG(log, 5) << "Current request is not cached";
-        r.buffering = false;
+        refuse(r.passReason ? r.passReason : "disabled");
         r.flushedOutput.clear();
         return;
     }
@@ -132,7 +143,7 @@ void storeToCache(const char* output, size_t length, const VeskOutputPass& pass)
         return;
     if (!cache->areHeadersCacheable(r.seenHeaders, r.appId)) {
         disableCaching();
-        r.buffering = false;
+        refuse("header rule");
         return;
     }
     const int exitStatus = vesk_exit_status();
@@ -140,16 +151,17 @@ void storeToCache(const char* output, size_t length, const VeskOutputPass& pass)
     const int responseCode = vesk_response_code();
     if (!cache->isStatusCacheable(responseCode, r.appId)) {
         disableCaching();
-        r.buffering = false;
+        // A fatal error is why the engine made the status 500.
+        refuse(exitStatus == 255 ? "fatal error" : "status rule");
         return;
     }
     if (exitStatus == 255) {
         VLOG(log, 3) << "A PHP error has occurred during the request. Output will not be cached.";
-        r.buffering = false;
+        refuse("fatal error");
         return;
     }
     if (captureBroken(pass)) {
-        r.buffering = false;
+        refuse("buffer");
         return;
     }
     storeWhole(output, length, responseCode);

@@ -49,6 +49,8 @@ void beginRequest()
     r.appId = 0;
     r.url = RequestUrl();
     r.seenHeaders.clear();
+    r.verdictSaid = false;
+    r.passReason = nullptr;
 }
 
 // Each worker picks up a newer rules file by itself, at its next request.
@@ -137,11 +139,14 @@ bool requestQualifies(qint32 appId)
         return false;
     }
     resetResponseState();
-    if (!cacheableMethod())
+    if (!cacheableMethod()) {
+        notePass("method");
         return false;
+    }
     r.appId = appId;
     if (r.url.uriLength() > LongestCachedUri) {
         VLOG(log, 3) << "Request URI too long for the page cache; the request runs uncached";
+        notePass("long uri");
         return false;
     }
     return true;
@@ -220,6 +225,7 @@ void evaluate()
         r.cacheable = r.rule->conditionsHold();
     if (!r.cacheable) {
         VLOG(log, 3) << "Request for :" << r.requestUrl << "is NOT cacheable";
+        sayPass("conditions");
         return;
     }
     decideFromCache(r.rule->name.trimmed(), r.rule->id);
@@ -268,6 +274,7 @@ void serve(CacheLookup& lookup)
     requestState.buffering = false;
     if (entry.status() > 0)
         setResponseCode(entry.status());
+    sayVerdict("hit");
     QLinkedList<QByteArray> headers = entry.headers();
     if (pageCacheConfig.enable_qa_info)
         headers.append("X-PageCache-Compression: " + QByteArray::number(lookup.compressedHit));
@@ -285,6 +292,7 @@ bool answerFromCache(const QString& ruleName, qint64 ruleId)
     CacheLookup lookup;
     switch (lookUp(lookup, ruleName, ruleId)) {
     case CacheAnswer::Pass:
+        sayPass();
         return false;
     case CacheAnswer::Miss:
         miss(ruleId, ruleName);
@@ -298,6 +306,7 @@ bool answerFromCache(const QString& ruleName, qint64 ruleId)
     case CacheAnswer::NotModified:
         break;
     }
+    sayVerdict("hit");
     // A 304 is a hit without a body, with the validators and caching lines
     // of the page it stands for; a 412 counts for nothing.
     if (lookup.status == 304) {
@@ -316,7 +325,16 @@ int requestStartup()
         return 0;
     beginRequest();
     qint32 appId = 0;
-    if (!gateOpen(appId) || !requestQualifies(appId) || !matchRule())
+    if (!gateOpen(appId))
+        return 0;
+    if (!requestQualifies(appId)) {
+        // Only to say why a covered request passed: the rule is looked for
+        // then and no other time.
+        if (pageCacheConfig.enable_qa_info && requestState.passReason && matchRule())
+            sayPass();
+        return 0;
+    }
+    if (!matchRule())
         return 0;
     setUpRule();
     evaluate();

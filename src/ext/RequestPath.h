@@ -57,6 +57,15 @@ void replayHeaders(const QLinkedList<QByteArray>& lines, bool (*wanted)(const QB
 // The lines a 304 must repeat from the page it stands for.
 bool belongsToNotModified(const QByteArray& line);
 
+// Under vesk_pagecache.enable_qa_info, tells the client what became of a
+// covered request: "hit", "miss" (stored) or "pass" with its reason. The
+// first verdict of a request stands; none once headers have gone out.
+void sayVerdict(const char* verdict, const char* reason = nullptr);
+// "pass" with `reason`, or with the reason noted earlier.
+void sayPass(const char* reason = nullptr);
+// Keeps the first reason a covered request won't be stored for.
+void notePass(const char* reason);
+
 // Puts the capture's handler on top of the output stack.
 void startOutputCapture();
 void disableCaching();

@@ -53,6 +53,11 @@ struct RequestState
     // The script ended the capture's level with a flush; the page is
     // stored at request end if nothing followed it.
     bool captureEndedByScript = false;
+    // The client has been told what became of the request, and why not
+    // stored when it wasn't; the line being told is not the page's.
+    bool verdictSaid = false;
+    bool sayingVerdict = false;
+    const char* passReason = nullptr;
     // Facts for the host's statistics function, reported at request end.
     QList<PageCacheStatRecord> statisticsQueue;
 };

@@ -101,6 +101,7 @@ void sessionResolved()
         if (!vesk_output_capture_on_top()) {
             VLOG(log, 3) << "URL:" << r.requestUrl << "is NOT cacheable: the script opened an output buffer before its session";
             r.cacheable = false;
+            sayPass("buffer");
             return;
         }
         VLOG(log, 5) << "Storing pre-session data before deciding whether to use cache";
@@ -112,6 +113,7 @@ void sessionResolved()
     VLOG(log, 3) << "session data resolved";
     if (!r.cacheable) {
         VLOG(log, 3) << "URL:" << r.requestUrl << "is NOT cacheable";
+        sayPass("conditions");
         if (preSessionLength == 0)
             return;
         VLOG(log, 3) << "Non cacheable request, returning pre-session data to buffer";

@@ -182,6 +182,11 @@ void vesk_add_header(const char* line, size_t length, bool)
     host().headers.emplace_back(line, length);
 }
 
+bool vesk_headers_sent()
+{
+    return false;
+}
+
 bool vesk_output_compressing()
 {
     return host().outputCompressing;
