@@ -16,11 +16,12 @@ bool sapiIs(const char* name)
     return sapi && strcmp(sapi, name) == 0;
 }
 
-// Looks for `name` among the pairs of `data`, split at `separator`.
-char* findParameter(const char* data, char separator, const char* name, size_t nameLength)
+// Looks for `name` among the pairs of `data`, split at `separator`: its
+// decoded value, or null.
+QByteArray findParameter(const char* data, char separator, const char* name, size_t nameLength)
 {
     if (!data)
-        return nullptr;
+        return QByteArray();
     const char* pair = data;
     while (*pair) {
         const char* end = strchr(pair, separator);
@@ -32,15 +33,15 @@ char* findParameter(const char* data, char separator, const char* name, size_t n
         const char* keyEnd = equals ? equals : pairEnd;
         if (size_t(keyEnd - key) == nameLength && memcmp(key, name, nameLength) == 0) {
             const char* value = equals ? equals + 1 : pairEnd;
-            char* copy = vesk_estrndup(value, size_t(pairEnd - value));
-            vesk_url_decode(copy, size_t(pairEnd - value));
+            QByteArray copy(value, int(pairEnd - value));
+            copy.truncate(int(vesk_url_decode(copy.data(), size_t(copy.size()))));
             return copy;
         }
         if (!end)
             break;
         pair = end + 1;
     }
-    return nullptr;
+    return QByteArray();
 }
 
 } // namespace
@@ -89,28 +90,23 @@ bool isHttpsOn(const char* https)
     return https && *https && strcasecmp(https, "off") != 0;
 }
 
-char* requestParameter(const char* name, size_t length, int readBody)
+QByteArray requestParameter(const char* name, size_t length, bool readBody)
 {
     const char* query = vesk_request_query_string();
     if (!query)
         query = getenv("QUERY_STRING");
-    if (char* value = findParameter(query, '&', name, length))
+    QByteArray value = findParameter(query, '&', name, length);
+    if (value.isNull())
+        value = findParameter(vesk_request_cookie_data(), ';', name, length);
+    if (!value.isNull() || !readBody)
         return value;
-    if (char* value = findParameter(vesk_request_cookie_data(), ';', name, length))
-        return value;
-    if (!readBody)
-        return nullptr;
     std::string body;
     if (!vesk_read_request_body(&body))
-        return nullptr;
+        return QByteArray();
     return findParameter(body.c_str(), '&', name, length);
 }
 
 bool requestCarries(const char* name, bool readBody)
 {
-    char* value = requestParameter(name, strlen(name), readBody ? 1 : 0);
-    if (!value)
-        return false;
-    vesk_efree(value);
-    return true;
+    return !requestParameter(name, strlen(name), readBody).isNull();
 }

@@ -2,6 +2,8 @@
 
 // What host the extension runs under, and what the current request is.
 
+#include <QByteArray>
+
 #include <cstddef>
 
 bool isFpm();
@@ -15,8 +17,8 @@ int webSapiCheck();
 const char* scriptFilename();
 // Whether the server's HTTPS variable says https: set, not empty, not "off".
 bool isHttpsOn(const char* https);
-// The decoded value of a query, cookie or (with readBody) body parameter,
-// allocated by the engine's request allocator, or null.
-char* requestParameter(const char* name, size_t length, int readBody);
+// The decoded value of a query, cookie or (with readBody) body parameter;
+// null when the request has none of that name.
+QByteArray requestParameter(const char* name, size_t length, bool readBody);
 // Whether the query or cookies (with readBody, the body too) carry `name`.
 bool requestCarries(const char* name, bool readBody);

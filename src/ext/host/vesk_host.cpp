@@ -191,16 +191,6 @@ bool vesk_read_request_body(std::string* body)
     return true;
 }
 
-char* vesk_estrndup(const char* text, size_t length)
-{
-    return estrndup(text, length);
-}
-
-void vesk_efree(void* block)
-{
-    efree(block);
-}
-
 size_t vesk_url_decode(char* text, size_t length)
 {
     return php_url_decode(text, length);

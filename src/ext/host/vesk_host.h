@@ -76,8 +76,6 @@ const char* vesk_request_query_string();
 const char* vesk_request_cookie_data();
 // Reads the whole request body, leaving the stream rewound. False without one.
 bool vesk_read_request_body(std::string* body);
-char* vesk_estrndup(const char* text, size_t length);
-void vesk_efree(void* block);
 // Decodes %xx and '+' in place; answers the new length.
 size_t vesk_url_decode(char* text, size_t length);
 

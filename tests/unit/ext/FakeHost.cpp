@@ -136,19 +136,6 @@ bool vesk_read_request_body(std::string* body)
     return true;
 }
 
-char* vesk_estrndup(const char* text, size_t length)
-{
-    char* copy = static_cast<char*>(malloc(length + 1));
-    memcpy(copy, text, length);
-    copy[length] = '\0';
-    return copy;
-}
-
-void vesk_efree(void* block)
-{
-    free(block);
-}
-
 size_t vesk_url_decode(char* text, size_t length)
 {
     size_t out = 0;
