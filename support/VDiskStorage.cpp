@@ -28,6 +28,8 @@ const char Magic[4] = {'V', 'K', 'D', 'S'};
 const quint32 FormatVersion = 3;
 const char TempPrefix[] = ".tmp-";
 const char TrashPrefix[] = ".trash-";
+// A page's lock lies beside its record as this and the record's name.
+const char LockPrefix[] = ".lock-";
 // A temporary file this old belongs to a writer that died.
 const qint64 StaleTempSeconds = 3600;
 // What a cleaning spends at most on removing empty directories.
@@ -284,6 +286,61 @@ qint64 diskBytes(const struct stat& st)
     return qMax<qint64>(qint64(st.st_size), qint64(st.st_blocks) * 512);
 }
 
+// What a lock file says of its holder, and its age in milliseconds.
+struct LockHolder
+{
+    pid_t pid = 0;
+    qint64 ageMs = 0;
+    QByteArray text;
+    struct stat status;
+};
+
+// False when there is no lock file (any more).
+bool readLockHolder(const QByteArray& path, LockHolder* holder)
+{
+    const int fd = open(path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    char text[64] = {};
+    const ssize_t got = fstat(fd, &holder->status) == 0 ? pread(fd, text, sizeof text - 1, 0) : -1;
+    close(fd);
+    if (got < 0)
+        return false;
+    holder->text = QByteArray(text, int(got));
+    // A taker that has just created the file may not have written its pid
+    // yet: 0, taken for alive until the lock is old.
+    holder->pid = pid_t(strtol(text, nullptr, 10));
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    const struct timespec& made = holder->status.st_mtim;
+    holder->ageMs = (qint64(now.tv_sec) - made.tv_sec) * 1000 + (now.tv_nsec - made.tv_nsec) / 1000000;
+    return true;
+}
+
+// A pid of this machine that no process has any more. Pids are reused, but
+// only after a while: the age limit covers a lock whose pid came back.
+bool holderGone(pid_t pid)
+{
+    return pid > 0 && kill(pid, 0) != 0 && errno == ESRCH;
+}
+
+// Removes a lock judged dead; true when it is gone. Inodes come back at
+// once, so the lock is moved aside in one step first and its words looked
+// at there: a live lock that another taker put in its place meanwhile goes
+// back, unless yet another has been made by then.
+bool dropLock(const QByteArray& path, const LockHolder& judged)
+{
+    const QByteArray aside = path.left(path.lastIndexOf('/') + 1) + TempPrefix + uniqueSuffix();
+    if (rename(path.constData(), aside.constData()) != 0)
+        return errno == ENOENT;
+    LockHolder moved;
+    const bool wasJudged = readLockHolder(aside, &moved) && moved.text == judged.text;
+    if (!wasJudged)
+        (void)link(aside.constData(), path.constData());
+    unlink(aside.constData());
+    return wasJudged;
+}
+
 } // namespace
 
 VDiskStorageEnv::~VDiskStorageEnv() = default;
@@ -376,6 +433,7 @@ struct VDiskStorage::Held
 VDiskStorage::~VDiskStorage()
 {
     release();
+    unlock();
 }
 
 void VDiskStorage::release()
@@ -422,6 +480,84 @@ QByteArray VDiskStorage::recordPath(const QByteArray& ns, const QByteArray& key)
     *at++ = '/';
     memcpy(at, name.constData(), size_t(name.size()));
     return path;
+}
+
+QByteArray VDiskStorage::lockPath(const QByteArray& ns, const QByteArray& key) const
+{
+    const QByteArray record = recordPath(ns, key);
+    const int slash = record.lastIndexOf('/');
+    return record.left(slash + 1) + LockPrefix + record.mid(slash + 1);
+}
+
+VDiskStorage::LockState VDiskStorage::lockState(const QByteArray& ns, const QByteArray& key, qint64 maxAgeMs,
+                                                QByteArray* words)
+{
+    LockHolder holder;
+    if (!readLockHolder(lockPath(ns, key), &holder))
+        return LockState::Free;
+    if (words)
+        *words = holder.text;
+    return holderGone(holder.pid) || holder.ageMs >= maxAgeMs ? LockState::Stale : LockState::Held;
+}
+
+bool VDiskStorage::tryLock(const QByteArray& ns, const QByteArray& key, qint64 maxAgeMs)
+{
+    unlock();
+    const QByteArray path = lockPath(ns, key);
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        const int fd = open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        if (fd >= 0) {
+            // Pid, time and a count: a taker that finds these words in the
+            // file knows the lock is still its own, whatever inode it has.
+            const QByteArray text = uniqueSuffix().replace('-', ' ') + '\n';
+            struct stat st;
+            const bool written = ::write(fd, text.constData(), size_t(text.size())) == text.size() && fstat(fd, &st) == 0;
+            close(fd);
+            if (!written) {
+                unlink(path.constData());
+                return false;
+            }
+            m_lockPath = path;
+            m_lockText = text;
+            m_lockDevice = st.st_dev;
+            m_lockInode = st.st_ino;
+            return true;
+        }
+        if (errno == ENOENT) {
+            if (!makeDirs(path.left(path.lastIndexOf('/'))))
+                return false;
+            continue;
+        }
+        if (errno != EEXIST)
+            return false;
+        LockHolder holder;
+        if (!readLockHolder(path, &holder))
+            continue;
+        if (!holderGone(holder.pid) && holder.ageMs < maxAgeMs)
+            return false;
+        // Only the dead lock that was judged goes: if another taker put its
+        // own in place meanwhile, that one stands and this one waits.
+        if (!dropLock(path, holder))
+            return false;
+    }
+    return false;
+}
+
+bool VDiskStorage::lockHolderAlive(const QByteArray& words)
+{
+    return !holderGone(pid_t(strtol(words.constData(), nullptr, 10)));
+}
+
+void VDiskStorage::unlock()
+{
+    if (m_lockPath.isEmpty())
+        return;
+    // A lock taken over by another process, as too old, is that one's now.
+    LockHolder holder;
+    if (readLockHolder(m_lockPath, &holder) && holder.text == m_lockText && holder.status.st_dev == m_lockDevice
+        && holder.status.st_ino == m_lockInode)
+        unlink(m_lockPath.constData());
+    m_lockPath.clear();
 }
 
 bool VDiskStorage::write(const QByteArray& ns, const QByteArray& key, const QByteArray& value, char* outFlag,
@@ -636,6 +772,7 @@ bool VDiskStorage::walk(const QByteArray& dir, bool isRoot, Walk& state)
         struct stat st;
         unsigned char type = entry->d_type;
         const bool temporary = strncmp(name, TempPrefix, strlen(TempPrefix)) == 0;
+        const bool lock = strncmp(name, LockPrefix, strlen(LockPrefix)) == 0;
         if (type == DT_UNKNOWN || temporary) {
             if (lstat(path.constData(), &st) != 0)
                 continue;
@@ -660,6 +797,14 @@ bool VDiskStorage::walk(const QByteArray& dir, bool isRoot, Walk& state)
             const bool writerGone = writer > 0 && kill(writer, 0) != 0 && errno == ESRCH;
             if ((writerGone || state.now - qint64(st.st_mtime) > StaleTempSeconds) && unlink(path.constData()) == 0)
                 --left;
+            continue;
+        }
+        if (lock) {
+            // A page's lock is no record; one whose holder is gone, or that
+            // no page took an hour to build under, goes.
+            LockHolder holder;
+            if (readLockHolder(path, &holder) && (holderGone(holder.pid) || holder.ageMs > StaleTempSeconds * 1000))
+                left -= dropLock(path, holder);
             continue;
         }
         const int fd = open(path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);

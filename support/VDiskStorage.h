@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <sys/types.h>
 
 struct stat;
 
@@ -82,6 +83,24 @@ public:
     // When the record expires: its write time plus its lifetime, or -1.
     long getLastModified(const QByteArray& ns, const QByteArray& key);
 
+    // One page's lock across processes, beside its record, so that one
+    // process builds a missing page while the others wait for it. A lock
+    // whose holder has died, or that is older than `maxAgeMs`, counts for
+    // nothing and is taken over. A store holds one lock at a time.
+    enum class LockState { Free, Held, Stale };
+    // True when this store now holds the page's lock.
+    bool tryLock(const QByteArray& ns, const QByteArray& key, qint64 maxAgeMs);
+    // `holder`, when given, receives the words that tell one taking of the
+    // lock from the next: a waiter sees by them that the lock it waited on
+    // went and another took the page's lock since.
+    LockState lockState(const QByteArray& ns, const QByteArray& key, qint64 maxAgeMs, QByteArray* holder = nullptr);
+    // Gives up the lock this store holds, unless another process has taken
+    // it over meanwhile.
+    void unlock();
+    // Whether the process named by a lock's words (see lockState) lives.
+    static bool lockHolderAlive(const QByteArray& words);
+    QByteArray lockPath(const QByteArray& ns, const QByteArray& key) const;
+
     QByteArray root() const { return m_root; }
     // Where a record lies; exposed for the tests of the format.
     QByteArray recordPath(const QByteArray& ns, const QByteArray& key) const;
@@ -116,4 +135,9 @@ private:
     qint64 m_maxBytes = 0;
     std::function<QByteArray(const QByteArray&)> m_pageOf;
     Cleaning m_cleaning;
+    // The lock file this store created: its path and inode.
+    QByteArray m_lockPath;
+    QByteArray m_lockText;
+    dev_t m_lockDevice = 0;
+    ino_t m_lockInode = 0;
 };

@@ -260,8 +260,6 @@ CacheAnswer lookUp(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
 {
     RequestState& r = requestState;
     const VDebug::StreamId log = moduleState.logStream;
-    if (pageCacheConfig.pulse_enable)
-        PageCachePulse::instance()->addPossible(ruleId, ruleName);
     r.buffering = false;
     QByteArray split;
     if (!faithfulSplitKey(r.rule->d->splitBlock, r.requestUrl, split)) {

@@ -21,6 +21,7 @@ struct PageCacheConfig
     bool pulse_enable;
     bool enable_cli;
     int64_t max_store_size;
+    int64_t lock_timeout;
 };
 
 extern PageCacheConfig pageCacheConfig;

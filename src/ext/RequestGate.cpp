@@ -27,18 +27,24 @@
 #include "host/vesk_host.h"
 
 #include "VDeploymentInfo.h"
+#include "VDiskStorage.h"
 #include "VException.h"
 #include "VFileDate.h"
 #include "VHTMLCache.h"
 #include "VMD5.h"
 
 #include <strings.h>
+#include <time.h>
 
 namespace {
 
 // Pages are kept for URLs of ordinary length; a longer one is no page
 // worth a record, and only a client sending it would ever ask for it.
 const int LongestCachedUri = 8192;
+
+// How often a request waiting for another worker's page looks for it: a
+// failed open and a read of the small lock file each time.
+const long LockPollMs = 15;
 
 // What the gate resets whether or not the request gets further.
 void beginRequest()
@@ -283,6 +289,92 @@ void serve(CacheLookup& lookup)
     vesk_output_write(entry.bodyData(), size_t(entry.bodySize()));
 }
 
+qint64 monotonicMs()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return qint64(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Whether the page appeared, or the lock is this request's now or gone.
+enum class Waited { Page, Build, Wait };
+
+// `awaited` keeps the words of the lock this request waits on. Another
+// lock in its place, while the one who took it lives, means that it went
+// without a page and the next builder took the page's lock before this
+// request looked again; a dead one's lock was taken over, and the new
+// holder's page is worth the wait as well.
+Waited lookAgain(VDiskStorage* store, qint64 limit, QByteArray& awaited)
+{
+    RequestState& r = requestState;
+    QByteArray holder;
+    // The lock first: its holder stores the page before it lets go.
+    const VDiskStorage::LockState state = store->lockState(r.namespaceKey, r.matchKey, limit, &holder);
+    if (VHTMLCache::instance()->entryExists(r.namespaceKey, r.matchKey, false))
+        return Waited::Page;
+    if (state == VDiskStorage::LockState::Free)
+        return Waited::Build;
+    if (state == VDiskStorage::LockState::Stale && store->tryLock(r.namespaceKey, r.matchKey, limit)) {
+        r.holdsPageLock = true;
+        return Waited::Build;
+    }
+    // Words not written yet tell nothing.
+    if (holder.isEmpty() || holder == awaited)
+        return Waited::Wait;
+    if (awaited.isEmpty() || !VDiskStorage::lockHolderAlive(awaited)) {
+        awaited = holder;
+        return Waited::Wait;
+    }
+    return Waited::Build;
+}
+
+// On a miss, one worker builds the page under its lock while the others
+// wait for it, up to vesk_pagecache.lock_timeout milliseconds: a page that
+// appears is answered as a hit; a lock let go without a page (the page was
+// refused) leaves each to build its own; past the limit the script runs
+// uncaptured. A dead or old lock is taken over.
+CacheAnswer awaitPage(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
+{
+    RequestState& r = requestState;
+    VDiskStorage* store = VHTMLCache::instance()->store();
+    const qint64 limit = pageCacheConfig.lock_timeout;
+    if (!store)
+        return CacheAnswer::Miss;
+    if (store->tryLock(r.namespaceKey, r.matchKey, limit)) {
+        r.holdsPageLock = true;
+        return CacheAnswer::Miss;
+    }
+    VLOG(moduleState.logStream, 3) << "Waiting for another worker to store" << r.requestUrl;
+    const qint64 deadline = monotonicMs() + limit;
+    QByteArray awaited;
+    while (monotonicMs() < deadline) {
+        const struct timespec pause = {0, LockPollMs * 1000000};
+        nanosleep(&pause, nullptr);
+        switch (lookAgain(store, limit, awaited)) {
+        case Waited::Page:
+            lookup = CacheLookup();
+            return lookUp(lookup, ruleName, ruleId);
+        case Waited::Build:
+            return CacheAnswer::Miss;
+        case Waited::Wait:
+            break;
+        }
+    }
+    VLOG(moduleState.logStream, 3) << "No page stored within the lock timeout for" << r.requestUrl;
+    notePass("lock timeout");
+    return CacheAnswer::Pass;
+}
+
+void giveUpPageLock()
+{
+    RequestState& r = requestState;
+    if (!r.holdsPageLock)
+        return;
+    r.holdsPageLock = false;
+    if (VDiskStorage* store = VHTMLCache::instance()->store())
+        store->unlock();
+}
+
 // Acts on the stored page's answer. True when the request is answered (a
 // page, a 304 or a 412) and the script must not run on. Every value it
 // made is gone when it returns, so the caller may unwind the script
@@ -290,7 +382,12 @@ void serve(CacheLookup& lookup)
 bool answerFromCache(const QString& ruleName, qint64 ruleId)
 {
     CacheLookup lookup;
-    switch (lookUp(lookup, ruleName, ruleId)) {
+    if (pageCacheConfig.pulse_enable)
+        PageCachePulse::instance()->addPossible(ruleId, ruleName);
+    CacheAnswer answer = lookUp(lookup, ruleName, ruleId);
+    if (answer == CacheAnswer::Miss && pageCacheConfig.lock_timeout > 0)
+        answer = awaitPage(lookup, ruleName, ruleId);
+    switch (answer) {
     case CacheAnswer::Pass:
         sayPass();
         return false;
@@ -361,6 +458,8 @@ int requestShutdown()
     RequestState& r = requestState;
     if (r.captureEndedByScript)
         finishEndedCapture();
+    // Stored or not, the others waiting for the page go on now.
+    giveUpPageLock();
     // The engine has ended its output stack by now, unless a failed store
     // left ours standing; ending an empty stack would only raise a notice.
     if (r.buffering && vesk_output_get_level() > 0)

@@ -53,6 +53,9 @@ struct RequestState
     // The script ended the capture's level with a flush; the page is
     // stored at request end if nothing followed it.
     bool captureEndedByScript = false;
+    // This request builds its page under the page's lock in the store,
+    // which request end gives up, stored or not.
+    bool holdsPageLock = false;
     // The client has been told what became of the request, and why not
     // stored when it wasn't; the line being told is not the page's.
     bool verdictSaid = false;

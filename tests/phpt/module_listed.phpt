@@ -1,5 +1,5 @@
 --TEST--
-The extension is a PHP module and an engine extension, with its fourteen directives
+The extension is a PHP module and an engine extension, with its fifteen directives
 --INI--
 vesk.httpd_uid=0
 vesk.log_dir=${VESK_TEST_DIR}/log
@@ -24,6 +24,7 @@ vesk_pagecache.dir_depth=2
 vesk_pagecache.enable=1
 vesk_pagecache.enable_cli=0
 vesk_pagecache.enable_qa_info=0
+vesk_pagecache.lock_timeout=2000
 vesk_pagecache.log_rotation_size=10
 vesk_pagecache.log_verbosity_level=2
 vesk_pagecache.max_cached_rules=100

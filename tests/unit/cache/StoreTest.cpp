@@ -501,3 +501,80 @@ TEST_F(StoreTest, EmptyDirectoriesGoAtTheNextCleaning)
     ASSERT_TRUE(put("gone", "1", "again"));
     EXPECT_EQ(QByteArray("again"), get("gone", "1"));
 }
+
+class StoreLockTest : public StoreTest
+{
+protected:
+    std::unique_ptr<VDiskStorage> other()
+    {
+        return std::unique_ptr<VDiskStorage>(
+            new VDiskStorage(VDiskStorage::VDiskStorageInit(2, root(), 1, "HTML-Cache", false), &env));
+    }
+    // A lock taken by a process that has exited since. (A process that took
+    // none and exits gives up none; its store is never destroyed.)
+    void lockByDeadProcess(const QByteArray& ns, const QByteArray& key)
+    {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0)
+            _exit(other().release()->tryLock(ns, key, 1000) ? 0 : 1);
+        int status = 0;
+        ASSERT_EQ(child, waitpid(child, &status, 0));
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+};
+
+TEST_F(StoreLockTest, TakenOnceRefusedToOthersUntilReleased)
+{
+    std::unique_ptr<VDiskStorage> second = other();
+    EXPECT_EQ(VDiskStorage::LockState::Free, second->lockState("ns", "k", 1000));
+    ASSERT_TRUE(store->tryLock("ns", "k", 1000));
+    EXPECT_FALSE(second->tryLock("ns", "k", 1000));
+    EXPECT_EQ(VDiskStorage::LockState::Held, second->lockState("ns", "k", 1000));
+    // Another page's lock is its own.
+    EXPECT_TRUE(second->tryLock("ns", "k2", 1000));
+    store->unlock();
+    EXPECT_EQ(VDiskStorage::LockState::Free, second->lockState("ns", "k", 1000));
+    EXPECT_TRUE(second->tryLock("ns", "k", 1000));
+}
+
+TEST_F(StoreLockTest, ALockOfADeadProcessIsTakenOver)
+{
+    lockByDeadProcess("ns", "k");
+    QByteArray dead;
+    EXPECT_EQ(VDiskStorage::LockState::Stale, store->lockState("ns", "k", 60000, &dead));
+    EXPECT_FALSE(VDiskStorage::lockHolderAlive(dead));
+    EXPECT_TRUE(store->tryLock("ns", "k", 60000));
+    QByteArray live;
+    EXPECT_EQ(VDiskStorage::LockState::Held, other()->lockState("ns", "k", 60000, &live));
+    EXPECT_TRUE(VDiskStorage::lockHolderAlive(live));
+    EXPECT_NE(dead, live);
+}
+
+TEST_F(StoreLockTest, ALockOlderThanTheLimitIsTakenOverAndItsFirstHolderLeavesItAlone)
+{
+    ASSERT_TRUE(store->tryLock("ns", "k", 1000));
+    std::unique_ptr<VDiskStorage> second = other();
+    EXPECT_FALSE(second->tryLock("ns", "k", 1000));
+    const struct timespec old[2] = {{time(nullptr) - 5, 0}, {time(nullptr) - 5, 0}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, store->lockPath("ns", "k").constData(), old, 0));
+    EXPECT_EQ(VDiskStorage::LockState::Stale, second->lockState("ns", "k", 1000));
+    EXPECT_EQ(VDiskStorage::LockState::Held, second->lockState("ns", "k", 10000));
+    EXPECT_TRUE(second->tryLock("ns", "k", 1000));
+    store->unlock();
+    EXPECT_EQ(VDiskStorage::LockState::Held, other()->lockState("ns", "k", 1000));
+}
+
+TEST_F(StoreLockTest, TheCleanerKeepsLiveLocksAndRemovesDeadOnesButNoRecord)
+{
+    ASSERT_TRUE(put("ns", "live", "page"));
+    ASSERT_TRUE(store->tryLock("ns", "live", 1000));
+    lockByDeadProcess("ns", "dead");
+    EXPECT_EQ(2, countFiles(".lock-*"));
+    std::unique_ptr<VDiskStorage> cleaner = other();
+    EXPECT_TRUE(cleaner->cleanExpired());
+    EXPECT_EQ(0, cleaner->lastCleaning().expired);
+    EXPECT_TRUE(QFile::exists(QString::fromLocal8Bit(store->lockPath("ns", "live"))));
+    EXPECT_FALSE(QFile::exists(QString::fromLocal8Bit(store->lockPath("ns", "dead"))));
+    EXPECT_EQ(QByteArray("page"), get("ns", "live"));
+}

@@ -1,0 +1,139 @@
+"""Many clients asking at once for a page that isn't stored: one php-fpm
+worker builds it under the page's lock in the store, and the others wait
+for it, at most vesk_pagecache.lock_timeout milliseconds, then serve it as
+a hit. A page that isn't stored, or a builder that dies, lets the others
+go on at once."""
+import glob
+import os
+import signal
+import threading
+import time
+import unittest
+
+import harness
+
+RULES = harness.rules_file(harness.url_rule("slow\\.php"), '<response_rule app_id="-1" response_codes="200"/>')
+# Slow to build; says how long it waited before it ran, which the engine
+# counts from the moment it took the request.
+SLOW = """<?php
+require __DIR__ . '/_record.php';
+header(sprintf('X-Waited: %.3f', microtime(true) - $_SERVER['REQUEST_TIME_FLOAT']));
+usleep((int)($_GET['ms'] ?? 500) * 1000);
+http_response_code((int)($_GET['code'] ?? 200));
+echo str_pad('<p>slow ' . microtime(true) . '</p>', 3000, '.');
+"""
+CLIENTS = 16
+LIMIT_MS = 2000
+
+
+def whole(body):
+    return len(body) == 3000 and body.startswith(b"<p>slow ") and body.endswith(b".")
+
+
+class Stampede(harness.Case):
+    def start(self, **directives):
+        self.use_site(RULES)
+        with open(os.path.join(self.site, "slow.php"), "w") as f:
+            f.write(SLOW)
+        return self.serve("php-fpm", self.directives(vesk_pagecache__enable_qa_info="1", **directives), workers=4)
+
+    def burst(self, port, path, during=None):
+        """CLIENTS requests for `path` at once: each one's status, headers and
+        body (None when the connection failed), and its time in seconds."""
+        results = [None] * CLIENTS
+        gate = threading.Barrier(CLIENTS)
+
+        def client(i):
+            gate.wait()
+            began = time.monotonic()
+            try:
+                answer = harness.http_get(port, path)
+            except OSError:
+                answer = None
+            results[i] = (answer, time.monotonic() - began)
+
+        threads = [threading.Thread(target=client, args=(i,)) for i in range(CLIENTS)]
+        for thread in threads:
+            thread.start()
+        if during:
+            during()
+        for thread in threads:
+            thread.join(30)
+        self.assertTrue(all(result for result in results), "a client hung")
+        return results
+
+    def locks(self):
+        store = self.workspace.path("tmp", "pagecache", "HTML-Cache")
+        return glob.glob(os.path.join(store, "**", ".lock-*"), recursive=True)
+
+    def assertNoneWaitedTheLimit(self, results):
+        # Every request gives up its lock when it ends, stored or not.
+        self.wait_until(lambda: not self.locks(), 1, "a lock outlived its request")
+        for answer, _ in results:
+            if answer:
+                self.assertNotIn("lock timeout", answer[1].get("x-pagecache", ""))
+                # Whoever ran the script waited for no more than another's run.
+                self.assertLess(float(answer[1].get("x-waited", "0")), LIMIT_MS / 1000 * 0.75, answer[1])
+
+    def test_a_missing_page_is_built_once_and_every_client_gets_it(self):
+        port = self.start().port
+        results = self.burst(port, "/slow.php")
+        bodies = set()
+        for (status, headers, body), _ in results:
+            self.assertEqual(200, status)
+            self.assertTrue(whole(body), body[:60])
+            bodies.add(body)
+        self.assertEqual(1, len(bodies))
+        self.assertEqual(1, self.runs("slow.php"))
+        self.assertNoneWaitedTheLimit(results)
+
+    def test_without_the_lock_several_workers_build_it(self):
+        port = self.start(vesk_pagecache__lock_timeout="0").port
+        results = self.burst(port, "/slow.php")
+        self.assertTrue(all(answer[0] == 200 and whole(answer[2]) for answer, _ in results))
+        self.assertGreater(self.runs("slow.php"), 1)
+
+    def test_a_refused_page_holds_no_client(self):
+        port = self.start().port
+        results = self.burst(port, "/slow.php?code=500")
+        for (status, headers, body), _ in results:
+            self.assertEqual(500, status)
+            self.assertTrue(whole(body))
+        self.assertNoneWaitedTheLimit(results)
+
+    def test_a_killed_builder_holds_no_client(self):
+        server = self.start()
+        killed = []
+
+        def kill_the_builder():
+            deadline = time.monotonic() + 5
+            while not killed and time.monotonic() < deadline:
+                # Once it runs the script, sleeping in it.
+                if not self.runs("slow.php"):
+                    time.sleep(0.01)
+                    continue
+                for path in self.locks():
+                    try:
+                        with open(path) as f:
+                            pid = int(f.read().split()[0])
+                    except (OSError, ValueError, IndexError):
+                        continue
+                    if pid in server.worker_pids():
+                        os.kill(pid, signal.SIGKILL)
+                        killed.append(pid)
+                        return
+                time.sleep(0.01)
+
+        results = self.burst(server.port, "/slow.php?ms=800", during=kill_the_builder)
+        self.assertEqual(1, len(killed), "no builder was seen")
+        answered = [answer for answer, _ in results if answer and answer[0] != 502]
+        self.assertEqual(CLIENTS - 1, len(answered))
+        self.assertTrue(all(status == 200 and whole(body) for status, _, body in answered))
+        self.assertEqual(1, len({body for _, _, body in answered}))
+        # The killed run and the one that took over from it.
+        self.assertEqual(2, self.runs("slow.php"))
+        self.assertNoneWaitedTheLimit(results)
+
+
+if __name__ == "__main__":
+    unittest.main()
