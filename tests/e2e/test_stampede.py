@@ -12,7 +12,9 @@ import unittest
 
 import harness
 
-RULES = harness.rules_file(harness.url_rule("slow\\.php"), '<response_rule app_id="-1" response_codes="200"/>')
+LIFETIME = 2
+RULES = harness.rules_file(harness.url_rule("slow\\.php", lifetime=str(LIFETIME)),
+                           '<response_rule app_id="-1" response_codes="200"/>')
 # Slow to build; says how long it waited before it ran, which the engine
 # counts from the moment it took the request.
 SLOW = """<?php
@@ -20,6 +22,9 @@ require __DIR__ . '/_record.php';
 header(sprintf('X-Waited: %.3f', microtime(true) - $_SERVER['REQUEST_TIME_FLOAT']));
 usleep((int)($_GET['ms'] ?? 500) * 1000);
 http_response_code((int)($_GET['code'] ?? 200));
+if (isset($_GET['fatal'])) {
+    no_such_function();
+}
 echo str_pad('<p>slow ' . microtime(true) . '</p>', 3000, '.');
 """
 CLIENTS = 16
@@ -75,17 +80,22 @@ class Stampede(harness.Case):
                 # Whoever ran the script waited for no more than another's run.
                 self.assertLess(float(answer[1].get("x-waited", "0")), LIMIT_MS / 1000 * 0.75, answer[1])
 
-    def test_a_missing_page_is_built_once_and_every_client_gets_it(self):
-        port = self.start().port
-        results = self.burst(port, "/slow.php")
+    def assertOnePageForAll(self, results):
         bodies = set()
         for (status, headers, body), _ in results:
             self.assertEqual(200, status)
             self.assertTrue(whole(body), body[:60])
             bodies.add(body)
         self.assertEqual(1, len(bodies))
-        self.assertEqual(1, self.runs("slow.php"))
         self.assertNoneWaitedTheLimit(results)
+
+    def test_a_missing_or_expired_page_is_built_once_and_every_client_gets_it(self):
+        port = self.start().port
+        self.assertOnePageForAll(self.burst(port, "/slow.php"))
+        self.assertEqual(1, self.runs("slow.php"))
+        time.sleep(LIFETIME + 0.5)
+        self.assertOnePageForAll(self.burst(port, "/slow.php"))
+        self.assertEqual(2, self.runs("slow.php"))
 
     def test_without_the_lock_several_workers_build_it(self):
         port = self.start(vesk_pagecache__lock_timeout="0").port
@@ -93,13 +103,15 @@ class Stampede(harness.Case):
         self.assertTrue(all(answer[0] == 200 and whole(answer[2]) for answer, _ in results))
         self.assertGreater(self.runs("slow.php"), 1)
 
-    def test_a_refused_page_holds_no_client(self):
+    def test_a_refused_page_or_a_fatal_error_holds_no_client(self):
         port = self.start().port
-        results = self.burst(port, "/slow.php?code=500")
-        for (status, headers, body), _ in results:
-            self.assertEqual(500, status)
-            self.assertTrue(whole(body))
-        self.assertNoneWaitedTheLimit(results)
+        for path, reason in (("/slow.php?code=500", "status rule"), ("/slow.php?fatal=1", "fatal error")):
+            with self.subTest(path=path):
+                results = self.burst(port, path)
+                for (status, headers, body), _ in results:
+                    self.assertEqual(500, status)
+                    self.assertEqual("pass (%s)" % reason, headers.get("x-pagecache"))
+                self.assertNoneWaitedTheLimit(results)
 
     def test_a_killed_builder_holds_no_client(self):
         server = self.start()
