@@ -188,18 +188,14 @@ def _wait_for_port(port, process, seconds, what):
 
 
 def _terminate(process):
-    """Stops a process started in a session of its own, with its group."""
-    if process.poll() is None:
-        os.killpg(process.pid, signal.SIGTERM)
-        try:
-            process.wait(timeout=10)
-        except subprocess.TimeoutExpired:
-            os.killpg(process.pid, signal.SIGKILL)
-            process.wait(timeout=10)
+    """Stops a process started in a session of its own, with its group: its
+    workers too when a test has killed the leader already."""
+    _terminate_group(process.pid)
+    process.wait(timeout=10)
 
 
 def _terminate_group(leader):
-    """Stops the process group of `leader`, a process that isn't our child."""
+    """Stops the process group of `leader` and waits until none of it runs."""
     for sig in (signal.SIGTERM, signal.SIGKILL):
         try:
             os.killpg(leader, sig)
