@@ -41,6 +41,14 @@ public:
     QList<ConditionsBlock> conditionBlocks;
     ConditionsBlock splitBlock;
     quint32 lifetime = 0;
+    // Seconds after it expires that a page is still served, while the one
+    // worker holding its lock rebuilds it.
+    quint32 grace = 0;
+    // How long the store keeps a page: its lifetime and its grace.
+    quint32 storedLifetime() const { return lifetime == 0 ? 0 : lifetime + grace; }
+    // Whether a page the store keeps until `keptUntil` is past its own
+    // lifetime, in its grace.
+    bool staleAt(qint64 keptUntil, qint64 now) const { return lifetime > 0 && grace > 0 && now >= keptUntil - grace; }
     bool initialised = false;
     bool dontCache = false;
     bool conditionsNeedSession = false;

@@ -12,6 +12,7 @@
 
 #include "CacheRule.h"
 #include "PageCachePurgeRules.h"
+#include "VDiskStorage.h"
 #include "VHTMLCache.h"
 #include "VHeaderLines.h"
 #include "VMD5.h"
@@ -112,7 +113,7 @@ int conditionalStatus(CacheEntry& entry)
     }
     reference.setTimeSpec(Qt::UTC);
     const RequestState& r = requestState;
-    const qint64 lifetime = r.rule->d->lifetime;
+    const qint64 lifetime = r.rule->d->storedLifetime();
     VHTMLCache* cache = VHTMLCache::instance();
     const qint64 expires = cache->entryLastModified(r.namespaceKey, r.matchKey);
     // The store answers 0 for a page it doesn't hold; that is no date to
@@ -254,6 +255,28 @@ int readServedCopy(CacheEntry& entry, qint64 ruleId, const QString& ruleName)
     return 0;
 }
 
+// A page past its lifetime but in its grace is rebuilt by the one worker
+// that takes its lock; every other request is served the stale copy at
+// once. Without the lock nothing tells one rebuilder from the next, so a
+// stale page is rebuilt by each request, as an expired one.
+bool rebuildsStalePage()
+{
+    RequestState& r = requestState;
+    VHTMLCache* cache = VHTMLCache::instance();
+    const qint64 keptUntil = cache->entryLastModified(r.namespaceKey, r.matchKey);
+    if (keptUntil == 0 || !r.rule->d->staleAt(keptUntil, QDateTime::currentSecsSinceEpoch()))
+        return false;
+    const qint64 limit = pageCacheConfig.lock_timeout;
+    VDiskStorage* store = cache->store();
+    if (limit <= 0 || !store)
+        return true;
+    if (!store->tryLock(r.namespaceKey, r.matchKey, limit))
+        return false;
+    VLOG(moduleState.logStream, 3) << "Rebuilding the stale page of" << r.requestUrl;
+    r.holdsPageLock = true;
+    return true;
+}
+
 } // namespace
 
 CacheAnswer lookUp(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
@@ -272,6 +295,8 @@ CacheAnswer lookUp(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
     const bool usable = pageUsable(status, lookup.conditional);
     r.compressionAllowed = r.compressionAllowed && pageCacheConfig.compression_enable && r.rule->d->compress;
     if (!usable || !VHTMLCache::instance()->entryExists(r.namespaceKey, r.matchKey, false))
+        return CacheAnswer::Miss;
+    if (!r.holdsPageLock && rebuildsStalePage())
         return CacheAnswer::Miss;
     VLOG(log, 3) << "Cache entry found for url:" << r.requestUrl << ", rule name:" << ruleName
                  << ", specific match key:" << r.matchKey;

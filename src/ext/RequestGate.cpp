@@ -385,7 +385,7 @@ bool answerFromCache(const QString& ruleName, qint64 ruleId)
     if (pageCacheConfig.pulse_enable)
         PageCachePulse::instance()->addPossible(ruleId, ruleName);
     CacheAnswer answer = lookUp(lookup, ruleName, ruleId);
-    if (answer == CacheAnswer::Miss && pageCacheConfig.lock_timeout > 0)
+    if (answer == CacheAnswer::Miss && pageCacheConfig.lock_timeout > 0 && !requestState.holdsPageLock)
         answer = awaitPage(lookup, ruleName, ruleId);
     switch (answer) {
     case CacheAnswer::Pass:

@@ -2,19 +2,23 @@
 worker builds it under the page's lock in the store, and the others wait
 for it, at most vesk_pagecache.lock_timeout milliseconds, then serve it as
 a hit. A page that isn't stored, or a builder that dies, lets the others
-go on at once."""
+go on at once. A page expired within its rule's grace is served as it is
+while the one worker holding its lock rebuilds it."""
 import glob
 import os
 import signal
 import threading
 import time
 import unittest
+import zlib
 
 import harness
 
 LIFETIME = 2
 RULES = harness.rules_file(harness.url_rule("slow\\.php", lifetime=str(LIFETIME)),
                            '<response_rule app_id="-1" response_codes="200"/>')
+GRACED = harness.rules_file(harness.url_rule("slow\\.php", lifetime="1", grace="30"),
+                            '<response_rule app_id="-1" response_codes="200"/>')
 # Slow to build; says how long it waited before it ran, which the engine
 # counts from the moment it took the request.
 SLOW = """<?php
@@ -36,8 +40,8 @@ def whole(body):
 
 
 class Stampede(harness.Case):
-    def start(self, **directives):
-        self.use_site(RULES)
+    def start(self, rules=RULES, **directives):
+        self.use_site(rules)
         with open(os.path.join(self.site, "slow.php"), "w") as f:
             f.write(SLOW)
         return self.serve("php-fpm", self.directives(vesk_pagecache__enable_qa_info="1", **directives), workers=4)
@@ -95,6 +99,44 @@ class Stampede(harness.Case):
         self.assertEqual(1, self.runs("slow.php"))
         time.sleep(LIFETIME + 0.5)
         self.assertOnePageForAll(self.burst(port, "/slow.php"))
+        self.assertEqual(2, self.runs("slow.php"))
+
+    def test_an_expired_page_in_its_grace_is_served_at_once_while_one_worker_rebuilds_it(self):
+        port = self.start(GRACED).port
+        status, _, first = harness.http_get(port, "/slow.php")
+        self.assertEqual(200, status)
+        time.sleep(1.5)
+        results = self.burst(port, "/slow.php")
+        bodies = [answer[2] for answer, _ in results]
+        self.assertTrue(all(answer[0] == 200 and whole(answer[2]) for answer, _ in results))
+        # The builder's own client gets the new page; the others the stale
+        # one, without waiting for the build.
+        rebuilt = [body for body in bodies if body != first]
+        self.assertEqual(1, len(rebuilt))
+        for (_, headers, body), seconds in results:
+            if body == first:
+                self.assertEqual("hit", headers.get("x-pagecache"))
+                self.assertLess(seconds, 0.4)
+        self.assertEqual(2, self.runs("slow.php"))
+        self.wait_until(lambda: not self.locks(), 1, "a lock outlived its request")
+        status, headers, body = harness.http_get(port, "/slow.php")
+        self.assertEqual((200, "hit", rebuilt[0]), (status, headers.get("x-pagecache"), body))
+        self.assertEqual(2, self.runs("slow.php"))
+
+    def test_a_stale_page_answers_conditional_and_gzip_requests_while_rebuilt(self):
+        port = self.start(GRACED).port
+        _, headers, first = harness.http_get(port, "/slow.php?ms=1500")
+        time.sleep(1.5)
+        builder = threading.Thread(target=harness.http_get, args=(port, "/slow.php?ms=1500"))
+        builder.start()
+        self.wait_until(lambda: self.runs("slow.php") == 2, 1, "the stale page was not rebuilt")
+        conditional = {"If-Modified-Since": headers["last-modified"]}
+        status, answer, _ = harness.http_get(port, "/slow.php?ms=1500", conditional)
+        self.assertEqual((304, "hit"), (status, answer.get("x-pagecache")))
+        status, answer, body = harness.http_get(port, "/slow.php?ms=1500", {"Accept-Encoding": "gzip"})
+        self.assertEqual((200, "hit", "1"), (status, answer.get("x-pagecache"), answer.get("x-pagecache-compression")))
+        self.assertEqual(first, zlib.decompress(body, 16 + zlib.MAX_WBITS))
+        builder.join(10)
         self.assertEqual(2, self.runs("slow.php"))
 
     def test_without_the_lock_several_workers_build_it(self):

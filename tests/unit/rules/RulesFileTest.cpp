@@ -20,14 +20,15 @@ QByteArray parseError(const QByteArray& xml)
 TEST_F(RulesFixture, AttributeDefaults)
 {
     ParsedRules rules(rulesXml(R"(
-      <url schema="http" host="h" path="a" compress="no" enable="FALSE" app_id="" lifetime="x" id="4294967295"/>
-      <url schema="http" host="h" path="b" compress="0" enable="false" app_id="abc" lifetime="60" id="7" priority="5"/>
+      <url schema="http" host="h" path="a" compress="no" enable="FALSE" app_id="" lifetime="x" id="4294967295" grace="-1"/>
+      <url schema="http" host="h" path="b" compress="0" enable="false" app_id="abc" lifetime="60" id="7" priority="5" grace="30"/>
       <url schema="http" host="h" path="c" compress="false" enable="0" app_id="12" priority="zz"/>)"));
     const CacheRule a = rules.rule("http://h/a");
     EXPECT_TRUE(a.d->compress);
     EXPECT_TRUE(a.d->enable);
     EXPECT_EQ(-1, a.d->appId);
     EXPECT_EQ(0u, a.d->lifetime);
+    EXPECT_EQ(0u, a.d->grace);
     EXPECT_EQ(-1, a.id); // widened with its sign
     EXPECT_EQ(0, a.priority);
     EXPECT_TRUE(a.d->initialised);
@@ -36,6 +37,7 @@ TEST_F(RulesFixture, AttributeDefaults)
     EXPECT_FALSE(b.d->enable);
     EXPECT_EQ(0, b.d->appId);
     EXPECT_EQ(60u, b.d->lifetime);
+    EXPECT_EQ(30u, b.d->grace);
     EXPECT_EQ(7, b.id);
     EXPECT_EQ(5, b.priority);
     const CacheRule c = rules.rule("http://h/c");
@@ -43,6 +45,30 @@ TEST_F(RulesFixture, AttributeDefaults)
     EXPECT_FALSE(c.d->enable);
     EXPECT_EQ(12, c.d->appId);
     EXPECT_EQ(0, c.priority);
+    EXPECT_EQ(0u, c.d->grace);
+}
+
+// The store keeps a page for its grace past its lifetime; within it the
+// page is stale. Without grace the record is kept exactly as long as before.
+TEST(Grace, StoredLifetimeAndStaleness)
+{
+    CacheRuleData plain;
+    plain.lifetime = 60;
+    EXPECT_EQ(60u, plain.storedLifetime());
+    EXPECT_FALSE(plain.staleAt(1060, 1059));
+    EXPECT_FALSE(plain.staleAt(1060, 1060));
+    CacheRuleData graced;
+    graced.lifetime = 60;
+    graced.grace = 30;
+    EXPECT_EQ(90u, graced.storedLifetime());
+    // Written at 1000: fresh until 1060, stale from then until 1090.
+    EXPECT_FALSE(graced.staleAt(1090, 1059));
+    EXPECT_TRUE(graced.staleAt(1090, 1060));
+    EXPECT_TRUE(graced.staleAt(1090, 1089));
+    CacheRuleData forever;
+    forever.grace = 30;
+    EXPECT_EQ(0u, forever.storedLifetime());
+    EXPECT_FALSE(forever.staleAt(0, 5000));
 }
 
 TEST_F(RulesFixture, HostAndPathRewriting)
@@ -237,6 +263,13 @@ TEST_F(LoadTest, RecipesLoadWithoutWarnings)
         EXPECT_EQ(1, VHTMLCache::instance()->rules().size()) << name.toStdString();
         EXPECT_FALSE(log().contains("WARNING]")) << name.toStdString() << "\n" << log().constData();
     }
+}
+
+TEST_F(LoadTest, SchemaTakesGrace)
+{
+    ASSERT_TRUE(load(write(rulesXml(R"(<url schema="http" host="h" path="p" lifetime="1" grace="30"/>)"))))
+        << VHTMLCache::instance()->lastError().toStdString();
+    EXPECT_EQ(30u, VHTMLCache::instance()->rules().first().d->grace);
 }
 
 TEST_F(LoadTest, MissingSchema)
