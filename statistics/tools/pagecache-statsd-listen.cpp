@@ -7,6 +7,7 @@
 // vesk.statsd_connection_string. With --exit-after the tool ends after N
 // messages; SIGINT or SIGTERM end it at any time.
 
+#include "StatsTable.h"
 #include "VException.h"
 #include "VPageCacheStatsMessage.h"
 #include "VSocket.h"
@@ -28,28 +29,10 @@ void stop(int)
     stopping = 1;
 }
 
-struct RuleFigures
+// Clears the terminal and redraws the table from the top.
+void printTable(const StatsTable& table)
 {
-    QByteArray name;
-    qint64 possible = 0;
-    qint64 hits = 0;
-    qint64 misses = 0;
-    qint64 timeSavedMs = 0;
-};
-
-void printTable(const QMap<QPair<qint64, qint32>, RuleFigures>& rules)
-{
-    // Clears the terminal and redraws from the top.
-    printf("\033[H\033[2J%-8s %-6s %-30s %10s %10s %10s %8s %14s\n", "rule", "app", "name", "possible", "hits",
-           "misses", "ratio", "saved (ms)");
-    for (auto it = rules.cbegin(); it != rules.cend(); ++it) {
-        const RuleFigures& r = it.value();
-        const qint64 answered = r.hits + r.misses;
-        printf("%-8lld %-6d %-30.30s %10lld %10lld %10lld %7.1f%% %14lld\n", (long long)it.key().first,
-               it.key().second, r.name.constData(), (long long)r.possible, (long long)r.hits,
-               (long long)r.misses, answered ? 100.0 * double(r.hits) / double(answered) : 0.0,
-               (long long)r.timeSavedMs);
-    }
+    printf("\033[H\033[2J%s", table.text().constData());
     fflush(stdout);
 }
 
@@ -85,7 +68,7 @@ int main(int argc, char** argv)
     try {
         VSocketServer server(connection);
         fprintf(stderr, "listening on %s\n", connection.toLocal8Bit().constData());
-        QMap<QPair<qint64, qint32>, RuleFigures> rules;
+        StatsTable rules;
         long received = 0;
         while (!stopping && (exitAfter < 0 || received < exitAfter)) {
             for (const QByteArray& payload : server.poll(500)) {
@@ -111,22 +94,7 @@ int main(int argc, char** argv)
                     fflush(stdout);
                     continue;
                 }
-                RuleFigures& figures = rules[qMakePair(message.ruleId, message.appId)];
-                figures.name = message.ruleName;
-                switch (message.counterType) {
-                case VPageCacheStatsMessage::Possible:
-                    figures.possible += message.counterValue;
-                    break;
-                case VPageCacheStatsMessage::Hit:
-                    figures.hits += message.counterValue;
-                    break;
-                case VPageCacheStatsMessage::Miss:
-                    figures.misses += message.counterValue;
-                    break;
-                case VPageCacheStatsMessage::TimeSaved:
-                    figures.timeSavedMs += message.counterValue;
-                    break;
-                }
+                rules.add(message);
             }
             if (table)
                 printTable(rules);
