@@ -96,6 +96,22 @@ void PageCachePulse::addTimeSaved(qint64 ruleId, const QString& ruleName, const 
     add(VPageCacheStatsMessage::TimeSaved, stopwatch.elapsed() / 1000, ruleId, ruleName, key, true);
 }
 
+void PageCachePulse::addStale(qint64 ruleId, const QString& ruleName, const QString& key)
+{
+    if (!pulseInitialized)
+        return;
+    VLOG(log(), 5) << "Adding PageCache-Stale message";
+    add(VPageCacheStatsMessage::Stale, 1, ruleId, ruleName, key, true);
+}
+
+void PageCachePulse::addWait(qint64 ruleId, const QString& ruleName, qint64 waitedMs)
+{
+    if (!pulseInitialized)
+        return;
+    VLOG(log(), 5) << "Adding PageCache-Wait message:" << waitedMs << "ms";
+    add(VPageCacheStatsMessage::Wait, waitedMs, ruleId, ruleName, QString(), true);
+}
+
 void PageCachePulse::clear()
 {
     if (!pulseInitialized)

@@ -43,6 +43,10 @@ public:
     void addHit(qint64 ruleId, const QString& ruleName, const QString& key);
     void addMiss(qint64 ruleId, const QString& ruleName);
     void addTimeSaved(qint64 ruleId, const QString& ruleName, const QString& key);
+    // Beside addHit, for a page served past its lifetime within its grace.
+    void addStale(qint64 ruleId, const QString& ruleName, const QString& key);
+    // The time a request waited for another worker to build its page.
+    void addWait(qint64 ruleId, const QString& ruleName, qint64 waitedMs);
     void clear();
     // Sends what the request gathered, unless it came in on an internal port.
     void sendMessages(bool internalRequest, const char* currentUrl);

@@ -40,6 +40,13 @@ void StatsTable::add(const VPageCacheStatsMessage& message)
     case VPageCacheStatsMessage::TimeSaved:
         figures.timeSavedMs += message.counterValue;
         break;
+    case VPageCacheStatsMessage::Stale:
+        figures.staleHits += message.counterValue;
+        break;
+    case VPageCacheStatsMessage::Wait:
+        figures.waits += 1;
+        figures.waitedMs += message.counterValue;
+        break;
     }
 }
 
@@ -63,14 +70,15 @@ bool StatsTable::addFrame(const QByteArray& payload)
 QByteArray StatsTable::text() const
 {
     QByteArray out = QByteArray("rule      app     name                                possible       hits     "
-                                "misses    ratio   saved (ms)\n");
+                                "misses    ratio   saved (ms)      stale      waits\n");
     for (auto it = m_rules.cbegin(); it != m_rules.cend(); ++it) {
         const Figures& f = it.value();
-        out += QString::asprintf("%-9lld %-7d %-30.30s %11lld %10lld %10lld %7.1f%% %12lld\n",
+        out += QString::asprintf("%-9lld %-7d %-30.30s %11lld %10lld %10lld %7.1f%% %12lld %10lld %10lld\n",
                                  static_cast<long long>(it.key().first), it.key().second, f.name.constData(),
                                  static_cast<long long>(f.possible), static_cast<long long>(f.hits),
                                  static_cast<long long>(f.misses), 100.0 * f.hitRatio(),
-                                 static_cast<long long>(f.timeSavedMs))
+                                 static_cast<long long>(f.timeSavedMs), static_cast<long long>(f.staleHits),
+                                 static_cast<long long>(f.waits))
                    .toUtf8();
     }
     return out;
@@ -90,15 +98,19 @@ QByteArray StatsTable::prometheus() const
         {"vesk_pagecache_misses_total", "counter", "Pages built by the script."},
         {"vesk_pagecache_hit_ratio", "gauge", "Hits among hits and misses."},
         {"vesk_pagecache_time_saved_seconds_total", "counter", "Build time the hits saved."},
+        {"vesk_pagecache_stale_hits_total", "counter", "Hits served past their lifetime, in grace."},
+        {"vesk_pagecache_lock_waits_total", "counter", "Requests that waited for another worker's build."},
+        {"vesk_pagecache_lock_wait_seconds_total", "counter", "Time those requests waited."},
     };
     QByteArray out;
-    for (int m = 0; m < 5; ++m) {
+    for (size_t m = 0; m < sizeof metrics / sizeof metrics[0]; ++m) {
         out += QByteArray("# HELP ") + metrics[m].name + ' ' + metrics[m].help + '\n';
         out += QByteArray("# TYPE ") + metrics[m].name + ' ' + metrics[m].type + '\n';
         for (auto it = m_rules.cbegin(); it != m_rules.cend(); ++it) {
             const Figures& f = it.value();
             const double values[] = {double(f.possible), double(f.hits), double(f.misses), f.hitRatio(),
-                                     double(f.timeSavedMs) / 1000.0};
+                                     double(f.timeSavedMs) / 1000.0, double(f.staleHits), double(f.waits),
+                                     double(f.waitedMs) / 1000.0};
             out += QByteArray(metrics[m].name) + "{rule_id=\"" + QByteArray::number(it.key().first)
                    + "\",app_id=\"" + QByteArray::number(it.key().second) + "\",rule=\"" + labelValue(f.name)
                    + "\"} " + QByteArray::number(values[m], 'g', 15) + '\n';

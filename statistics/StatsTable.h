@@ -18,6 +18,10 @@ public:
         qint64 hits = 0;
         qint64 misses = 0;
         qint64 timeSavedMs = 0;
+        // Hits that were served past their lifetime, within the rule's grace.
+        qint64 staleHits = 0;
+        qint64 waits = 0;
+        qint64 waitedMs = 0;
         // Of the pages answered, the share served from the store; 0 with none.
         double hitRatio() const;
     };

@@ -26,7 +26,9 @@ public:
 class VPageCacheStatsMessage : public VStatisticsMessage
 {
 public:
-    enum CounterType { Possible = 0, Hit = 1, Miss = 2, TimeSaved = 3 };
+    // A stale hit sends Hit and Stale; a request that waited for another
+    // worker's build sends Wait with the milliseconds it waited.
+    enum CounterType { Possible = 0, Hit = 1, Miss = 2, TimeSaved = 3, Stale = 4, Wait = 5 };
     static constexpr int Kind = 1;
 
     VPageCacheStatsMessage() : VStatisticsMessage(Kind) {}

@@ -255,6 +255,13 @@ int readServedCopy(CacheEntry& entry, qint64 ruleId, const QString& ruleName)
     return 0;
 }
 
+bool pageIsStale()
+{
+    const RequestState& r = requestState;
+    const qint64 keptUntil = VHTMLCache::instance()->entryLastModified(r.namespaceKey, r.matchKey);
+    return keptUntil != 0 && r.rule->d->staleAt(keptUntil, QDateTime::currentSecsSinceEpoch());
+}
+
 // A page past its lifetime but in its grace is rebuilt by the one worker
 // that takes its lock; every other request is served the stale copy at
 // once. Without the lock nothing tells one rebuilder from the next, so a
@@ -262,12 +269,8 @@ int readServedCopy(CacheEntry& entry, qint64 ruleId, const QString& ruleName)
 bool rebuildsStalePage()
 {
     RequestState& r = requestState;
-    VHTMLCache* cache = VHTMLCache::instance();
-    const qint64 keptUntil = cache->entryLastModified(r.namespaceKey, r.matchKey);
-    if (keptUntil == 0 || !r.rule->d->staleAt(keptUntil, QDateTime::currentSecsSinceEpoch()))
-        return false;
     const qint64 limit = pageCacheConfig.lock_timeout;
-    VDiskStorage* store = cache->store();
+    VDiskStorage* store = VHTMLCache::instance()->store();
     if (limit <= 0 || !store)
         return true;
     if (!store->tryLock(r.namespaceKey, r.matchKey, limit))
@@ -296,7 +299,8 @@ CacheAnswer lookUp(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
     r.compressionAllowed = r.compressionAllowed && pageCacheConfig.compression_enable && r.rule->d->compress;
     if (!usable || !VHTMLCache::instance()->entryExists(r.namespaceKey, r.matchKey, false))
         return CacheAnswer::Miss;
-    if (!r.holdsPageLock && rebuildsStalePage())
+    lookup.stale = !r.holdsPageLock && pageIsStale();
+    if (lookup.stale && rebuildsStalePage())
         return CacheAnswer::Miss;
     VLOG(log, 3) << "Cache entry found for url:" << r.requestUrl << ", rule name:" << ruleName
                  << ", specific match key:" << r.matchKey;

@@ -280,7 +280,7 @@ void serve(CacheLookup& lookup)
     requestState.buffering = false;
     if (entry.status() > 0)
         setResponseCode(entry.status());
-    sayVerdict("hit");
+    sayVerdict(lookup.stale ? "stale" : "hit");
     QLinkedList<QByteArray> headers = entry.headers();
     if (pageCacheConfig.enable_qa_info)
         headers.append("X-PageCache-Compression: " + QByteArray::number(lookup.compressedHit));
@@ -294,6 +294,19 @@ qint64 monotonicMs()
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return qint64(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+void noteWait(qint64 start, qint64 ruleId, const QString& ruleName)
+{
+    if (pageCacheConfig.pulse_enable)
+        PageCachePulse::instance()->addWait(ruleId, ruleName, monotonicMs() - start);
+}
+
+// A stale page counts as a hit, and as stale beside it.
+void noteStale(const CacheLookup& lookup, qint64 ruleId, const QString& ruleName)
+{
+    if (lookup.stale && pageCacheConfig.pulse_enable)
+        PageCachePulse::instance()->addStale(ruleId, ruleName, QString::fromLatin1(requestState.matchKey));
 }
 
 // Whether the page appeared, or the lock is this request's now or gone.
@@ -345,21 +358,24 @@ CacheAnswer awaitPage(CacheLookup& lookup, const QString& ruleName, qint64 ruleI
         return CacheAnswer::Miss;
     }
     VLOG(moduleState.logStream, 3) << "Waiting for another worker to store" << r.requestUrl;
-    const qint64 deadline = monotonicMs() + limit;
+    const qint64 start = monotonicMs();
     QByteArray awaited;
-    while (monotonicMs() < deadline) {
+    while (monotonicMs() < start + limit) {
         const struct timespec pause = {0, LockPollMs * 1000000};
         nanosleep(&pause, nullptr);
         switch (lookAgain(store, limit, awaited)) {
         case Waited::Page:
+            noteWait(start, ruleId, ruleName);
             lookup = CacheLookup();
             return lookUp(lookup, ruleName, ruleId);
         case Waited::Build:
+            noteWait(start, ruleId, ruleName);
             return CacheAnswer::Miss;
         case Waited::Wait:
             break;
         }
     }
+    noteWait(start, ruleId, ruleName);
     VLOG(moduleState.logStream, 3) << "No page stored within the lock timeout for" << r.requestUrl;
     notePass("lock timeout");
     return CacheAnswer::Pass;
@@ -399,16 +415,18 @@ bool answerFromCache(const QString& ruleName, qint64 ruleId)
         return false;
     case CacheAnswer::Serve:
         serve(lookup);
+        noteStale(lookup, ruleId, ruleName);
         return true;
     case CacheAnswer::NotModified:
         break;
     }
-    sayVerdict("hit");
+    sayVerdict(lookup.stale ? "stale" : "hit");
     // A 304 is a hit without a body, with the validators and caching lines
     // of the page it stands for; a 412 counts for nothing.
     if (lookup.status == 304) {
         if (pageCacheConfig.pulse_enable)
             PageCachePulse::instance()->addHit(ruleId, ruleName, QString::fromLatin1(requestState.matchKey));
+        noteStale(lookup, ruleId, ruleName);
         replayHeaders(lookup.conditional.m_headers, belongsToNotModified);
     }
     return true;

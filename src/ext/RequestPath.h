@@ -34,6 +34,8 @@ struct CacheLookup
     int status = 200;
     // 1 when `served` is the gzip copy.
     int compressedHit = 0;
+    // The page is past its rule's lifetime, served within its grace.
+    bool stale = false;
     // The clear copy, when a conditional request needed its date.
     CacheEntry conditional;
     CacheEntry served;

@@ -1,5 +1,6 @@
 // What the page cache did with a covered request, told to whoever looks at
-// the response: "X-PageCache: hit", "miss" (the page was stored), or
+// the response: "X-PageCache: hit", "stale" (a page past its lifetime,
+// served within its rule's grace), "miss" (the page was stored), or
 // "pass (reason)". Only with vesk_pagecache.enable_qa_info, as the line
 // tells visitors how the site is cached.
 

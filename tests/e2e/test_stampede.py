@@ -6,6 +6,7 @@ go on at once. A page expired within its rule's grace is served as it is
 while the one worker holding its lock rebuilds it."""
 import glob
 import os
+import re
 import signal
 import threading
 import time
@@ -35,6 +36,7 @@ if (isset($_GET['fatal'])) {
 echo str_pad('<p>slow ' . microtime(true) . '</p>', 3000, '.');
 """
 CLIENTS = 16
+WORKERS = 4
 LIMIT_MS = 2000
 
 
@@ -47,7 +49,17 @@ class Stampede(harness.Case):
         self.use_site(rules)
         with open(os.path.join(self.site, "slow.php"), "w") as f:
             f.write(SLOW)
-        return self.serve("php-fpm", self.directives(vesk_pagecache__enable_qa_info="1", **directives), workers=4)
+        # The statistics tell of the stale hits and of the waits.
+        socket = "unix:" + self.workspace.path("run", "statsd.sock")
+        self.listener = harness.StatsListener(socket)
+        self.addCleanup(self.listener.stop)
+        return self.serve("php-fpm", self.directives(vesk_pagecache__enable_qa_info="1",
+                                                     vesk__statsd_connection_string=socket, **directives),
+                          workers=WORKERS)
+
+    def counted(self, counter_type):
+        lines = self.listener.take(1000, seconds=1)
+        return sum(1 for line in lines if re.search(r"CounterType: %d\b" % counter_type, line))
 
     def burst(self, port, path, during=None):
         """CLIENTS requests for `path` at once: each one's status, headers and
@@ -100,6 +112,8 @@ class Stampede(harness.Case):
         port = self.start().port
         self.assertOnePageForAll(self.burst(port, "/slow.php"))
         self.assertEqual(1, self.runs("slow.php"))
+        # The workers but the builder waited; the clients queued behind them came to a stored page.
+        self.assertIn(self.counted(5), range(1, WORKERS), "the waiting clients were not counted")
         time.sleep(LIFETIME + 0.5)
         self.assertOnePageForAll(self.burst(port, "/slow.php"))
         self.assertEqual(2, self.runs("slow.php"))
@@ -116,9 +130,10 @@ class Stampede(harness.Case):
         # one, without waiting for the build.
         rebuilt = [body for body in bodies if body != first]
         self.assertEqual(1, len(rebuilt))
+        self.assertEqual(CLIENTS - 1, self.counted(4), "not every stale hit was counted")
         for (_, headers, body), seconds in results:
             if body == first:
-                self.assertEqual("hit", headers.get("x-pagecache"))
+                self.assertEqual("stale", headers.get("x-pagecache"))
                 self.assertLess(seconds, 0.4)
         self.assertEqual(2, self.runs("slow.php"))
         self.wait_until(lambda: not self.locks(), 1, "a lock outlived its request")
@@ -135,9 +150,10 @@ class Stampede(harness.Case):
         self.wait_until(lambda: self.runs("slow.php") == 2, 1, "the stale page was not rebuilt")
         conditional = {"If-Modified-Since": headers["last-modified"]}
         status, answer, _ = harness.http_get(port, "/slow.php?ms=1500", conditional)
-        self.assertEqual((304, "hit"), (status, answer.get("x-pagecache")))
+        self.assertEqual((304, "stale"), (status, answer.get("x-pagecache")))
         status, answer, body = harness.http_get(port, "/slow.php?ms=1500", {"Accept-Encoding": "gzip"})
-        self.assertEqual((200, "hit", "1"), (status, answer.get("x-pagecache"), answer.get("x-pagecache-compression")))
+        self.assertEqual((200, "stale", "1"),
+                         (status, answer.get("x-pagecache"), answer.get("x-pagecache-compression")))
         self.assertEqual(first, zlib.decompress(body, 16 + zlib.MAX_WBITS))
         builder.join(10)
         self.assertEqual(2, self.runs("slow.php"))

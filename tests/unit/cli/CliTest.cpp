@@ -212,7 +212,7 @@ TEST(CliStatsTable, SumsPerRuleAndServesPrometheusText)
         return payload;
     };
     for (const QByteArray& payload : {frame(0, 1), frame(2, 1), frame(3, 250), frame(0, 1), frame(1, 1),
-                                      frame(0, 1), frame(1, 1)})
+                                      frame(0, 1), frame(1, 1), frame(4, 1), frame(5, 120), frame(5, 30)})
         EXPECT_TRUE(table.addFrame(payload));
     EXPECT_FALSE(table.addFrame(QByteArray("\0\0\0\x07", 4)));
     const StatsTable::Figures figures = table.rules().value(qMakePair(qint64(1), qint32(-1)));
@@ -220,6 +220,9 @@ TEST(CliStatsTable, SumsPerRuleAndServesPrometheusText)
     EXPECT_EQ(2, figures.hits);
     EXPECT_EQ(1, figures.misses);
     EXPECT_EQ(250, figures.timeSavedMs);
+    EXPECT_EQ(1, figures.staleHits);
+    EXPECT_EQ(2, figures.waits);
+    EXPECT_EQ(150, figures.waitedMs);
     const QByteArray metrics = table.prometheus();
     EXPECT_TRUE(metrics.contains(
         "vesk_pagecache_hits_total{rule_id=\"1\",app_id=\"-1\",rule=\"Home \\\"page\\\"\"} 2\n"))
@@ -227,4 +230,6 @@ TEST(CliStatsTable, SumsPerRuleAndServesPrometheusText)
     EXPECT_TRUE(metrics.contains("# TYPE vesk_pagecache_hit_ratio gauge\n"));
     EXPECT_TRUE(metrics.contains("vesk_pagecache_time_saved_seconds_total{rule_id=\"1\",app_id=\"-1\",rule=\"Home "
                                  "\\\"page\\\"\"} 0.25\n"));
+    EXPECT_TRUE(metrics.contains("vesk_pagecache_lock_wait_seconds_total{rule_id=\"1\",app_id=\"-1\",rule=\"Home "
+                                 "\\\"page\\\"\"} 0.15\n"));
 }
