@@ -44,8 +44,12 @@ public:
     // Seconds after it expires that a page is still served, while the one
     // worker holding its lock rebuilds it.
     quint32 grace = 0;
-    // How long the store keeps a page: its lifetime and its grace.
-    quint32 storedLifetime() const { return lifetime == 0 ? 0 : lifetime + grace; }
+    // How long the store keeps a page: its lifetime and its grace. The
+    // store counts whole seconds from the second a page was written, so a
+    // page written late in a second would be stale almost at once: a page
+    // with grace stays fresh through its lifetime's last second, which
+    // makes it fresh for at least its lifetime, as nginx counts its own.
+    quint32 storedLifetime() const { return lifetime == 0 ? 0 : grace == 0 ? lifetime : lifetime + grace + 1; }
     // Whether a page the store keeps until `keptUntil` is past its own
     // lifetime, in its grace.
     bool staleAt(qint64 keptUntil, qint64 now) const { return lifetime > 0 && grace > 0 && now >= keptUntil - grace; }

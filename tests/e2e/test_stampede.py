@@ -19,7 +19,8 @@ LIFETIME = 2
 RULES = harness.rules_file(harness.url_rule("slow\\.php", lifetime=str(LIFETIME)),
                            '<response_rule app_id="-1" response_codes="200"/>')
 # Long enough that a page rebuilt during a burst is still fresh when the
-# test looks again, even under the sanitizers.
+# test looks again, even under the sanitizers. A page with grace is fresh
+# through the last second of its lifetime, so it is stale a second after.
 GRACED_LIFETIME = 4
 GRACED = harness.rules_file(harness.url_rule("slow\\.php", lifetime=str(GRACED_LIFETIME), grace="30"),
                             '<response_rule app_id="-1" response_codes="200"/>')
@@ -122,7 +123,7 @@ class Stampede(harness.Case):
         port = self.start(GRACED).port
         status, _, first = harness.http_get(port, "/slow.php")
         self.assertEqual(200, status)
-        time.sleep(GRACED_LIFETIME + 0.5)
+        time.sleep(GRACED_LIFETIME + 1.1)
         results = self.burst(port, "/slow.php")
         bodies = [answer[2] for answer, _ in results]
         self.assertTrue(all(answer[0] == 200 and whole(answer[2]) for answer, _ in results))
@@ -144,7 +145,7 @@ class Stampede(harness.Case):
     def test_a_stale_page_answers_conditional_and_gzip_requests_while_rebuilt(self):
         port = self.start(GRACED).port
         _, headers, first = harness.http_get(port, "/slow.php?ms=1500")
-        time.sleep(GRACED_LIFETIME + 0.5)
+        time.sleep(GRACED_LIFETIME + 1.1)
         builder = threading.Thread(target=harness.http_get, args=(port, "/slow.php?ms=1500"))
         builder.start()
         self.wait_until(lambda: self.runs("slow.php") == 2, 1, "the stale page was not rebuilt")

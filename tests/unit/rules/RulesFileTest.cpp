@@ -60,11 +60,12 @@ TEST(Grace, StoredLifetimeAndStaleness)
     CacheRuleData graced;
     graced.lifetime = 60;
     graced.grace = 30;
-    EXPECT_EQ(90u, graced.storedLifetime());
-    // Written at 1000: fresh until 1060, stale from then until 1090.
-    EXPECT_FALSE(graced.staleAt(1090, 1059));
-    EXPECT_TRUE(graced.staleAt(1090, 1060));
-    EXPECT_TRUE(graced.staleAt(1090, 1089));
+    EXPECT_EQ(91u, graced.storedLifetime());
+    // Written in second 1000: fresh through second 1060, so for at least
+    // 60 s, then stale for 30 s until the store drops it at 1091.
+    EXPECT_FALSE(graced.staleAt(1091, 1060));
+    EXPECT_TRUE(graced.staleAt(1091, 1061));
+    EXPECT_TRUE(graced.staleAt(1091, 1090));
     CacheRuleData forever;
     forever.grace = 30;
     EXPECT_EQ(0u, forever.storedLifetime());
