@@ -280,6 +280,16 @@ bool rebuildsStalePage()
     return true;
 }
 
+// Where the server can end a response early, the rebuilder of a stale
+// page sends the stale copy first and builds after, so that no client
+// waits for the build. Elsewhere, and once a script runs (a rule that
+// waited for the session), it builds while its client waits.
+bool rebuildsAfterResponse()
+{
+    const RequestState& r = requestState;
+    return r.holdsPageLock && !r.waitingForSession && !vesk_output_compressing() && vesk_can_finish_response_early();
+}
+
 } // namespace
 
 CacheAnswer lookUp(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
@@ -300,8 +310,11 @@ CacheAnswer lookUp(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
     if (!usable || !VHTMLCache::instance()->entryExists(r.namespaceKey, r.matchKey, false))
         return CacheAnswer::Miss;
     lookup.stale = !r.holdsPageLock && pageIsStale();
-    if (lookup.stale && rebuildsStalePage())
-        return CacheAnswer::Miss;
+    if (lookup.stale && rebuildsStalePage()) {
+        if (!rebuildsAfterResponse())
+            return CacheAnswer::Miss;
+        lookup.rebuildAfter = true;
+    }
     VLOG(log, 3) << "Cache entry found for url:" << r.requestUrl << ", rule name:" << ruleName
                  << ", specific match key:" << r.matchKey;
     lookup.status = status;

@@ -391,6 +391,24 @@ void giveUpPageLock()
         store->unlock();
 }
 
+// The client of a stale page's rebuilder has its stale copy: the response
+// ends for it, and the script runs on to store the new page. True when the
+// script is to run.
+bool rebuildAfterResponse(const CacheLookup& lookup, qint64 ruleId, const QString& ruleName)
+{
+    if (!lookup.rebuildAfter)
+        return false;
+    const RequestState& r = requestState;
+    if (!vesk_finish_response_early(lookup.previousCode > 0 ? lookup.previousCode : 200)) {
+        // The lock goes at request end; the next stale request rebuilds.
+        VLOG(moduleState.logStream, 1) << "Could not end the response early to rebuild" << r.requestUrl;
+        return false;
+    }
+    VLOG(moduleState.logStream, 3) << "Stale page sent; rebuilding" << r.requestUrl;
+    miss(ruleId, ruleName);
+    return true;
+}
+
 // Acts on the stored page's answer. True when the request is answered (a
 // page, a 304 or a 412) and the script must not run on. Every value it
 // made is gone when it returns, so the caller may unwind the script
@@ -416,7 +434,7 @@ bool answerFromCache(const QString& ruleName, qint64 ruleId)
     case CacheAnswer::Serve:
         serve(lookup);
         noteStale(lookup, ruleId, ruleName);
-        return true;
+        return !rebuildAfterResponse(lookup, ruleId, ruleName);
     case CacheAnswer::NotModified:
         break;
     }
@@ -429,7 +447,7 @@ bool answerFromCache(const QString& ruleName, qint64 ruleId)
         noteStale(lookup, ruleId, ruleName);
         replayHeaders(lookup.conditional.m_headers, belongsToNotModified);
     }
-    return true;
+    return !rebuildAfterResponse(lookup, ruleId, ruleName);
 }
 
 } // namespace

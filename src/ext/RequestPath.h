@@ -36,6 +36,9 @@ struct CacheLookup
     int compressedHit = 0;
     // The page is past its rule's lifetime, served within its grace.
     bool stale = false;
+    // This request holds the stale page's lock and rebuilds it once its
+    // client has the stale copy.
+    bool rebuildAfter = false;
     // The clear copy, when a conditional request needed its date.
     CacheEntry conditional;
     CacheEntry served;

@@ -142,6 +142,15 @@ bool vesk_output_watch_rest(size_t passedOn);
 // and the ended level passed on, nothing written after it.
 bool vesk_output_rest_as_expected();
 void vesk_sapi_flush();
+// Whether the server can end a response before its request ends (php-fpm's
+// fastcgi_finish_request), so that work after it keeps no client waiting.
+bool vesk_can_finish_response_early();
+// Sends what the response holds and ends it for the client. From then on
+// the request runs for the store alone: the response starts again under
+// `responseCode`, with no header lines and none of them sent, the capture
+// hands nothing on, flushes go nowhere, and a closed connection doesn't
+// stop the script. False, and nothing changed, when the server refused.
+bool vesk_finish_response_early(int responseCode);
 
 // Hooks of one request. The header hook sees each header operation the
 // script makes, then hands it on to the server's own handler. `line` is the

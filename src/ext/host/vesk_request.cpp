@@ -21,6 +21,9 @@ size_t bytesWritten = 0;
 size_t bytesExpected = 0;
 // CGI and FastCGI write the header block through the same call as the body.
 bool sendingHeaders = false;
+// The client had its response; the rest of the request is for the store.
+bool responseFinished = false;
+const char FinishFunction[] = "fastcgi_finish_request";
 
 int headerHook(sapi_header_struct* header, sapi_header_op_enum op, sapi_headers_struct* headers);
 void flushForwarder(void* context);
@@ -77,6 +80,9 @@ int headerHook(sapi_header_struct* header, sapi_header_op_enum op, sapi_headers_
 
 void flushForwarder(void* context)
 {
+    // A flush into a response already ended would count as a client gone.
+    if (responseFinished)
+        return;
     if (const auto original = flushSlot.original())
         original(context);
 }
@@ -92,9 +98,14 @@ zend_op_array* compileStub(zend_file_handle* handle, int)
 
 void outputHandler(char* output, size_t length, char** handled, size_t* handledLength, int mode)
 {
-    // Whatever happens, the output passes on as it came.
+    // Whatever happens, the output passes on as it came, unless the
+    // response has ended: then it is for the store alone.
     *handled = nullptr;
     *handledLength = length;
+    if (responseFinished) {
+        *handled = static_cast<char*>(emalloc(1));
+        *handledLength = 0;
+    }
     if (!outputCallback)
         return;
     VeskOutputPass pass;
@@ -224,7 +235,7 @@ bool vesk_output_watch_rest(size_t passedOn)
         held += levels[i]->buffer.used;
     }
     bytesWritten = 0;
-    bytesExpected = held + passedOn;
+    bytesExpected = held + (responseFinished ? 0 : passedOn);
     ubWriteSlot.install(sapi_module.ub_write);
     if (sapi_module.send_headers)
         sendHeadersSlot.install(sapi_module.send_headers);
@@ -243,6 +254,36 @@ void vesk_sapi_flush()
     sapi_flush();
 }
 
+bool vesk_can_finish_response_early()
+{
+    return zend_hash_str_exists(EG(function_table), FinishFunction, sizeof FinishFunction - 1);
+}
+
+bool vesk_finish_response_early(int responseCode)
+{
+    zval function, result;
+    ZVAL_STRINGL(&function, FinishFunction, sizeof FinishFunction - 1);
+    ZVAL_UNDEF(&result);
+    const bool finished = vesk_can_finish_response_early()
+                          && call_user_function(nullptr, nullptr, &function, &result, 0, nullptr) == SUCCESS
+                          && Z_TYPE(result) == IS_TRUE;
+    zval_ptr_dtor(&result);
+    zval_ptr_dtor(&function);
+    if (!finished)
+        return false;
+    responseFinished = true;
+    // Header lines now go into the list, for the capture to see, but never
+    // out: the server has no response left to put them in.
+    SG(request_info).no_headers = 1;
+    SG(headers_sent) = 0;
+    zend_llist_clean(&SG(sapi_headers).headers);
+    SG(sapi_headers).http_response_code = responseCode;
+    zend_string* name = zend_string_init("ignore_user_abort", sizeof "ignore_user_abort" - 1, 0);
+    zend_alter_ini_entry_chars(name, "1", 1, PHP_INI_USER, PHP_INI_STAGE_RUNTIME);
+    zend_string_release(name);
+    return true;
+}
+
 void vesk_install_header_hook(VeskHeaderCallback callback)
 {
     headerCallback = callback;
@@ -256,6 +297,7 @@ void vesk_install_flush_forwarder()
 
 void vesk_restore_request_hooks()
 {
+    responseFinished = false;
     headerSlot.restore(sapi_module.header_handler);
     flushSlot.restore(sapi_module.flush);
     compileSlot.restore(zend_compile_file);

@@ -179,6 +179,17 @@ bool vesk_output_compressing()
     return host().outputCompressing;
 }
 
+// Like the command line and Apache: a response ends with its request.
+bool vesk_can_finish_response_early()
+{
+    return false;
+}
+
+bool vesk_finish_response_early(int)
+{
+    return false;
+}
+
 // No debugger and no statistics function in a test.
 int vesk_extension_resource_number(const char*, const char*)
 {
