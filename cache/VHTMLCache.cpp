@@ -7,6 +7,7 @@
 #include "VMD5.h"
 #include "VCacheCleaner.h"
 #include "VCleanerWatch.h"
+#include "VClusterAgent.h"
 #include "VProcess.h"
 #include "VException.h"
 #include "VPHPGlobalsEvaluator.h"
@@ -32,6 +33,8 @@ pid_t cleanerLauncherPid = -1;
 bool waitForCleaner = false;
 bool handOverCleaner = false;
 qint64 maxStoreBytes = 0;
+QByteArray clusterQueueUrl;
+qint64 clusterNodeId = 0;
 // Shared with the cleaner and inherited by every process forked later.
 VCleanerWatch* cleanerWatch = nullptr;
 
@@ -116,6 +119,29 @@ void VHTMLCache::setMaxStoreSize(qint64 bytes)
     maxStoreBytes = qMax<qint64>(0, bytes);
 }
 
+void VHTMLCache::setClusterQueue(const QByteArray& url, qint64 nodeId)
+{
+    clusterQueueUrl = url;
+    clusterNodeId = nodeId;
+}
+
+namespace {
+
+// The cleaner reads the farm's tasks when there is a queue to read.
+VClusterAgent* clusterAgent(VDiskStorage* storage, VHTMLCache& cache)
+{
+    if (clusterQueueUrl.isEmpty() || !storage)
+        return nullptr;
+    try {
+        return new VClusterAgent(clusterQueueUrl, clusterNodeId, storage->root(), cache);
+    } catch (const VException& e) {
+        VLOG(PageCacheLogStream, 0) << "No cluster agent:" << e.what();
+        return nullptr;
+    }
+}
+
+} // namespace
+
 void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& productDir)
 {
     const VDebug::StreamId log = PageCacheLogStream;
@@ -152,6 +178,7 @@ void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& prod
     VProcess::dropInheritedDescriptors(VDebug::openFiles());
     VLOG(log, 3) << "Starting Cache Cleaner at pid" << qint64(getpid()) << "with frequency of" << frequency;
     cleaner->setMaxStoreSize(maxStoreBytes);
+    cleaner->setAgent(clusterAgent(storage, *this));
     cleaner->run();
     // Only a stop request or the end of the master ends run(); nothing of
     // the parent's start-up may go on in this process.

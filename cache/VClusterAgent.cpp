@@ -1,0 +1,76 @@
+#include "VClusterAgent.h"
+
+#include "PageCacheLogStream.h"
+#include "VCacheRemoval.h"
+#include "VException.h"
+#include "VHTMLCache.h"
+
+VClusterAgent::VClusterAgent(const QByteArray& queueUrl, qint64 nodeId, const QByteArray& storeRoot,
+                             VHTMLCache& cache)
+    : consumer(queueUrl, groupName(nodeId, storeRoot)), nodeId(nodeId), group(groupName(nodeId, storeRoot)),
+      cache(cache)
+{
+}
+
+QByteArray VClusterAgent::groupName(qint64 nodeId, const QByteArray& storeRoot)
+{
+    return "node-" + QByteArray::number(nodeId) + ':' + storeRoot;
+}
+
+// Said once when the queue goes away and once when it is back, so that a
+// Redis that is down doesn't fill the log.
+bool VClusterAgent::reachQueue()
+{
+    const VDebug::StreamId log = PageCacheLogStream;
+    if (consumer.connected())
+        return true;
+    try {
+        consumer.connect();
+    } catch (const VException& e) {
+        if (!unreachableLogged)
+            VLOG(log, 0) << "Cluster agent cannot reach the task queue:" << e.what();
+        unreachableLogged = true;
+        return false;
+    }
+    unreachableLogged = false;
+    VLOG(log, 3) << "Cluster agent reads the task queue as group" << group;
+    return true;
+}
+
+bool VClusterAgent::waitForTasks(int ms)
+{
+    if (!reachQueue())
+        return false;
+    try {
+        for (const TKDTask& task : consumer.next(ms)) {
+            carryOut(task);
+            consumer.acknowledge(task.id);
+        }
+    } catch (const VException& e) {
+        // What wasn't acknowledged comes again after the next connect.
+        VLOG(PageCacheLogStream, 0) << "Cluster agent lost the task queue:" << e.what();
+        unreachableLogged = true;
+        return false;
+    }
+    return true;
+}
+
+void VClusterAgent::carryOut(const TKDTask& task)
+{
+    const VDebug::StreamId log = PageCacheLogStream;
+    if (task.otherNodesOnly && task.node == nodeId) {
+        VLOG(log, 5) << "Cluster task" << task.id << "was made here for the other nodes";
+        return;
+    }
+    VCacheRemoval removal;
+    QString error;
+    if (!VCacheRemoval::fromPayload(task.payload, &removal, &error)) {
+        VLOG(log, 0) << "Cluster task" << task.id << "can't be carried out:" << error << task.payload;
+        return;
+    }
+    if (!removal.carryOut(cache)) {
+        VLOG(log, 0) << "Cluster task" << task.id << "failed:" << task.payload;
+        return;
+    }
+    VLOG(log, 5) << "Cluster task" << task.id << "carried out:" << task.payload;
+}
