@@ -62,6 +62,16 @@ class Node:
         self.get(path)
         return self.runs() == runs
 
+    def status(self):
+        """What `vesk-pagecache status` says of the node's queue."""
+        ini = self.workspace.path("tool.ini")
+        with open(ini, "w") as f:
+            f.write("[PHP]\n" + "".join('%s = "%s"\n' % item for item in self.directives.items()))
+        result = subprocess.run([harness.TOOL, "--ini", ini, "status"], capture_output=True, text=True, timeout=60,
+                                env=dict(os.environ, PHP_INI_SCAN_DIR=""))
+        self.test.assertEqual(0, result.returncode, result.stderr)
+        return [line for line in result.stdout.splitlines() if line.startswith("queue: ")][0]
+
     def cleaner(self):
         with open(self.workspace.path("run", "pagecache_cleaner.pid")) as f:
             return int(f.read().strip())
@@ -179,6 +189,8 @@ class Farm(harness.Case):
         second.server.stop()
         self.assertIs(True, self.call(first, "page_cache_remove_cached_contents_by_uri", "Pages", "/page.php"))
         self.assertIs(True, self.call(first, "page_cache_remove_cached_contents_by_uri", "Pages", "/page.php?b"))
+        # The operator sees the node fall behind.
+        self.assertRegex(second.status(), r"0 unfinished, lag 2, 2 tasks in the stream")
         second.start()
         self.assertReached([second])
         self.assertReached([second], "/page.php?b")
@@ -191,6 +203,7 @@ class Farm(harness.Case):
         os.kill(cleaner, signal.SIGSTOP)
         self.assertIs(True, self.call(first, "page_cache_remove_all_cached_contents"))
         self.wait_until(lambda: self.pending(second) == 1, 5, "the task wasn't handed to the node's agent")
+        self.assertRegex(second.status(), r"group node-2:.*: last task \d+-\d+, 1 unfinished, lag 0, 1 tasks")
         os.kill(cleaner, signal.SIGKILL)
         self.wait_until(lambda: cleaner not in harness.processes(), 5, "the agent didn't die")
         self.assertTrue(second.hit())
