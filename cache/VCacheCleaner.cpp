@@ -137,10 +137,15 @@ void VCacheCleaner::watchMaster(VCleanerWatch* watch)
 void VCacheCleaner::waitOneSecond()
 {
     const struct timespec until = oneSecondFromNow();
+    // A stop or the master's end cuts the agent short as it does a
+    // cleaning: a task it was carrying out isn't acknowledged yet, and
+    // comes again when the node is back.
+    s_cleaning = agent ? 1 : 0;
     for (int left = 1000; agent && left > 0 && !s_masterGone && !s_stopSignal; left = millisecondsUntil(until)) {
         if (!agent->waitForTasks(left))
             break;
     }
+    s_cleaning = 0;
     waitUntil(until);
 }
 

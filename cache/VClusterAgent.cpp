@@ -2,14 +2,38 @@
 
 #include "PageCacheLogStream.h"
 #include "VCacheRemoval.h"
+#include "VDiskStorage.h"
 #include "VException.h"
 #include "VHTMLCache.h"
 
-VClusterAgent::VClusterAgent(const QByteArray& queueUrl, qint64 nodeId, const QByteArray& storeRoot,
-                             VHTMLCache& cache)
-    : consumer(queueUrl, groupName(nodeId, storeRoot)), nodeId(nodeId), group(groupName(nodeId, storeRoot)),
-      cache(cache)
+#include <QFileInfo>
+
+VClusterAgent::VClusterAgent(const QByteArray& queueUrl, qint64 nodeId, const Store& store)
+    : store(store), nodeId(nodeId)
 {
+    // An object of its own, not the process's: the cleaner keeps the store
+    // of the cache it was forked with, and a reload here must not take it.
+    loadNewerRules();
+    m_group = groupName(nodeId, cache->store()->root());
+    consumer.reset(new TKDTaskConsumer(queueUrl, m_group));
+}
+
+VClusterAgent::~VClusterAgent()
+{
+    delete cache;
+}
+
+void VClusterAgent::loadNewerRules()
+{
+    const QDateTime date = QFileInfo(QString::fromLocal8Bit(store.rulesFile)).lastModified();
+    if (cache && date == rulesDate)
+        return;
+    rulesDate = date;
+    delete cache;
+    cache = new VHTMLCache;
+    if (!cache->load(store.savePath.constData(), store.dirDepth, store.rulesFile.constData(), 0, true, 100, false,
+                     false))
+        VLOG(PageCacheLogStream, 0) << "Cluster agent:" << cache->lastError();
 }
 
 QByteArray VClusterAgent::groupName(qint64 nodeId, const QByteArray& storeRoot)
@@ -22,10 +46,10 @@ QByteArray VClusterAgent::groupName(qint64 nodeId, const QByteArray& storeRoot)
 bool VClusterAgent::reachQueue()
 {
     const VDebug::StreamId log = PageCacheLogStream;
-    if (consumer.connected())
+    if (consumer->connected())
         return true;
     try {
-        consumer.connect();
+        consumer->connect();
     } catch (const VException& e) {
         if (!unreachableLogged)
             VLOG(log, 0) << "Cluster agent cannot reach the task queue:" << e.what();
@@ -33,7 +57,7 @@ bool VClusterAgent::reachQueue()
         return false;
     }
     unreachableLogged = false;
-    VLOG(log, 3) << "Cluster agent reads the task queue as group" << group;
+    VLOG(log, 3) << "Cluster agent reads the task queue as group" << m_group;
     return true;
 }
 
@@ -42,9 +66,9 @@ bool VClusterAgent::waitForTasks(int ms)
     if (!reachQueue())
         return false;
     try {
-        for (const TKDTask& task : consumer.next(ms)) {
+        for (const TKDTask& task : consumer->next(ms)) {
             carryOut(task);
-            consumer.acknowledge(task.id);
+            consumer->acknowledge(task.id);
         }
     } catch (const VException& e) {
         // What wasn't acknowledged comes again after the next connect.
@@ -68,7 +92,8 @@ void VClusterAgent::carryOut(const TKDTask& task)
         VLOG(log, 0) << "Cluster task" << task.id << "can't be carried out:" << error << task.payload;
         return;
     }
-    if (!removal.carryOut(cache)) {
+    loadNewerRules();
+    if (!removal.carryOut(*cache)) {
         VLOG(log, 0) << "Cluster task" << task.id << "failed:" << task.payload;
         return;
     }

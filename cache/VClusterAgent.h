@@ -4,6 +4,8 @@
 #include "VDebug.h"
 
 #include <QByteArray>
+#include <QDateTime>
+#include <memory>
 
 class VHTMLCache;
 
@@ -14,7 +16,18 @@ class VHTMLCache;
 class VClusterAgent
 {
 public:
-    VClusterAgent(const QByteArray& queueUrl, qint64 nodeId, const QByteArray& storeRoot, VHTMLCache& cache);
+    // The store and the rules file as the workers open them.
+    struct Store
+    {
+        QByteArray savePath;
+        qint64 dirDepth = 2;
+        QByteArray rulesFile;
+    };
+
+    VClusterAgent(const QByteArray& queueUrl, qint64 nodeId, const Store& store);
+    ~VClusterAgent();
+    VClusterAgent(const VClusterAgent&) = delete;
+    VClusterAgent& operator=(const VClusterAgent&) = delete;
 
     // Waits up to `ms` for tasks and carries out those that come, the ones
     // left over from an earlier run first. False when Redis can't be
@@ -29,13 +42,20 @@ public:
     // The consumer group of a node's store: each node and store reads
     // every task once.
     static QByteArray groupName(qint64 nodeId, const QByteArray& storeRoot);
+    QByteArray group() const { return m_group; }
 
 private:
     bool reachQueue();
+    // The rules a removal names are those the workers have: a newer rules
+    // file is read again before a task is carried out, as a worker reads
+    // it before a request.
+    void loadNewerRules();
 
-    TKDTaskConsumer consumer;
+    Store store;
+    VHTMLCache* cache = nullptr;
+    QDateTime rulesDate;
+    std::unique_ptr<TKDTaskConsumer> consumer;
     qint64 nodeId;
-    QByteArray group;
-    VHTMLCache& cache;
+    QByteArray m_group;
     bool unreachableLogged = false;
 };

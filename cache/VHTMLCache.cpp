@@ -35,6 +35,8 @@ bool handOverCleaner = false;
 qint64 maxStoreBytes = 0;
 QByteArray clusterQueueUrl;
 qint64 clusterNodeId = 0;
+// What the cleaner's agent opens: the store and rules of the last load.
+VClusterAgent::Store clusterStore;
 // Shared with the cleaner and inherited by every process forked later.
 VCleanerWatch* cleanerWatch = nullptr;
 
@@ -97,6 +99,7 @@ bool VHTMLCache::load(const char* savePath, qint64 dirDepth, const char* rulesFi
     setMaxCachedRules(int(qBound<qint64>(0, maxCachedRules, INT_MAX)));
     if (!startCleaner)
         return true;
+    clusterStore = {savePath, dirDepth, rulesFile};
     // The directory above the one that holds the rules file.
     const QString rulesDir = QFileInfo(QString::fromLocal8Bit(rulesFile)).absolutePath();
     const QString productDir = QFileInfo(rulesDir + QStringLiteral("/..")).absoluteFilePath();
@@ -128,12 +131,12 @@ void VHTMLCache::setClusterQueue(const QByteArray& url, qint64 nodeId)
 namespace {
 
 // The cleaner reads the farm's tasks when there is a queue to read.
-VClusterAgent* clusterAgent(VDiskStorage* storage, VHTMLCache& cache)
+VClusterAgent* clusterAgent()
 {
-    if (clusterQueueUrl.isEmpty() || !storage)
+    if (clusterQueueUrl.isEmpty())
         return nullptr;
     try {
-        return new VClusterAgent(clusterQueueUrl, clusterNodeId, storage->root(), cache);
+        return new VClusterAgent(clusterQueueUrl, clusterNodeId, clusterStore);
     } catch (const VException& e) {
         VLOG(PageCacheLogStream, 0) << "No cluster agent:" << e.what();
         return nullptr;
@@ -178,7 +181,7 @@ void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& prod
     VProcess::dropInheritedDescriptors(VDebug::openFiles());
     VLOG(log, 3) << "Starting Cache Cleaner at pid" << qint64(getpid()) << "with frequency of" << frequency;
     cleaner->setMaxStoreSize(maxStoreBytes);
-    cleaner->setAgent(clusterAgent(storage, *this));
+    cleaner->setAgent(clusterAgent());
     cleaner->run();
     // Only a stop request or the end of the master ends run(); nothing of
     // the parent's start-up may go on in this process.

@@ -80,6 +80,8 @@ public:
     VDiskStorage* store() const { return storage; }
 
 private:
+    // A farm's agent holds a cache of its own, read again with the rules.
+    friend class VClusterAgent;
     VHTMLCache() = default;
     ~VHTMLCache();
     bool clearRule(const CacheRule& rule);

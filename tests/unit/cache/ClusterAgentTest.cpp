@@ -49,6 +49,12 @@ TEST(CacheRemovalPayload, AnythingButARemovalIsRefused)
     }
 }
 
+const QByteArray Rules = R"xml(
+  <url schema="http" host="h" path="one" id="1"><name>first</name>
+    <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by></url>
+  <url schema="http" host="h" path="(a|b)" id="2" match_type="regex_match"><name>second</name>
+    <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by></url>)xml";
+
 class ClusterAgent : public RulesFixture
 {
 protected:
@@ -59,20 +65,18 @@ protected:
         const QString rules = dir.filePath(QStringLiteral("pagecache_rules.xml"));
         QFile file(rules);
         ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(rulesXml(R"xml(
-          <url schema="http" host="h" path="one" id="1"><name>first</name>
-            <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by></url>
-          <url schema="http" host="h" path="(a|b)" id="2" match_type="regex_match"><name>second</name>
-            <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by></url>)xml"));
+        file.write(rulesXml(Rules));
         file.close();
         QFile::copy(QStringLiteral(VESK_SOURCE_DIR "/conf/pagecache_rules_schema.xsd"),
                     dir.filePath(QStringLiteral("pagecache_rules_schema.xsd")));
-        const QByteArray savePath = QFile::encodeName(dir.filePath(QStringLiteral("store")));
+        where.savePath = QFile::encodeName(dir.filePath(QStringLiteral("store")));
+        where.dirDepth = 1;
+        where.rulesFile = QFile::encodeName(rules);
         VHTMLCache::destroyInstance();
         cache = VHTMLCache::instance();
-        ASSERT_TRUE(cache->load(savePath.constData(), 1, QFile::encodeName(rules).constData(), 300, false, 100, false));
+        ASSERT_TRUE(cache->load(where.savePath.constData(), 1, where.rulesFile.constData(), 300, false, 100, false));
         TKDTaskInserter::setClusterQueue(redis.url());
-        agent.reset(new VClusterAgent(redis.url(), 2, cache->store()->root(), *cache));
+        agent.reset(new VClusterAgent(redis.url(), 2, where));
         // The group starts at the stream's end: joined before any task.
         ASSERT_TRUE(agent->waitForTasks(0));
     }
@@ -104,10 +108,11 @@ protected:
     }
     TKDQueuePosition position()
     {
-        return TKDTaskConsumer::position(redis.url(), VClusterAgent::groupName(2, cache->store()->root()));
+        return TKDTaskConsumer::position(redis.url(), agent->group());
     }
 
     RedisServer redis;
+    VClusterAgent::Store where;
     VHTMLCache* cache = nullptr;
     std::unique_ptr<VClusterAgent> agent;
 };
@@ -166,11 +171,11 @@ TEST_F(ClusterAgent, AnAgentThatEndedMidwayCarriesOutWhatItLeft)
     store("one", "/one");
     queue(VCacheRemoval::byRule("first"));
     // Handed out, never acknowledged: the agent ended before.
-    TKDTaskConsumer ended(redis.url(), VClusterAgent::groupName(2, cache->store()->root()));
+    TKDTaskConsumer ended(redis.url(), agent->group());
     ended.connect();
     ASSERT_EQ(1, ended.next(0).size());
     EXPECT_EQ(1, position().pending);
-    agent.reset(new VClusterAgent(redis.url(), 2, cache->store()->root(), *cache));
+    agent.reset(new VClusterAgent(redis.url(), 2, where));
     ASSERT_TRUE(agent->waitForTasks(100));
     EXPECT_FALSE(stored("one", "/one"));
     EXPECT_EQ(0, position().pending);
@@ -208,4 +213,22 @@ TEST_F(ClusterAgent, WithoutRedisTheAgentSaysSoOnceAndComesBack)
     queue(VCacheRemoval::all());
     ASSERT_TRUE(agent->waitForTasks(1000));
     EXPECT_FALSE(stored("one", "/one"));
+}
+
+TEST_F(ClusterAgent, ARuleAddedSinceTheAgentStartedIsKnownToIt)
+{
+    QFile file(QString::fromLocal8Bit(where.rulesFile));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(rulesXml(Rules + R"xml(
+      <url schema="http" host="h" path="three" id="3"><name>third</name>
+        <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by></url>)xml"));
+    file.close();
+    // A date the old file's can't have, whatever the file system's grain.
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    ASSERT_TRUE(file.setFileTime(QDateTime::currentDateTime().addSecs(10), QFileDevice::FileModificationTime));
+    file.close();
+    store("three", "/three");
+    queue(VCacheRemoval::byRule("third"));
+    ASSERT_TRUE(agent->waitForTasks(1000));
+    EXPECT_FALSE(stored("three", "/three"));
 }
