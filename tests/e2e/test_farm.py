@@ -28,18 +28,21 @@ REMOVALS = [
 class Node:
     """One node of the farm: a workspace with its own store, site and log."""
 
-    def __init__(self, test, node_id, queue):
+    def __init__(self, test, node_id, queue, kind="php -S", **options):
         self.test = test
         self.workspace, self.site = harness.Workspace.with_site(test, RULES)
         self.directives = self.workspace.directives(vesk__node_id=str(node_id), vesk__cluster_queue=queue,
                                                     vesk_pagecache__log_verbosity_level="5")
+        self.kind, self.options = kind, options
+        if kind != "php -S":
+            harness.make_shared(self.workspace, "log", "tmp", "run", "site", "var")
         self.server = None
         self.start()
 
     def start(self):
         """Starts the node, and waits until its agent reads the queue."""
         joined = self.workspace.log().count("Cluster agent reads the task queue")
-        self.server = harness.BuiltinServer(self.workspace, self.site, self.directives)
+        self.server = harness.SERVERS[self.kind](self.workspace, self.site, self.directives, **self.options)
         self.test.addCleanup(self.server.stop)
         self.test.wait_until(lambda: self.workspace.log().count("Cluster agent reads the task queue") > joined,
                              10, "the node's agent didn't join the queue")
@@ -77,11 +80,12 @@ class Node:
             return int(f.read().strip())
 
 
-class Farm(harness.Case):
+class FarmCase(harness.Case):
+    """A redis-server and the nodes a test starts around it."""
+
     def setUp(self):
         self.redis = harness.RedisServer(self.redis_dir())
         self.addCleanup(self.redis.stop)
-        self.nodes = [Node(self, node_id, self.redis.url) for node_id in (1, 2, 3)]
 
     def redis_dir(self):
         workspace = harness.Workspace()
@@ -110,6 +114,12 @@ class Farm(harness.Case):
         output = subprocess.run(["redis-cli", "-p", str(self.redis.port), "XPENDING", "vesk:pagecache:tasks", group],
                                 capture_output=True, text=True, timeout=10).stdout
         return int(output.split()[0])
+
+
+class Farm(FarmCase):
+    def setUp(self):
+        super().setUp()
+        self.nodes = [Node(self, node_id, self.redis.url) for node_id in (1, 2, 3)]
 
     def test_a_removal_with_the_flag_reaches_every_node(self):
         first, *others = self.nodes
@@ -210,3 +220,36 @@ class Farm(harness.Case):
         second.server.stop()
         second.start()
         self.assertReached([second])
+
+
+class FarmOfPools(FarmCase):
+    """Nodes of several workers each: php-fpm, daemonized as a system runs
+    it, behind nginx, and php -S with two workers."""
+
+    def setUp(self):
+        if not harness.FpmBehindNginx.available():
+            self.fail("php-fpm is not installed: scripts/bootstrap installs it")
+        super().setUp()
+        self.nodes = [Node(self, 1, self.redis.url, "php-fpm", daemonize=True, workers=2),
+                      Node(self, 2, self.redis.url, workers=2)]
+
+    def test_removals_and_purges_reach_every_worker_of_the_other_node(self):
+        first, second = self.nodes
+        for call in REMOVALS + [("page_cache_purge", {"url": "http://farm.test/page.php"})]:
+            with self.subTest(call[0]):
+                self.store_everywhere()
+                # Whichever worker answers, the page is gone from the node's store.
+                self.assertIs(True, self.call(first, *call))
+                self.assertReached([second])
+                for _ in range(4):
+                    self.assertTrue(second.hit())
+
+    def test_a_purge_reaches_every_worker_of_every_node(self):
+        # nginx names its own port in the URL, so the nodes' URLs differ: a
+        # purge by creation time covers both.
+        self.store_everywhere()
+        self.assertIs(True, self.call(self.nodes[1], "page_cache_purge", {"created_ago": 0}))
+        self.assertReached(self.nodes)
+        for node in self.nodes:
+            for _ in range(4):
+                self.assertTrue(node.hit())
