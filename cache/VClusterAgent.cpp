@@ -86,6 +86,11 @@ void VClusterAgent::carryOut(const TKDTask& task)
         VLOG(log, 5) << "Cluster task" << task.id << "was made here for the other nodes";
         return;
     }
+    if (task.deliveries > MaxDeliveries) {
+        // Handed out this often, it has ended its agent each time.
+        VLOG(log, 0) << "Cluster task" << task.id << "given up after" << MaxDeliveries << "attempts:" << task.payload;
+        return;
+    }
     VCacheRemoval removal;
     QString error;
     if (!VCacheRemoval::fromPayload(task.payload, &removal, &error)) {

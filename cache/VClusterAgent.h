@@ -44,6 +44,10 @@ public:
     static QByteArray groupName(qint64 nodeId, const QByteArray& storeRoot);
     QByteArray group() const { return m_group; }
 
+    // A task whose carrying out has ended the agent this often is passed
+    // over, so that one task can't keep a node's agent down.
+    static constexpr int MaxDeliveries = 3;
+
 private:
     bool reachQueue();
     // The rules a removal names are those the workers have: a newer rules

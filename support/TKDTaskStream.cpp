@@ -87,12 +87,34 @@ QList<TKDTask> TKDTaskConsumer::read(const QByteArray& from, int blockMs)
     return tasks;
 }
 
+// The tasks handed to this consumer before and never acknowledged, each
+// claimed again, which counts one delivery more. An entry the stream
+// trimmed meanwhile comes without fields.
+QList<TKDTask> TKDTaskConsumer::readPending()
+{
+    connection->setCommandTimeout(1000);
+    const VRedisReply pending = connection->command({"XPENDING", TKDTaskStream::Key, group, "-", "+", "64", Consumer});
+    refused("the pending tasks", pending);
+    QList<TKDTask> tasks;
+    for (const VRedisReply& entry : pending.elements) {
+        const QByteArray id = entry.at(0).text;
+        const VRedisReply claimed =
+            connection->command({"XCLAIM", TKDTaskStream::Key, group, Consumer, "0", id});
+        refused("the claim", claimed);
+        TKDTask task = claimed.at(0).type == VRedisReply::Array ? taskOf(claimed.at(0)) : TKDTask();
+        task.id = id;
+        task.deliveries = int(entry.at(3).integer) + 1;
+        tasks << task;
+    }
+    return tasks;
+}
+
 QList<TKDTask> TKDTaskConsumer::next(int blockMs)
 {
     if (!connected())
         throw VException(QStringLiteral("not connected to the cluster queue"));
     if (readingPending) {
-        const QList<TKDTask> pending = read("0", 0);
+        const QList<TKDTask> pending = readPending();
         if (!pending.isEmpty())
             return pending;
         readingPending = false;

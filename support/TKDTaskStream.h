@@ -24,6 +24,7 @@ struct TKDTask
     qint64 node = 0;
     bool otherNodesOnly = false;
     qint64 time = 0;
+    int deliveries = 1; // how often the stream has handed it to this group
 };
 
 // Where one consumer group stands on the stream.
@@ -63,6 +64,7 @@ public:
 
 private:
     QList<TKDTask> read(const QByteArray& from, int blockMs);
+    QList<TKDTask> readPending();
 
     VRedisAddress address;
     QByteArray group;

@@ -164,7 +164,7 @@ class Farm(FarmCase):
         local = min(self.removal_time(first, "page_cache_remove_all_cached_contents", False) for _ in range(3))
         self.store_everywhere()
         queued = self.removal_time(first, "page_cache_remove_cached_contents_by_rule", "Pages")
-        self.assertLess(queued, local + QUEUE_LIMIT + 0.1)
+        self.assertLess(queued, local + QUEUE_LIMIT + 0.15)
         self.assertFalse(first.hit())
         self.assertTrue(second.hit())
         self.assertIn("page_cache_remove_cached_contents_by_rule: failed to add TKD task. " + failure,

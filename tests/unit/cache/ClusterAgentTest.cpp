@@ -232,3 +232,22 @@ TEST_F(ClusterAgent, ARuleAddedSinceTheAgentStartedIsKnownToIt)
     ASSERT_TRUE(agent->waitForTasks(1000));
     EXPECT_FALSE(stored("three", "/three"));
 }
+
+TEST_F(ClusterAgent, ATaskThatKeepsEndingItsAgentIsGivenUp)
+{
+    store("one", "/one");
+    queue(VCacheRemoval::byRule("first"));
+    // Three agents in turn are handed the task and end before they finish.
+    for (int run = 1; run <= VClusterAgent::MaxDeliveries; ++run) {
+        TKDTaskConsumer ended(redis.url(), agent->group());
+        ended.connect();
+        const QList<TKDTask> tasks = ended.next(0);
+        ASSERT_EQ(1, tasks.size());
+        EXPECT_EQ(run, tasks[0].deliveries);
+    }
+    agent.reset(new VClusterAgent(redis.url(), 2, where));
+    ASSERT_TRUE(agent->waitForTasks(100));
+    EXPECT_TRUE(log().contains("given up after 3 attempts"));
+    EXPECT_TRUE(stored("one", "/one"));
+    EXPECT_EQ(0, position().pending);
+}
