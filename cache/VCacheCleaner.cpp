@@ -2,6 +2,7 @@
 
 #include "PageCacheLogStream.h"
 #include "VCleanerWatch.h"
+#include "VClusterAgent.h"
 #include "VDiskStorage.h"
 #include "VException.h"
 #include "VGlobals.h"
@@ -49,15 +50,27 @@ void armTimer(bool on)
     setitimer(ITIMER_REAL, &period, nullptr);
 }
 
-// One second from now on the monotonic clock, however often a signal cuts
-// the sleep short; sooner only when the master is gone.
-void waitOneSecond()
+struct timespec oneSecondFromNow()
 {
     struct timespec until;
     clock_gettime(CLOCK_MONOTONIC, &until);
     until.tv_sec += 1;
+    return until;
+}
+
+// Until `until` on the monotonic clock, however often a signal cuts the
+// sleep short; sooner only when the master is gone.
+void waitUntil(const struct timespec& until)
+{
     while (!s_masterGone && !s_stopSignal && clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
     }
+}
+
+int millisecondsUntil(const struct timespec& until)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int((until.tv_sec - now.tv_sec) * 1000 + (until.tv_nsec - now.tv_nsec) / 1000000);
 }
 
 // Pages are what the cache stores: a gzip copy lies under its page's key
@@ -84,7 +97,16 @@ VCacheCleaner::VCacheCleaner(int frequency, VDiskStorage* storage, const QString
 {
 }
 
-VCacheCleaner::~VCacheCleaner() = default;
+VCacheCleaner::~VCacheCleaner()
+{
+    delete agent;
+}
+
+void VCacheCleaner::setAgent(VClusterAgent* newAgent)
+{
+    delete agent;
+    agent = newAgent;
+}
 
 void VCacheCleaner::watchMaster(VCleanerWatch* watch)
 {
@@ -107,6 +129,24 @@ void VCacheCleaner::watchMaster(VCleanerWatch* watch)
     masterGone();
     // Shown by ps -o comm and top, beside the server's own processes.
     prctl(PR_SET_NAME, "vesk-cleaner");
+}
+
+// A second of the cleaning period. A farm's agent spends it waiting for
+// tasks, so that a task is carried out as soon as it comes; without Redis
+// it is slept.
+void VCacheCleaner::waitOneSecond()
+{
+    const struct timespec until = oneSecondFromNow();
+    // A stop or the master's end cuts the agent short as it does a
+    // cleaning: a task it was carrying out isn't acknowledged yet, and
+    // comes again when the node is back.
+    s_cleaning = agent ? 1 : 0;
+    for (int left = 1000; agent && left > 0 && !s_masterGone && !s_stopSignal; left = millisecondsUntil(until)) {
+        if (!agent->waitForTasks(left))
+            break;
+    }
+    s_cleaning = 0;
+    waitUntil(until);
 }
 
 void VCacheCleaner::clean()
@@ -159,6 +199,10 @@ void VCacheCleaner::run()
             break;
         }
         clean();
+        // Cleaning back to back leaves no second to wait in: the agent
+        // looks for tasks between cleanings.
+        if (frequency <= 0 && agent)
+            agent->waitForTasks(0);
     }
     // A signal ends the process where it stands, its pid file left, as an
     // end from inside the handler would have.

@@ -4,6 +4,7 @@
 #include <QThread>
 
 class VCleanerWatch;
+class VClusterAgent;
 class VDiskStorage;
 
 // Drops expired pages at a fixed period. It runs in a process of its own,
@@ -21,6 +22,8 @@ public:
     void watchMaster(VCleanerWatch* watch);
     // What each cleaning leaves at most, in bytes; 0 for no bound.
     void setMaxStoreSize(qint64 bytes) { maxStoreSize = bytes; }
+    // The farm's agent, which this cleaner owns and runs between cleanings.
+    void setAgent(VClusterAgent* agent);
 
     void run() override;
 
@@ -32,9 +35,11 @@ public:
 
 private:
     void clean();
+    void waitOneSecond();
 
     VDiskStorage* storage;
     int frequency;
     QString productDir;
     qint64 maxStoreSize = 0;
+    VClusterAgent* agent = nullptr;
 };

@@ -7,6 +7,7 @@
 #include "VMD5.h"
 #include "VCacheCleaner.h"
 #include "VCleanerWatch.h"
+#include "VClusterAgent.h"
 #include "VProcess.h"
 #include "VException.h"
 #include "VPHPGlobalsEvaluator.h"
@@ -32,6 +33,10 @@ pid_t cleanerLauncherPid = -1;
 bool waitForCleaner = false;
 bool handOverCleaner = false;
 qint64 maxStoreBytes = 0;
+QByteArray clusterQueueUrl;
+qint64 clusterNodeId = 0;
+// What the cleaner's agent opens: the store and rules of the last load.
+VClusterAgent::Store clusterStore;
 // Shared with the cleaner and inherited by every process forked later.
 VCleanerWatch* cleanerWatch = nullptr;
 
@@ -94,6 +99,7 @@ bool VHTMLCache::load(const char* savePath, qint64 dirDepth, const char* rulesFi
     setMaxCachedRules(int(qBound<qint64>(0, maxCachedRules, INT_MAX)));
     if (!startCleaner)
         return true;
+    clusterStore = {savePath, dirDepth, rulesFile};
     // The directory above the one that holds the rules file.
     const QString rulesDir = QFileInfo(QString::fromLocal8Bit(rulesFile)).absolutePath();
     const QString productDir = QFileInfo(rulesDir + QStringLiteral("/..")).absoluteFilePath();
@@ -115,6 +121,29 @@ void VHTMLCache::setMaxStoreSize(qint64 bytes)
 {
     maxStoreBytes = qMax<qint64>(0, bytes);
 }
+
+void VHTMLCache::setClusterQueue(const QByteArray& url, qint64 nodeId)
+{
+    clusterQueueUrl = url;
+    clusterNodeId = nodeId;
+}
+
+namespace {
+
+// The cleaner reads the farm's tasks when there is a queue to read.
+VClusterAgent* clusterAgent()
+{
+    if (clusterQueueUrl.isEmpty())
+        return nullptr;
+    try {
+        return new VClusterAgent(clusterQueueUrl, clusterNodeId, clusterStore);
+    } catch (const VException& e) {
+        VLOG(PageCacheLogStream, 0) << "No cluster agent:" << e.what();
+        return nullptr;
+    }
+}
+
+} // namespace
 
 void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& productDir)
 {
@@ -152,6 +181,7 @@ void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& prod
     VProcess::dropInheritedDescriptors(VDebug::openFiles());
     VLOG(log, 3) << "Starting Cache Cleaner at pid" << qint64(getpid()) << "with frequency of" << frequency;
     cleaner->setMaxStoreSize(maxStoreBytes);
+    cleaner->setAgent(clusterAgent());
     cleaner->run();
     // Only a stop request or the end of the master ends run(); nothing of
     // the parent's start-up may go on in this process.

@@ -40,6 +40,9 @@ public:
     // What the cleaner leaves of the store at each cleaning, in bytes; 0 for
     // no bound.
     static void setMaxStoreSize(qint64 bytes);
+    // The farm's task queue ("redis://host:port/db") whose tasks the
+    // cleaner carries out on this store as node `nodeId`; empty for none.
+    static void setClusterQueue(const QByteArray& url, qint64 nodeId);
 
     QString lastError() const { return m_lastError; }
 
@@ -77,6 +80,8 @@ public:
     VDiskStorage* store() const { return storage; }
 
 private:
+    // A farm's agent holds a cache of its own, read again with the rules.
+    friend class VClusterAgent;
     VHTMLCache() = default;
     ~VHTMLCache();
     bool clearRule(const CacheRule& rule);

@@ -55,16 +55,6 @@ QByteArray sha1(const QString& text)
 
 } // namespace
 
-QString normalizeUrl(const QString& url)
-{
-    const QUrl parsed(url, QUrl::TolerantMode);
-    const QString scheme = parsed.scheme();
-    if ((scheme == QLatin1String("http") && parsed.port() == 80)
-        || (scheme == QLatin1String("https") && parsed.port() == 443))
-        return parsed.toString(QUrl::RemovePort);
-    return parsed.toString();
-}
-
 PageCachePurgeRules::PageCachePurgeRules(const VeskServerInfo& serverInfo,
                                          VDebug::StreamId logStream)
     : dbFileName(VeskDB::getSqliteDbFileName(DB_PAGECACHE, serverInfo)),

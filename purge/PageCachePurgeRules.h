@@ -1,6 +1,7 @@
 #pragma once
 
 #include "PurgeRule.h"
+#include "VNormalizedUrl.h"
 
 #include "VDebug.h"
 #include "VDeploymentInfo.h"
@@ -10,8 +11,6 @@
 #include <QMutex>
 #include <QSet>
 
-// The default port of the scheme goes; everything else stays as it is.
-QString normalizeUrl(const QString& url);
 
 // The purge rules of this worker process. A purge never touches the disk
 // cache: the hit path asks here whether a stored page may still be used.

@@ -58,6 +58,7 @@ public:
     qint64 httpdUid() const { return number("vesk.httpd_uid", -1); }
     qint64 httpdGid() const { return number("vesk.httpd_gid", httpdUid()); }
     qint64 nodeId() const { return number("vesk.node_id", 0); }
+    QByteArray clusterQueue() const { return value("vesk.cluster_queue"); }
 
 private:
     bool readFile(const QString& path, QHash<QByteArray, QByteArray>& into, bool required);

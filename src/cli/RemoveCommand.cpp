@@ -6,6 +6,7 @@
 #include "CommandLine.h"
 
 #include "TKDTaskInserter.h"
+#include "VCacheRemoval.h"
 #include "VException.h"
 #include "VHTMLCache.h"
 
@@ -15,73 +16,41 @@ namespace {
 
 const char* const Syntax = "[--cluster] pattern PATTERN | uri RULE URI | rule NAME | ids ID... | all";
 
-struct Removal
-{
-    tkd::TaskType task;
-    QString payload;
-    const char* failure; // what the log says when the task can't be queued
-};
-
 // Only a node of a cluster queues; the local removal has been done and
 // stands whatever happens to the task.
-bool queueTask(CliContext& context, const Removal& removal)
+bool queueTask(CliContext& context, const VCacheRemoval& removal)
 {
     if (context.directives.nodeId() == 0)
         return true;
+    TKDTaskInserter::setClusterQueue(context.directives.clusterQueue());
     try {
-        TKDTaskInserter::addTask(removal.task, true, context.serverInfo(), removal.payload, context.log);
+        TKDTaskInserter::addTask(removal.taskType(), true, context.serverInfo(), removal.payload(), context.log);
         return true;
     } catch (const VException& e) {
-        VLOG(context.log, 0) << removal.failure << e.what();
+        VLOG(context.log, 0) << removal.queueFailure() << e.what();
         fail(ExitFailed, QStringLiteral("removed here, but not queued for the other nodes: %1")
                              .arg(QString::fromLocal8Bit(e.what())));
         return false;
     }
 }
 
-QString quoted(const QString& text)
-{
-    return QLatin1Char('"') + text + QLatin1Char('"');
-}
-
-// Makes the removal `what` names; false when the cache refused it.
-bool remove(VHTMLCache& cache, const QStringList& what, Removal& removal)
+// The removal `what` names.
+VCacheRemoval removalOf(const QStringList& what)
 {
     const QString kind = what.first();
-    if (kind == QLatin1String("pattern")) {
-        removal = {tkd::PAGECACHE_REMOVE_CACHED_CONTENTS,
-                   QStringLiteral("[\"page_cache_remove_cached_contents\",%1]").arg(quoted(what.at(1))),
-                   "page_cache_remove_cached_contents: failed to add TKD task."};
-        return cache.clearNamespace(VHTMLCache::patternNamespace(what.at(1)));
-    }
-    if (kind == QLatin1String("uri")) {
-        removal = {tkd::PAGECACHE_REMOVE_BY_URI,
-                   QStringLiteral("[\"page_cache_remove_cached_contents_by_uri\",%1,%2]")
-                       .arg(quoted(what.at(1)), quoted(what.at(2))),
-                   "page_cache_remove_all_cached_contents: failed to add TKD task."};
-        return cache.removeByUri(what.at(1).toUtf8(), what.at(2).toUtf8());
-    }
-    if (kind == QLatin1String("rule")) {
-        removal = {tkd::PAGECACHE_REMOVE_BY_RULE,
-                   QStringLiteral("[\"page_cache_remove_cached_contents_by_rule\",%1]").arg(quoted(what.at(1))),
-                   "page_cache_remove_cached_contents_by_rule: failed to add TKD task."};
-        return cache.removeByRuleName(what.at(1).toUtf8().constData());
-    }
+    if (kind == QLatin1String("pattern"))
+        return VCacheRemoval::byPattern(what.at(1).toUtf8());
+    if (kind == QLatin1String("uri"))
+        return VCacheRemoval::byUri(what.at(1).toUtf8(), what.at(2).toUtf8());
+    if (kind == QLatin1String("rule"))
+        return VCacheRemoval::byRule(what.at(1).toUtf8());
     if (kind == QLatin1String("ids")) {
-        QString payload = QStringLiteral("[\"page_cache_remove_cached_contents_by_rules_ids\"");
-        for (int i = 1; i < what.size(); ++i) {
-            const qint64 id = what.at(i).toLongLong();
-            if (!cache.removeByRuleId(id))
-                return false;
-            payload += QLatin1Char(',') + QString::number(id);
-        }
-        removal = {tkd::PAGECACHE_REMOVE_BY_RULES_IDS, payload + QLatin1Char(']'),
-                   "page_cache_remove_cached_contents_by_rules_ids: failed to add TKD task."};
-        return true;
+        QList<qint64> ids;
+        for (int i = 1; i < what.size(); ++i)
+            ids << what.at(i).toLongLong();
+        return VCacheRemoval::byRuleIds(ids);
     }
-    removal = {tkd::PAGECACHE_REMOVE_ALL, QStringLiteral("[\"page_cache_remove_all_cached_contents\"]"),
-               "page_cache_remove_all_cached_contents: failed to add TKD task."};
-    return cache.clearNamespace(QByteArray());
+    return VCacheRemoval::all();
 }
 
 // The number of words each kind takes after its name; -1 for one or more.
@@ -150,8 +119,8 @@ int commandRemove(CliContext& context, const QStringList& args)
     const QString unknown = unknownRule(*cache, what);
     if (!unknown.isEmpty())
         return fail(ExitFailed, QStringLiteral("no rule \"%1\" in the rules file; nothing removed").arg(unknown));
-    Removal removal;
-    if (!remove(*cache, what, removal))
+    const VCacheRemoval removal = removalOf(what);
+    if (!removal.carryOut(*cache))
         return fail(ExitFailed, QStringLiteral("nothing removed: %1").arg(what.join(QLatin1Char(' '))));
     out(QStringLiteral("removed: %1").arg(what.join(QLatin1Char(' '))));
     if (parser.isSet(cluster) && !queueTask(context, removal))

@@ -9,7 +9,10 @@
 #include "VMD5.h"
 #include "VPHPGlobalsEvaluator.h"
 
+#include "TKDTaskStream.h"
+#include "VClusterAgent.h"
 #include "VDiskStorage.h"
+#include "VException.h"
 #include "VGlobals.h"
 #include "VHTMLCache.h"
 
@@ -66,6 +69,29 @@ QString cleanerState(const CliDirectives& directives)
     return QStringLiteral("not running (stale pid file)");
 }
 
+// The farm's task queue and this node's place in it: what its agent was
+// handed last, what it hasn't finished, and what waits for it.
+QString queueState(const CliDirectives& directives, const VHTMLCache& cache)
+{
+    const QByteArray url = directives.clusterQueue();
+    if (url.isEmpty())
+        return QStringLiteral("none (vesk.cluster_queue is not set)");
+    const QByteArray group = VClusterAgent::groupName(directives.nodeId(), cache.store()->root());
+    QString state = QStringLiteral("%1, group %2: ").arg(QString::fromUtf8(url), QString::fromUtf8(group));
+    try {
+        const TKDQueuePosition position = TKDTaskConsumer::position(url, group);
+        if (!position.groupExists)
+            return state + QStringLiteral("not joined yet (%1 tasks in the stream)").arg(position.length);
+        return state + QStringLiteral("last task %1, %2 unfinished, lag %3, %4 tasks in the stream")
+                           .arg(QString::fromLatin1(position.lastDelivered))
+                           .arg(position.pending)
+                           .arg(position.lag < 0 ? QStringLiteral("unknown") : QString::number(position.lag))
+                           .arg(position.length);
+    } catch (const VException& e) {
+        return state + QStringLiteral("unreachable: %1").arg(QString::fromLocal8Bit(e.what()));
+    }
+}
+
 struct RuleTotals
 {
     int pages = 0;
@@ -98,6 +124,7 @@ int commandStatus(CliContext& context, const QStringList& args)
     out(QStringLiteral("store: %1").arg(QString::fromLocal8Bit(cache->store()->root())));
     out(QStringLiteral("rules file: %1").arg(QString::fromLocal8Bit(context.directives.rulesFile())));
     out(QStringLiteral("cleaner: %1").arg(cleanerState(context.directives)));
+    out(QStringLiteral("queue: %1").arg(queueState(context.directives, *cache)));
     for (auto it = totals.cbegin(); it != totals.cend(); ++it) {
         const RuleTotals& t = it.value();
         out(QStringLiteral("rule \"%1\": %2 pages, %3 gzip copies, %4 bytes, oldest %5, newest %6")

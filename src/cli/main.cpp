@@ -19,7 +19,7 @@ namespace {
 const char* const Summary =
     "The page cache of the PHP workers, from the shell.\n\n"
     "Commands:\n"
-    "  status                 pages and bytes stored per rule, and the cleaner\n"
+    "  status                 pages and bytes stored per rule, the cleaner, and the farm's queue\n"
     "  list [--rule NAME]     the stored pages\n"
     "  inspect URL            the rule that covers URL, and its stored copies\n"
     "  remove WHAT            pattern PATTERN | uri RULE URI | rule NAME | ids ID... | all\n"

@@ -267,6 +267,11 @@ long nodeId()
     return numberOf("vesk.node_id", 0);
 }
 
+const char* clusterQueue()
+{
+    return textOf("vesk.cluster_queue", "");
+}
+
 const char* webserverType()
 {
     return textOf("vesk.webserver_type", nullptr);

@@ -41,6 +41,8 @@ long httpdUid();
 long httpdGid();
 const char* installDir();
 long nodeId();
+// The farm's task queue, "redis://host:port/db"; empty for none.
+const char* clusterQueue();
 const char* webserverType();
 long statisticsEnabled();
 const char* statsdConnectionString();

@@ -8,6 +8,7 @@
 
 #include "PageCachePurgeRules.h"
 #include "TKDTaskInserter.h"
+#include "VCacheRemoval.h"
 #include "VException.h"
 #include "VHTMLCache.h"
 
@@ -62,15 +63,25 @@ bool clusterFlag(const Arguments& args, size_t position)
 
 // Only a node of a cluster queues; the local removal has been done and
 // stands whatever happens to the task.
-void queueTask(bool cluster, tkd::TaskType type, const QString& payload, const char* failure)
+void queueTask(bool cluster, const VCacheRemoval& removal)
 {
     if (!cluster || nodeId() == 0)
         return;
     try {
-        TKDTaskInserter::addTask(type, true, moduleState.serverInfo, payload, moduleState.logStream);
+        TKDTaskInserter::addTask(removal.taskType(), true, moduleState.serverInfo, removal.payload(),
+                                 moduleState.logStream);
     } catch (const VException& e) {
-        VLOG(moduleState.logStream, 0) << failure << e.what();
+        VLOG(moduleState.logStream, 0) << removal.queueFailure() << e.what();
     }
+}
+
+// Removes here, then asks the other nodes for the same.
+bool removeAndQueue(const VCacheRemoval& removal, bool cluster)
+{
+    if (!removal.carryOut(*VHTMLCache::instance()))
+        return false;
+    queueTask(cluster, removal);
+    return true;
 }
 
 bool hasKey(const VeskValue& array, const char* key)
@@ -129,6 +140,22 @@ void addResponseHeaders(const VeskValue& value, PurgeRule& rule)
     }
 }
 
+// The rule refuses pages in this worker only; on a farm's queue each
+// node's agent, this node's too, removes the pages it covers from its
+// store, so that every worker of every node sees the purge.
+void queuePurge(const PurgeRule& rule)
+{
+    if (TKDTaskInserter::clusterQueue().isEmpty())
+        return;
+    const VCacheRemoval removal = VCacheRemoval::purge(rule.url.toString(), rule.creationTime, rule.applicationName);
+    try {
+        TKDTaskInserter::addTask(removal.taskType(), false, moduleState.serverInfo, removal.payload(),
+                                 moduleState.logStream);
+    } catch (const VException& e) {
+        VLOG(moduleState.logStream, 0) << removal.queueFailure() << e.what();
+    }
+}
+
 } // namespace
 
 bool pageCacheDisableCaching(VeskCall* call)
@@ -155,24 +182,12 @@ bool pageCacheDisableCompression(VeskCall* call)
 
 bool pageCacheRemoveCachedContents(VeskCall* call)
 {
-    const VDebug::StreamId log = moduleState.logStream;
     Arguments args;
     if (!argumentsOf(call, "s|b", args, "page_cache_remove_cached_contents"))
         return false;
     if (!moduleOn("page_cache_remove_cached_contents"))
         return false;
-    const QByteArray url = bytes(args[0]);
-    VLOG(log, 5) << "Removing cached contents for" << url;
-    // Callers pass the rule's pattern with ordinary groups; rules keep them
-    // non-capturing.
-    if (!VHTMLCache::instance()->clearNamespace(VHTMLCache::patternNamespace(QString::fromUtf8(url)))) {
-        VLOG(log, 0) << "Failed to remove cached contents for" << url;
-        return false;
-    }
-    queueTask(clusterFlag(args, 1), tkd::PAGECACHE_REMOVE_CACHED_CONTENTS,
-              QStringLiteral("[\"page_cache_remove_cached_contents\",\"%1\"]").arg(QString::fromUtf8(url)),
-              "page_cache_remove_cached_contents: failed to add TKD task.");
-    return true;
+    return removeAndQueue(VCacheRemoval::byPattern(bytes(args[0])), clusterFlag(args, 1));
 }
 
 bool pageCacheRemoveCachedContentsByUri(VeskCall* call)
@@ -182,17 +197,7 @@ bool pageCacheRemoveCachedContentsByUri(VeskCall* call)
         return false;
     if (!moduleOn("page_cache_remove_cached_contents_by_uri"))
         return false;
-    const QByteArray rule = bytes(args[0]);
-    const QByteArray uri = bytes(args[1]);
-    VLOG(moduleState.logStream, 5) << "Removing cached contents for uri" << uri << "in rule" << rule;
-    if (!VHTMLCache::instance()->removeByUri(rule, uri))
-        return false;
-    // This function has always reported with the remove-all function's words.
-    queueTask(clusterFlag(args, 2), tkd::PAGECACHE_REMOVE_BY_URI,
-              QStringLiteral("[\"page_cache_remove_cached_contents_by_uri\",\"%1\",\"%2\"]")
-                  .arg(QString::fromUtf8(rule), QString::fromUtf8(uri)),
-              "page_cache_remove_all_cached_contents: failed to add TKD task.");
-    return true;
+    return removeAndQueue(VCacheRemoval::byUri(bytes(args[0]), bytes(args[1])), clusterFlag(args, 2));
 }
 
 // Works on a refused module too: the rules may still name what is stored.
@@ -201,15 +206,7 @@ bool pageCacheRemoveCachedContentsByRule(VeskCall* call)
     Arguments args;
     if (!argumentsOf(call, "s|b", args, "page_cache_remove_cached_contents_by_rule"))
         return false;
-    const QByteArray rule = bytes(args[0]);
-    VLOG(moduleState.logStream, 5) << "Removing cached contents for rule" << rule;
-    if (!VHTMLCache::instance()->removeByRuleName(rule.constData()))
-        return false;
-    queueTask(clusterFlag(args, 1), tkd::PAGECACHE_REMOVE_BY_RULE,
-              QStringLiteral("[\"page_cache_remove_cached_contents_by_rule\",\"%1\"]")
-                  .arg(QString::fromUtf8(rule)),
-              "page_cache_remove_cached_contents_by_rule: failed to add TKD task.");
-    return true;
+    return removeAndQueue(VCacheRemoval::byRule(bytes(args[0])), clusterFlag(args, 1));
 }
 
 bool pageCacheRemoveCachedContentsByRulesIds(VeskCall* call)
@@ -217,8 +214,10 @@ bool pageCacheRemoveCachedContentsByRulesIds(VeskCall* call)
     Arguments args;
     if (!argumentsOf(call, "a|b", args, "page_cache_remove_cached_contents_by_rules_ids"))
         return false;
-    QString payload = QStringLiteral("[\"page_cache_remove_cached_contents_by_rules_ids\",");
-    // The first bad element ends the walk; removals made before it stand.
+    // The ids up to the first bad element; those before it are removed all
+    // the same, and no task is queued for them.
+    QList<qint64> ids;
+    bool allGood = true;
     for (const VeskArrayElement& element : args[0].elements) {
         qint64 id = 0;
         if (element.value.type == VeskValue::Long) {
@@ -227,43 +226,37 @@ bool pageCacheRemoveCachedContentsByRulesIds(VeskCall* call)
             id = std::strtoll(element.value.text.c_str(), nullptr, 10);
         } else {
             warn("Unkonwn parameter format in page_cache_remove_cached_contents_by_rules_ids\n");
-            return false;
+            allGood = false;
+            break;
         }
-        if (id == 0 || !VHTMLCache::instance()->removeByRuleId(id))
-            return false;
-        payload += QString::number(id, 10) + ',';
+        if (id == 0) {
+            allGood = false;
+            break;
+        }
+        ids << id;
     }
-    // The last comma closes the array; with no id it is the one after the name.
-    payload.chop(1);
-    payload += ']';
-    queueTask(clusterFlag(args, 1), tkd::PAGECACHE_REMOVE_BY_RULES_IDS, payload,
-              "page_cache_remove_cached_contents_by_rules_ids: failed to add TKD task.");
-    return true;
+    const VCacheRemoval removal = VCacheRemoval::byRuleIds(ids);
+    if (!allGood) {
+        removal.carryOut(*VHTMLCache::instance());
+        return false;
+    }
+    return removeAndQueue(removal, clusterFlag(args, 1));
 }
 
 bool pageCacheRemoveAllCachedContents(VeskCall* call)
 {
-    const VDebug::StreamId log = moduleState.logStream;
     if (vesk_num_args(call) > 1) {
         vesk_wrong_param_count(call);
         return false;
     }
     Arguments args;
     if (!vesk_parse_parameters(call, "|b", &args)) {
-        VLOG(log, 1) << "Wrong parameters passed to page_cache_remove_all_cached_contents() function";
+        VLOG(moduleState.logStream, 1) << "Wrong parameters passed to page_cache_remove_all_cached_contents() function";
         return false;
     }
     if (!moduleOn("page_cache_remove_all_cached_contents"))
         return false;
-    VLOG(log, 5) << "Removing all cached contents";
-    if (!VHTMLCache::instance()->clearNamespace(QByteArray())) {
-        VLOG(log, 0) << "Failed to remove cached contents";
-        return false;
-    }
-    queueTask(clusterFlag(args, 0), tkd::PAGECACHE_REMOVE_ALL,
-              QStringLiteral("[\"page_cache_remove_all_cached_contents\"]"),
-              "page_cache_remove_all_cached_contents: failed to add TKD task.");
-    return true;
+    return removeAndQueue(VCacheRemoval::all(), clusterFlag(args, 0));
 }
 
 bool pageCachePurge(VeskCall* call)
@@ -312,6 +305,7 @@ bool pageCachePurge(VeskCall* call)
         }
     }
     moduleState.purgeRules->addRule(rule);
+    queuePurge(rule);
     return true;
 }
 

@@ -159,6 +159,27 @@ class BuiltinServer:
         self.output.close()
 
 
+class RedisServer:
+    """A redis-server of the test's own on 127.0.0.1, keeping nothing on
+    disk; `port` to start one again where an earlier one listened."""
+
+    def __init__(self, directory, port=None):
+        self.port = port or free_port()
+        self.output = open(os.path.join(directory, "redis-%d.out" % self.port), "wb")
+        self.process = _spawn(["redis-server", "--port", str(self.port), "--bind", "127.0.0.1", "--save", "",
+                               "--appendonly", "no", "--dir", directory], self.output)
+        _listening(self, self.process, "redis-server")
+
+    @property
+    def url(self):
+        return "redis://127.0.0.1:%d/0" % self.port
+
+    def stop(self):
+        if self.process.poll() is None:
+            _terminate(self.process)
+        self.output.close()
+
+
 def _spawn(command, output, env=None):
     """Starts `command` in a session of its own, its output into the file `output`."""
     return subprocess.Popen(command, stdout=output, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, env=env,

@@ -1,5 +1,5 @@
 --TEST--
-On a cluster node removals queue their tasks, with the payload templates as they are; never with the flag off or on a stand-alone server
+On a cluster node removals queue their tasks, each payload a JSON array of the function's name and its arguments, quotes and backslashes escaped; never with the flag off or on a stand-alone server
 --INI--
 vesk.httpd_uid=0
 vesk.log_dir=${VESK_TEST_DIR}/log
@@ -54,8 +54,8 @@ var_dump(file_exists($queue));
 ?>
 --EXPECT--
 bool(false)
-81 1 2 nginx 0 ["page_cache_remove_cached_contents","http://<default-server>/(index\.php)?"]
-77 1 2 nginx 0 ["page_cache_remove_cached_contents_by_uri","Home page","/index.php?a="b""]
+81 1 2 nginx 0 ["page_cache_remove_cached_contents","http://<default-server>/(index\\.php)?"]
+77 1 2 nginx 0 ["page_cache_remove_cached_contents_by_uri","Home page","/index.php?a=\"b\""]
 79 1 2 nginx 0 ["page_cache_remove_cached_contents_by_rule","Home page"]
 80 1 2 nginx 0 ["page_cache_remove_cached_contents_by_rules_ids",1,12]
 80 1 2 nginx 0 ["page_cache_remove_cached_contents_by_rules_ids"]

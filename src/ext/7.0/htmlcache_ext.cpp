@@ -15,6 +15,7 @@
 #include "VException.h"
 #include "VFileDate.h"
 #include "VGlobals.h"
+#include "TKDTaskInserter.h"
 #include "VHTMLCache.h"
 #include "VPrivilegesDropper.h"
 
@@ -155,6 +156,8 @@ int moduleStartup()
     }
     moduleState.serverInfo = VeskServerInfo(installDir(), webserverType(), moduleState.logStream);
     moduleState.serverInfo.setServerNumber(int(nodeId()));
+    TKDTaskInserter::setClusterQueue(clusterQueue());
+    VHTMLCache::setClusterQueue(clusterQueue(), nodeId());
     if (!pageCacheConfig.enable_cli && webSapiCheck() == -1) {
         refuse(QString::fromLatin1(CliMessage), 3);
         pageCacheConfig.pulse_enable = false;

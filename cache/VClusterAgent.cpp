@@ -1,0 +1,106 @@
+#include "VClusterAgent.h"
+
+#include "PageCacheLogStream.h"
+#include "VCacheRemoval.h"
+#include "VDiskStorage.h"
+#include "VException.h"
+#include "VHTMLCache.h"
+
+#include <QFileInfo>
+
+VClusterAgent::VClusterAgent(const QByteArray& queueUrl, qint64 nodeId, const Store& store)
+    : store(store), nodeId(nodeId)
+{
+    // An object of its own, not the process's: the cleaner keeps the store
+    // of the cache it was forked with, and a reload here must not take it.
+    loadNewerRules();
+    m_group = groupName(nodeId, cache->store()->root());
+    consumer.reset(new TKDTaskConsumer(queueUrl, m_group));
+}
+
+VClusterAgent::~VClusterAgent()
+{
+    delete cache;
+}
+
+void VClusterAgent::loadNewerRules()
+{
+    const QDateTime date = QFileInfo(QString::fromLocal8Bit(store.rulesFile)).lastModified();
+    if (cache && date == rulesDate)
+        return;
+    rulesDate = date;
+    delete cache;
+    cache = new VHTMLCache;
+    if (!cache->load(store.savePath.constData(), store.dirDepth, store.rulesFile.constData(), 0, true, 100, false,
+                     false))
+        VLOG(PageCacheLogStream, 0) << "Cluster agent:" << cache->lastError();
+}
+
+QByteArray VClusterAgent::groupName(qint64 nodeId, const QByteArray& storeRoot)
+{
+    return "node-" + QByteArray::number(nodeId) + ':' + storeRoot;
+}
+
+// Said once when the queue goes away and once when it is back, so that a
+// Redis that is down doesn't fill the log.
+bool VClusterAgent::reachQueue()
+{
+    const VDebug::StreamId log = PageCacheLogStream;
+    if (consumer->connected())
+        return true;
+    try {
+        consumer->connect();
+    } catch (const VException& e) {
+        if (!unreachableLogged)
+            VLOG(log, 0) << "Cluster agent cannot reach the task queue:" << e.what();
+        unreachableLogged = true;
+        return false;
+    }
+    unreachableLogged = false;
+    VLOG(log, 3) << "Cluster agent reads the task queue as group" << m_group;
+    return true;
+}
+
+bool VClusterAgent::waitForTasks(int ms)
+{
+    if (!reachQueue())
+        return false;
+    try {
+        for (const TKDTask& task : consumer->next(ms)) {
+            carryOut(task);
+            consumer->acknowledge(task.id);
+        }
+    } catch (const VException& e) {
+        // What wasn't acknowledged comes again after the next connect.
+        VLOG(PageCacheLogStream, 0) << "Cluster agent lost the task queue:" << e.what();
+        unreachableLogged = true;
+        return false;
+    }
+    return true;
+}
+
+void VClusterAgent::carryOut(const TKDTask& task)
+{
+    const VDebug::StreamId log = PageCacheLogStream;
+    if (task.otherNodesOnly && task.node == nodeId) {
+        VLOG(log, 5) << "Cluster task" << task.id << "was made here for the other nodes";
+        return;
+    }
+    if (task.deliveries > MaxDeliveries) {
+        // Handed out this often, it has ended its agent each time.
+        VLOG(log, 0) << "Cluster task" << task.id << "given up after" << MaxDeliveries << "attempts:" << task.payload;
+        return;
+    }
+    VCacheRemoval removal;
+    QString error;
+    if (!VCacheRemoval::fromPayload(task.payload, &removal, &error)) {
+        VLOG(log, 0) << "Cluster task" << task.id << "can't be carried out:" << error << task.payload;
+        return;
+    }
+    loadNewerRules();
+    if (!removal.carryOut(*cache)) {
+        VLOG(log, 0) << "Cluster task" << task.id << "failed:" << task.payload;
+        return;
+    }
+    VLOG(log, 5) << "Cluster task" << task.id << "carried out:" << task.payload;
+}

@@ -1,0 +1,73 @@
+#pragma once
+
+#include "VRedisConnection.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+#include <memory>
+
+// The farm's tasks on Redis: one stream, each entry a task with the fields
+// type, payload, node (the node that made it), others ("1": the other
+// nodes only) and time (Unix seconds). The stream keeps the last MaxLength
+// tasks, about: a node away for longer misses the oldest of what it missed.
+namespace TKDTaskStream {
+extern const char Key[];
+constexpr int MaxLength = 10000;
+} // namespace TKDTaskStream
+
+struct TKDTask
+{
+    QByteArray id; // the stream's entry id
+    int type = 0;
+    QByteArray payload;
+    qint64 node = 0;
+    bool otherNodesOnly = false;
+    qint64 time = 0;
+    int deliveries = 1; // how often the stream has handed it to this group
+};
+
+// Where one consumer group stands on the stream.
+struct TKDQueuePosition
+{
+    QByteArray lastDelivered; // the id of the last task handed to the group
+    qint64 pending = 0;       // handed out, not acknowledged
+    qint64 lag = -1;          // tasks not yet handed out; -1 when Redis can't tell
+    qint64 length = 0;        // tasks in the stream
+    bool groupExists = false;
+};
+
+// A node's reading of the stream, in a consumer group of its own: every
+// group sees every task once, in order. What this consumer was handed and
+// didn't acknowledge (it ended midway) comes again first after a connect.
+class TKDTaskConsumer
+{
+public:
+    TKDTaskConsumer(const QByteArray& url, const QByteArray& group);
+    ~TKDTaskConsumer();
+
+    // Connects and joins the group, which starts at the stream's end when
+    // new. Throws VException; calling it again retries.
+    void connect();
+    bool connected() const;
+    // The next tasks: first those handed before and never acknowledged,
+    // then new ones, waiting up to `blockMs` for one. Throws VException
+    // when the connection fails; connect() again then.
+    QList<TKDTask> next(int blockMs);
+    void acknowledge(const QByteArray& id);
+
+    // The group's position, read on a connection of its own. Throws.
+    static TKDQueuePosition position(const QByteArray& url, const QByteArray& group);
+
+    static constexpr int ConnectTimeoutMs = 100;
+    static const char Consumer[];
+
+private:
+    QList<TKDTask> read(const QByteArray& from, int blockMs);
+    QList<TKDTask> readPending();
+
+    VRedisAddress address;
+    QByteArray group;
+    std::unique_ptr<VRedisConnection> connection;
+    bool readingPending = true;
+};
