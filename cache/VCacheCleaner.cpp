@@ -5,6 +5,7 @@
 #include "VDiskStorage.h"
 #include "VException.h"
 #include "VGlobals.h"
+#include "VPublishedPages.h"
 #include "VeskServerInfo.h"
 
 #include <cerrno>
@@ -117,6 +118,12 @@ void VCacheCleaner::clean()
         s_cleaning = 1;
         armTimer(true);
         storage->cleanExpired();
+        // Published files go with the records this cleaning ended, expired
+        // or evicted, and with pages past their own lifetime in their grace.
+        if (published)
+            published->sweep(qint64(time(nullptr)), [this](const QByteArray& ns, const QByteArray& key) {
+                return storage->contains(ns, key, false);
+            });
         armTimer(false);
         s_cleaning = 0;
         const VDiskStorage::Cleaning done = storage->lastCleaning();

@@ -5,6 +5,7 @@
 
 class VCleanerWatch;
 class VDiskStorage;
+class VPublishedPages;
 
 // Drops expired pages at a fixed period. It runs in a process of its own,
 // forked at module start; run() is called directly on that process's one
@@ -21,6 +22,8 @@ public:
     void watchMaster(VCleanerWatch* watch);
     // What each cleaning leaves at most, in bytes; 0 for no bound.
     void setMaxStoreSize(qint64 bytes) { maxStoreSize = bytes; }
+    // The published files that end with their pages at each cleaning.
+    void setPublished(VPublishedPages* pages) { published = pages; }
 
     void run() override;
 
@@ -37,4 +40,5 @@ private:
     int frequency;
     QString productDir;
     qint64 maxStoreSize = 0;
+    VPublishedPages* published = nullptr;
 };
