@@ -312,6 +312,9 @@ bool pageCachePurge(VeskCall* call)
         }
     }
     moduleState.purgeRules->addRule(rule);
+    // The web server can't ask the purge rules: published files all go,
+    // and pages the rule spares are published again as they are stored.
+    VHTMLCache::unpublishAll();
     return true;
 }
 
