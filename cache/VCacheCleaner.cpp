@@ -12,6 +12,7 @@
 #include <csignal>
 #include <ctime>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -120,6 +121,8 @@ void VCacheCleaner::clean()
         storage->cleanExpired();
         // Published files go with the records this cleaning ended, expired
         // or evicted, and with pages past their own lifetime in their grace.
+        if (published && purgeDatabaseChanged())
+            published->unpublishNamespace(QByteArray());
         if (published)
             published->sweep(qint64(time(nullptr)), [this](const QByteArray& ns, const QByteArray& key) {
                 return storage->contains(ns, key, false);
@@ -132,6 +135,17 @@ void VCacheCleaner::clean()
                          << maxStoreSize << "bytes:" << done.bytesBefore << "before," << done.bytesAfter << "after";
     }
     VLOG(log, 5) << "Cache cleaner finished cleaning expired cache entries";
+}
+
+bool VCacheCleaner::purgeDatabaseChanged()
+{
+    struct stat st;
+    const qint64 date = !purgeDatabase.isEmpty() && stat(purgeDatabase.constData(), &st) == 0
+                            ? qint64(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec
+                            : 0;
+    const bool changed = purgeDatabaseDate >= 0 && date != purgeDatabaseDate;
+    purgeDatabaseDate = date;
+    return changed;
 }
 
 void VCacheCleaner::run()
@@ -152,6 +166,8 @@ void VCacheCleaner::run()
     }
     if (storage)
         storage->setSizeBound(maxStoreSize, pageOf);
+    // From now on a purge counts, whenever it comes.
+    purgeDatabaseChanged();
     while (!stopRequested && !s_stopSignal) {
         // A frequency of 0 or less cleans back to back, as configured.
         for (int second = 0; second < frequency && !stopRequested && !s_stopSignal; ++second) {

@@ -24,6 +24,9 @@ public:
     void setMaxStoreSize(qint64 bytes) { maxStoreSize = bytes; }
     // The published files that end with their pages at each cleaning.
     void setPublished(VPublishedPages* pages) { published = pages; }
+    // A file whose change ends every published file at the next cleaning:
+    // the purge rules' database, which any process may write.
+    void setPurgeDatabase(const QByteArray& path) { purgeDatabase = path; }
 
     void run() override;
 
@@ -35,10 +38,14 @@ public:
 
 private:
     void clean();
+    // Whether the purge database changed since the last cleaning asked.
+    bool purgeDatabaseChanged();
 
     VDiskStorage* storage;
     int frequency;
     QString productDir;
     qint64 maxStoreSize = 0;
     VPublishedPages* published = nullptr;
+    QByteArray purgeDatabase;
+    qint64 purgeDatabaseDate = -1;
 };

@@ -35,6 +35,7 @@ bool handOverCleaner = false;
 qint64 maxStoreBytes = 0;
 // Inherited by the cleaner, which ends the files of pages that expire.
 VPublishedPages* publishedPages = nullptr;
+QByteArray purgeDatabasePath;
 // Shared with the cleaner and inherited by every process forked later.
 VCleanerWatch* cleanerWatch = nullptr;
 
@@ -125,6 +126,11 @@ void VHTMLCache::setPublishDir(const QByteArray& dir)
     publishedPages = dir.isEmpty() ? nullptr : new VPublishedPages(dir);
 }
 
+void VHTMLCache::setPurgeDatabase(const QByteArray& path)
+{
+    purgeDatabasePath = path;
+}
+
 VPublishedPages* VHTMLCache::published()
 {
     return publishedPages;
@@ -173,6 +179,7 @@ void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& prod
     VLOG(log, 3) << "Starting Cache Cleaner at pid" << qint64(getpid()) << "with frequency of" << frequency;
     cleaner->setMaxStoreSize(maxStoreBytes);
     cleaner->setPublished(publishedPages);
+    cleaner->setPurgeDatabase(purgeDatabasePath);
     cleaner->run();
     // Only a stop request or the end of the master ends run(); nothing of
     // the parent's start-up may go on in this process.

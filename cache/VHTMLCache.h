@@ -46,6 +46,9 @@ public:
     static void setPublishDir(const QByteArray& dir);
     // The mirror, or null when there is no publish directory.
     static VPublishedPages* published();
+    // The purge rules' database: the cleaner ends every published file when
+    // it changes, whoever wrote it.
+    static void setPurgeDatabase(const QByteArray& path);
 
     QString lastError() const { return m_lastError; }
 

@@ -107,6 +107,20 @@ class Published:
                 # Stored and published again.
                 self.assertFromPhp("/page.php")
 
+    def test_purge_by_another_process_removes_the_files_at_the_next_cleaning(self):
+        self.assertFromPhp("/page.php")
+        self.assertWithoutPhp("/page.php")
+        # The command line's PHP, which publishes nothing: only the cleaner
+        # sees the purge database change.
+        directives = dict(self.values, **{"vesk_pagecache.enable_cli": "1"})
+        directives.pop("vesk_pagecache.publish_dir")
+        code = "var_dump(page_cache_purge(['url' => 'http://127.0.0.1:%d/page.php', 'created_ago' => 0]));"
+        result = subprocess.run(harness.php_command(directives) + ["-r", code % self.server.port],
+                                capture_output=True, timeout=60)
+        self.assertEqual(b"bool(true)\n", result.stdout)
+        self.wait_until(lambda: not self.published_files(), 5, "a purge left files published")
+        self.assertFromPhp("/page.php")
+
     def test_expiry_removes_the_files_at_the_next_cleaning(self):
         self.assertFromPhp("/short.php")
         self.assertWithoutPhp("/short.php")

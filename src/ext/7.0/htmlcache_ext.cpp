@@ -175,6 +175,7 @@ int moduleStartup()
         VHTMLCache::setHandOverCleaner(isFpm());
         // MiB; anything that isn't a positive number leaves the store unbounded.
         VHTMLCache::setMaxStoreSize(qBound<qint64>(0, pageCacheConfig.max_store_size, qint64(1) << 40) << 20);
+        VHTMLCache::setPurgeDatabase(QFile::encodeName(moduleState.purgeRules->databaseFileName()));
         const char* publishDir = pageCacheConfig.publish_dir;
         VHTMLCache::setPublishDir(publishDir && *publishDir ? resolvePath(publishDir, TempDirBase) : QByteArray());
         reloadRules(true);
