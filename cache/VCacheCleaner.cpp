@@ -8,6 +8,11 @@
 #include "VPublishedPages.h"
 #include "VeskServerInfo.h"
 
+#include <QFile>
+#include <QSqlDatabase>
+#include <QSqlQuery>
+#include <QVariant>
+
 #include <cerrno>
 #include <csignal>
 #include <ctime>
@@ -137,13 +142,42 @@ void VCacheCleaner::clean()
     VLOG(log, 5) << "Cache cleaner finished cleaning expired cache entries";
 }
 
+namespace {
+
+// Whether the purge database holds any rule. A database that appears holds
+// none when a worker made it at its first request, and some when a purge
+// made it.
+bool holdsPurgeRules(const QByteArray& path)
+{
+    const QString connection = QStringLiteral("vesk-cleaner-purge");
+    bool holds = true;
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), connection);
+        db.setDatabaseName(QFile::decodeName(path));
+        db.setConnectOptions(QStringLiteral("QSQLITE_OPEN_READONLY"));
+        // Anything doubtful counts as a purge.
+        if (db.open()) {
+            QSqlQuery query(db);
+            if (query.exec(QStringLiteral("SELECT COUNT(*) FROM pagecache_purge_rules")) && query.next())
+                holds = query.value(0).toLongLong() > 0;
+        }
+        db.close();
+    }
+    QSqlDatabase::removeDatabase(connection);
+    return holds;
+}
+
+} // namespace
+
 bool VCacheCleaner::purgeDatabaseChanged()
 {
     struct stat st;
     const qint64 date = !purgeDatabase.isEmpty() && stat(purgeDatabase.constData(), &st) == 0
                             ? qint64(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec
                             : 0;
-    const bool changed = purgeDatabaseDate >= 0 && date != purgeDatabaseDate;
+    bool changed = purgeDatabaseDate >= 0 && date != purgeDatabaseDate;
+    if (changed && purgeDatabaseDate == 0)
+        changed = holdsPurgeRules(purgeDatabase);
     purgeDatabaseDate = date;
     return changed;
 }

@@ -12,7 +12,8 @@ import harness
 RULE = harness.url_rule("(page|sized|off)\\.php", "Published", id="7", publish="true",
                         conditions=('global="_COOKIE[logged_in]" type="not_exists" value=""',))
 SHORT = harness.url_rule("(short)\\.php", "Short", id="8", publish="true", lifetime="2")
-RULES = harness.rules_file(RULE, SHORT)
+BIG = harness.url_rule("(big1|big2)\\.php", "Big", id="9", publish="true", compress="false")
+RULES = harness.rules_file(RULE, SHORT, BIG)
 
 
 class Published:
@@ -27,10 +28,14 @@ class Published:
             with open(os.path.join(self.site, name + ".php"), "w") as f:
                 f.write("<?php require __DIR__ . '/_record.php';\n%secho '<p>%s ' . microtime(true) . '</p>';\n"
                         % ("page_cache_disable_caching();\n" if name == "off" else "", name))
+        # Two pages of 700 kB that a store bound of 1 MiB can't both keep.
+        for name in ("big1", "big2"):
+            with open(os.path.join(self.site, name + ".php"), "w") as f:
+                f.write("<?php require __DIR__ . '/_record.php';\necho bin2hex(random_bytes(350000));\n")
         with open(os.path.join(self.site, "size.txt"), "w") as f:
             f.write("3000")
         self.values = self.directives(vesk_pagecache__log_verbosity_level="4", vesk_pagecache__enable_qa_info="1",
-                                      vesk_pagecache__clean_frequency="1",
+                                      vesk_pagecache__clean_frequency="1", vesk_pagecache__max_store_size="1",
                                       vesk_pagecache__publish_dir=self.publish_dir)
         self.server = self.serve(self.KIND, directives=self.values, server_config=self.generated())
 
@@ -126,6 +131,16 @@ class Published:
         self.assertWithoutPhp("/short.php")
         self.wait_until(lambda: not self.published_files(), 5, "the cleaner left an expired page's files")
         self.assertFromPhp("/short.php")
+
+    def test_eviction_under_the_store_bound_removes_the_files(self):
+        self.assertFromPhp("/big1.php")
+        time.sleep(1.1)
+        self.assertFromPhp("/big2.php")
+        # The cleaner evicts the older page, and its files with it.
+        self.wait_until(lambda: len(self.published_files()) == 1, 5, "an evicted page's files stayed")
+        self.assertTrue(self.published_files()[0].endswith("big2.php.vesk.html"), self.published_files())
+        self.assertWithoutPhp("/big2.php")
+        self.assertFromPhp("/big1.php")
 
     def test_disabled_caching_and_a_changed_rule_leave_nothing_published(self):
         self.assertFromPhp("/off.php")
