@@ -350,9 +350,12 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
     if (alreadyCompressed) {
         VLOG(log, 5) << "Decompressing output for clear format";
         clearBody = decompress(data, size);
-        // The gzip copy alone stands for the page.
-        if (clearBody.isEmpty())
+        // The gzip copy alone stands for the page, and isn't published.
+        if (clearBody.isEmpty()) {
+            if (publish && publishedPages)
+                publishedPages->unpublish(ns, key);
             return true;
+        }
         VHeaderLines::removeName(clearHeaders, "Content-Encoding");
     }
     CacheEntry entry;

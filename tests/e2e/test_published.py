@@ -95,22 +95,33 @@ class Published:
                 self.assertEqual("pass (conditions)", response["x-pagecache"])
 
     def test_each_ending_removes_the_files(self):
-        endings = [
+        functions = [
             ("page_cache_remove_cached_contents", "http://<default-server>/(page|sized|off)\\.php"),
             ("page_cache_remove_cached_contents_by_uri", "Published", "/page.php"),
             ("page_cache_remove_cached_contents_by_rule", "Published"),
             ("page_cache_remove_cached_contents_by_rules_ids", [7]),
             ("page_cache_remove_all_cached_contents",),
-            ("page_cache_purge", {"url": "http://127.0.0.1:%d/page.php" % self.server.port, "created_ago": 0}),
         ]
+        endings = [(f[0], lambda f=f: self.assertIs(True, self.call(self.server.port, *f))) for f in functions]
+        # The operators' tool removes as the workers do.
+        endings.append(("vesk-pagecache remove all", self.tool_removes_all))
+        # Last: the cleaner ends every file once more after the purge.
+        endings.append(("page_cache_purge", lambda: self.assertIs(True, self.call(
+            self.server.port, "page_cache_purge",
+            {"url": "http://127.0.0.1:%d/page.php" % self.server.port, "created_ago": 0}))))
         self.assertFromPhp("/page.php")
-        for ending in endings:
-            with self.subTest(ending[0]):
+        for name, ending in endings:
+            with self.subTest(name):
                 self.assertWithoutPhp("/page.php")
-                self.assertIs(True, self.call(self.server.port, *ending))
+                ending()
                 self.assertEqual([], self.published_files())
                 # Stored and published again.
                 self.assertFromPhp("/page.php")
+
+    def tool_removes_all(self):
+        result = subprocess.run([harness.TOOL, "--ini", self.workspace.path("tool.ini"), "remove", "all"],
+                                capture_output=True, text=True, timeout=30, env=dict(os.environ, PHP_INI_SCAN_DIR=""))
+        self.assertEqual(0, result.returncode, result.stderr)
 
     def test_purge_by_another_process_removes_the_files_at_the_next_cleaning(self):
         self.assertFromPhp("/page.php")
