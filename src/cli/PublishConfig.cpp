@@ -121,8 +121,11 @@ QString nginxPublishConfig(const QList<CacheRule>& rules, const QByteArray& publ
         "# 'vesk-pagecache publish-config nginx' for the rules in force: make it\n"
         "# again when they change. Include it in the server block.\n"
         "    set $vesk_ok \"\";\n"
-        "    if ($request_method ~ ^(GET|HEAD)$) { set $vesk_ok 1; }\n"
-        "    if ($request_uri ~ \"\\?\") { set $vesk_ok \"\"; }\n");
+        "    if ($request_method = GET) { set $vesk_ok 1; }\n"
+        "    if ($request_method = HEAD) { set $vesk_ok 1; }\n"
+        // A published file's path reads the same decoded: any difference is
+        // a query, an escape or a segment the server took out.
+        "    if ($request_uri != $uri) { set $vesk_ok \"\"; }\n");
     text += QStringLiteral("    if ($http_cookie !~ \"%1\") { set $vesk_ok \"\"; }\n").arg(QLatin1String(PlainCookies));
     for (const CacheRule& rule : rules) {
         if (rule.d->publish && rule.d->enable)
@@ -175,7 +178,9 @@ QString apacheRule(const CacheRule& rule, const QByteArray& dir)
     for (const Block& block : blocks) {
         QStringList conditions = {
             QStringLiteral("RewriteCond %{REQUEST_METHOD} ^(GET|HEAD)$"),
-            QStringLiteral("RewriteCond %{THE_REQUEST} !^\\S+\\s[^\\s?]*\\?"),
+            // The path as sent, without a query, must read the same decoded.
+            QStringLiteral("RewriteCond %{THE_REQUEST} ^\\S+\\s(/[^\\s?]*)(\\s|$)"),
+            QStringLiteral("RewriteCond %{REQUEST_URI}#%1 ^([^#]*)#\\1$"),
             QStringLiteral("RewriteCond %{HTTP_COOKIE} %1").arg(QLatin1String(PlainCookies)),
         };
         for (const CookieTest& test : block.cookies)

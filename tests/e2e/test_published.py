@@ -94,6 +94,17 @@ class Published:
                 response, _ = self.assertFromPhp("/page.php", Cookie=cookie)
                 self.assertEqual("pass (conditions)", response["x-pagecache"])
 
+    def test_requests_of_another_form_reach_php(self):
+        self.assertFromPhp("/page.php")
+        self.assertWithoutPhp("/page.php")
+        for method, path in (("GET", "/page.php?x=1"), ("GET", "/page.php?"), ("GET", "/page%2Ephp"),
+                             ("GET", "/x/../page.php"), ("POST", "/page.php")):
+            with self.subTest(method + " " + path):
+                runs = self.runs()
+                harness.http_get(self.server.port, path, method=method)
+                self.assertEqual(runs + 1, self.runs())
+        self.assertWithoutPhp("/page.php")
+
     def test_each_ending_removes_the_files(self):
         functions = [
             ("page_cache_remove_cached_contents", "http://<default-server>/(page|sized|off)\\.php"),
