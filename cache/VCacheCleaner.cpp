@@ -6,12 +6,19 @@
 #include "VDiskStorage.h"
 #include "VException.h"
 #include "VGlobals.h"
+#include "VPublishedPages.h"
 #include "VeskServerInfo.h"
+
+#include <QFile>
+#include <QSqlDatabase>
+#include <QSqlQuery>
+#include <QVariant>
 
 #include <cerrno>
 #include <csignal>
 #include <ctime>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -157,6 +164,14 @@ void VCacheCleaner::clean()
         s_cleaning = 1;
         armTimer(true);
         storage->cleanExpired();
+        // Published files go with the records this cleaning ended, expired
+        // or evicted, and with pages past their own lifetime in their grace.
+        if (published && purgeDatabaseChanged())
+            published->unpublishNamespace(QByteArray());
+        if (published)
+            published->sweep(qint64(time(nullptr)), [this](const QByteArray& ns, const QByteArray& key) {
+                return storage->contains(ns, key, false);
+            });
         armTimer(false);
         s_cleaning = 0;
         const VDiskStorage::Cleaning done = storage->lastCleaning();
@@ -165,6 +180,46 @@ void VCacheCleaner::clean()
                          << maxStoreSize << "bytes:" << done.bytesBefore << "before," << done.bytesAfter << "after";
     }
     VLOG(log, 5) << "Cache cleaner finished cleaning expired cache entries";
+}
+
+namespace {
+
+// Whether the purge database holds any rule. A database that appears holds
+// none when a worker made it at its first request, and some when a purge
+// made it.
+bool holdsPurgeRules(const QByteArray& path)
+{
+    const QString connection = QStringLiteral("vesk-cleaner-purge");
+    bool holds = true;
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), connection);
+        db.setDatabaseName(QFile::decodeName(path));
+        db.setConnectOptions(QStringLiteral("QSQLITE_OPEN_READONLY"));
+        // Anything doubtful counts as a purge.
+        if (db.open()) {
+            QSqlQuery query(db);
+            if (query.exec(QStringLiteral("SELECT COUNT(*) FROM pagecache_purge_rules")) && query.next())
+                holds = query.value(0).toLongLong() > 0;
+        }
+        db.close();
+    }
+    QSqlDatabase::removeDatabase(connection);
+    return holds;
+}
+
+} // namespace
+
+bool VCacheCleaner::purgeDatabaseChanged()
+{
+    struct stat st;
+    const qint64 date = !purgeDatabase.isEmpty() && stat(purgeDatabase.constData(), &st) == 0
+                            ? qint64(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec
+                            : 0;
+    bool changed = purgeDatabaseDate >= 0 && date != purgeDatabaseDate;
+    if (changed && purgeDatabaseDate == 0)
+        changed = holdsPurgeRules(purgeDatabase);
+    purgeDatabaseDate = date;
+    return changed;
 }
 
 void VCacheCleaner::run()
@@ -185,6 +240,8 @@ void VCacheCleaner::run()
     }
     if (storage)
         storage->setSizeBound(maxStoreSize, pageOf);
+    // From now on a purge counts, whenever it comes.
+    purgeDatabaseChanged();
     while (!stopRequested && !s_stopSignal) {
         // A frequency of 0 or less cleans back to back, as configured.
         for (int second = 0; second < frequency && !stopRequested && !s_stopSignal; ++second) {

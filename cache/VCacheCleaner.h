@@ -6,6 +6,7 @@
 class VCleanerWatch;
 class VClusterAgent;
 class VDiskStorage;
+class VPublishedPages;
 
 // Drops expired pages at a fixed period. It runs in a process of its own,
 // forked at module start; run() is called directly on that process's one
@@ -24,6 +25,11 @@ public:
     void setMaxStoreSize(qint64 bytes) { maxStoreSize = bytes; }
     // The farm's agent, which this cleaner owns and runs between cleanings.
     void setAgent(VClusterAgent* agent);
+    // The published files that end with their pages at each cleaning.
+    void setPublished(VPublishedPages* pages) { published = pages; }
+    // A file whose change ends every published file at the next cleaning:
+    // the purge rules' database, which any process may write.
+    void setPurgeDatabase(const QByteArray& path) { purgeDatabase = path; }
 
     void run() override;
 
@@ -36,10 +42,15 @@ public:
 private:
     void clean();
     void waitOneSecond();
+    // Whether the purge database changed since the last cleaning asked.
+    bool purgeDatabaseChanged();
 
     VDiskStorage* storage;
     int frequency;
     QString productDir;
     qint64 maxStoreSize = 0;
     VClusterAgent* agent = nullptr;
+    VPublishedPages* published = nullptr;
+    QByteArray purgeDatabase;
+    qint64 purgeDatabaseDate = -1;
 };

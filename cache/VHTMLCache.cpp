@@ -17,6 +17,7 @@
 #include <QFileInfo>
 
 #include <cstring>
+#include <ctime>
 #include <QDir>
 #include <cerrno>
 #include <csignal>
@@ -37,6 +38,9 @@ QByteArray clusterQueueUrl;
 qint64 clusterNodeId = 0;
 // What the cleaner's agent opens: the store and rules of the last load.
 VClusterAgent::Store clusterStore;
+// Inherited by the cleaner, which ends the files of pages that expire.
+VPublishedPages* publishedPages = nullptr;
+QByteArray purgeDatabasePath;
 // Shared with the cleaner and inherited by every process forked later.
 VCleanerWatch* cleanerWatch = nullptr;
 
@@ -144,6 +148,27 @@ VClusterAgent* clusterAgent()
 }
 
 } // namespace
+void VHTMLCache::setPublishDir(const QByteArray& dir)
+{
+    delete publishedPages;
+    publishedPages = dir.isEmpty() ? nullptr : new VPublishedPages(dir);
+}
+
+void VHTMLCache::setPurgeDatabase(const QByteArray& path)
+{
+    purgeDatabasePath = path;
+}
+
+VPublishedPages* VHTMLCache::published()
+{
+    return publishedPages;
+}
+
+void VHTMLCache::unpublishAll()
+{
+    if (publishedPages)
+        publishedPages->unpublishNamespace(QByteArray());
+}
 
 void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& productDir)
 {
@@ -182,6 +207,8 @@ void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& prod
     VLOG(log, 3) << "Starting Cache Cleaner at pid" << qint64(getpid()) << "with frequency of" << frequency;
     cleaner->setMaxStoreSize(maxStoreBytes);
     cleaner->setAgent(clusterAgent());
+    cleaner->setPublished(publishedPages);
+    cleaner->setPurgeDatabase(purgeDatabasePath);
     cleaner->run();
     // Only a stop request or the end of the master ends run(); nothing of
     // the parent's start-up may go on in this process.
@@ -289,12 +316,15 @@ bool VHTMLCache::removeEntry(const QByteArray& ns, const QByteArray& key)
     if (!storage)
         return false;
     const bool clearRemoved = storage->remove(ns, key);
-    return storage->remove(ns, key + ".z") && clearRemoved;
+    const bool gzipRemoved = storage->remove(ns, key + ".z");
+    if (publishedPages)
+        publishedPages->unpublish(ns, key);
+    return gzipRemoved && clearRemoved;
 }
 
 bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const QByteArray& url, const char* data,
                              qint64 size, int status, const QLinkedList<QByteArray>& headers, quint32 lifetime,
-                             bool compress, bool alreadyCompressed)
+                             bool compress, bool alreadyCompressed, const PublishTarget* publish)
 {
     const VDebug::StreamId log = PageCacheLogStream;
     if (!storage) {
@@ -349,9 +379,12 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
     if (alreadyCompressed) {
         VLOG(log, 5) << "Decompressing output for clear format";
         clearBody = decompress(data, size);
-        // The gzip copy alone stands for the page.
-        if (clearBody.isEmpty())
+        // The gzip copy alone stands for the page, and isn't published.
+        if (clearBody.isEmpty()) {
+            if (publish && publishedPages)
+                publishedPages->unpublish(ns, key);
             return true;
+        }
         VHeaderLines::removeName(clearHeaders, "Content-Encoding");
     }
     CacheEntry entry;
@@ -363,7 +396,41 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
     const bool stored = storage->write(ns, key, entry.toRecord(), &scratch, int(lifetime), 0);
     if (!stored)
         VLOG(log, 0) << "failed to store output for" << key << storage->lastError.constData();
+    else if (publish && publishedPages)
+        publishStored(ns, key, *publish, status, clearHeaders, clearBody,
+                      storeCompressed ? compressedBody : QByteArray());
     return stored;
+}
+
+void VHTMLCache::publishStored(const QByteArray& ns, const QByteArray& key, const PublishTarget& target,
+                               int status, const QLinkedList<QByteArray>& headers, const QByteArray& clearBody,
+                               const QByteArray& gzipBody)
+{
+    const VDebug::StreamId log = PageCacheLogStream;
+    QByteArray why;
+    const QByteArray file = VPublishedPages::fileFor(ns, target.url, &why);
+    if (file.isNull() || !VPublishedPages::sendsAsStored(status, headers, target.contentType, &why)) {
+        VLOG(log, 3) << "Not publishing" << target.url << ":" << why;
+        // The record no longer holds what an older page of it published.
+        publishedPages->unpublish(ns, key);
+        return;
+    }
+    const QByteArray lastModified = VHeaderLines::value(headers, "Last-Modified");
+    QDateTime date = lastModified.isNull() ? QDateTime() : parseHttpDate(lastModified.constData());
+    date.setTimeSpec(Qt::UTC);
+    const qint64 mtime = date.isValid() ? date.toSecsSinceEpoch() : qint64(time(nullptr));
+    if (!publishedPages->publish(ns, key, file, clearBody, gzipBody, mtime, target.expiresAt)) {
+        VLOG(log, 0) << "Failed to publish" << target.url << publishedPages->lastError;
+        publishedPages->unpublish(ns, key);
+        return;
+    }
+    // An ending that ran while the files were written may have missed them:
+    // they stay only while their entry and their record are both there.
+    if (!publishedPages->stillNames(ns, key, file) || !storage->contains(ns, key, false)) {
+        publishedPages->unpublish(ns, key);
+        return;
+    }
+    VLOG(log, 4) << "Published" << target.url << "as" << file;
 }
 
 bool VHTMLCache::compressionWanted(qint64 size, bool allowed, const char* tidyCleanOutput)
@@ -391,6 +458,8 @@ bool VHTMLCache::clearNamespace(const QByteArray& ns)
     if (!storage)
         return false;
     const bool cleared = storage->clearNamespace(ns);
+    if (publishedPages)
+        publishedPages->unpublishNamespace(ns);
     if (cleared)
         return true;
     m_lastError = storage->lastError.isNull() ? QString() : QString::fromUtf8(storage->lastError.constData());
@@ -415,6 +484,8 @@ QByteArray VHTMLCache::patternNamespace(const QString& pattern)
 bool VHTMLCache::clearRule(const CacheRule& rule)
 {
     const bool cleared = storage && storage->clearNamespace(ruleNamespace(rule));
+    if (publishedPages)
+        publishedPages->unpublishNamespace(ruleNamespace(rule));
     if (cleared)
         VLOG(PageCacheLogStream, 3) << "Remove cached contents for rule" << rule.name;
     else

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "CacheEntry.h"
+#include "VPublishedPages.h"
 #include "VRuleMatcher.h"
 
 #include <QString>
@@ -43,6 +44,14 @@ public:
     // The farm's task queue ("redis://host:port/db") whose tasks the
     // cleaner carries out on this store as node `nodeId`; empty for none.
     static void setClusterQueue(const QByteArray& url, qint64 nodeId);
+    // Where pages of rules that publish are mirrored as static files; empty
+    // for nowhere, and nothing is then written outside the store.
+    static void setPublishDir(const QByteArray& dir);
+    // The mirror, or null when there is no publish directory.
+    static VPublishedPages* published();
+    // The purge rules' database: the cleaner ends every published file when
+    // it changes, whoever wrote it.
+    static void setPurgeDatabase(const QByteArray& path);
 
     QString lastError() const { return m_lastError; }
 
@@ -56,10 +65,12 @@ public:
     // Removes both copies of a page, the clear one and the gzip one.
     bool removeEntry(const QByteArray& ns, const QByteArray& key);
     // Stores a page: a gzip copy when `compress` (or when the body is gzip
-    // already), and the clear copy.
+    // already), and the clear copy. With `publish` (its rule publishes) the
+    // page is also published when the web server can send it as stored,
+    // and otherwise loses what an older page of the record published.
     bool storeOutput(const QByteArray& ns, const QByteArray& key, const QByteArray& url, const char* data,
                      qint64 size, int status, const QLinkedList<QByteArray>& headers, quint32 lifetime,
-                     bool compress, bool alreadyCompressed);
+                     bool compress, bool alreadyCompressed, const PublishTarget* publish = nullptr);
     static QDateTime parseHttpDate(const char* text);
     // Whether a page gets a gzip copy: more than 1024 bytes, compression
     // allowed for the request, and no tidy pass ("tidy.clean_output") that
@@ -68,6 +79,9 @@ public:
 
     // Removal. The null namespace is every page.
     bool clearNamespace(const QByteArray& ns);
+    // Ends every published file, the store left as it is: after a change
+    // of the rules, or a purge, that the files can't follow one by one.
+    static void unpublishAll();
     bool removeByRuleId(qint64 id);
     bool removeByRuleName(const char* name);
     // Names are UTF-8. A rule split by anything but the request URI alone
@@ -85,6 +99,9 @@ private:
     VHTMLCache() = default;
     ~VHTMLCache();
     bool clearRule(const CacheRule& rule);
+    void publishStored(const QByteArray& ns, const QByteArray& key, const PublishTarget& target, int status,
+                       const QLinkedList<QByteArray>& headers, const QByteArray& clearBody,
+                       const QByteArray& gzipBody);
     static bool splitByUriAlone(const CacheRule& rule);
     // Clears the namespace of the first rule in order that `matches` takes.
     bool clearFirstRule(const std::function<bool(const CacheRule&)>& matches);

@@ -2,6 +2,8 @@
 
 #include "PageCacheLogStream.h"
 
+#include <typeinfo>
+
 bool ConditionsBlock::holds() const
 {
     for (const QSharedPointer<VCondition>& condition : conditions) {
@@ -100,4 +102,72 @@ CacheRule CacheRule::dontCacheRule()
     rule.d->dontCache = true;
     rule.d->initialised = true;
     return rule;
+}
+
+namespace {
+
+bool plainText(const QByteArray& text, const char* extra)
+{
+    if (text.isEmpty())
+        return false;
+    for (const char c : text) {
+        if (!((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || strchr(extra, c)))
+            return false;
+    }
+    return true;
+}
+
+// The one subscript of a "_COOKIE[name]"-shaped value, or null.
+QByteArray singleKey(const VPHPGlobal* global)
+{
+    const auto* element = dynamic_cast<const VPHPGlobalElement*>(global);
+    if (!element || element->key().keys.size() != 1)
+        return QByteArray();
+    return element->key().keys.first();
+}
+
+// A query parameter is only read on requests that have no query string at
+// all (the web server sends the others to PHP), where every such test has
+// one fixed answer: the one it had when the page was stored. A cookie is
+// tested by the web server on the raw header, so its name and a compared
+// value must read the same there as in PHP, which decodes both.
+QString conditionRefusal(const VCondition& condition)
+{
+    const std::type_info& kind = typeid(condition);
+    const bool equals = kind == typeid(VConditionEquals);
+    if (!equals && kind != typeid(VConditionExists) && kind != typeid(VConditionNotExists))
+        return QStringLiteral("a condition other than exists, not_exists or equals");
+    const int type = condition.global->type();
+    if (type != PHP_COOKIE && type != PHP_GET)
+        return QStringLiteral("a condition on %1").arg(QString::fromLatin1(condition.global->name()));
+    const QByteArray name = singleKey(condition.global);
+    if (name.isNull())
+        return QStringLiteral("a condition on a whole superglobal or a nested element");
+    if (type == PHP_GET)
+        return QString();
+    if (!plainText(name, "_-"))
+        return QStringLiteral("a cookie name other than letters, digits, '_' and '-'");
+    if (equals && !plainText(static_cast<const VConditionEquals&>(condition).value.toUtf8(), "_.-"))
+        return QStringLiteral("a cookie value other than letters, digits, '_', '.' and '-'");
+    return QString();
+}
+
+} // namespace
+
+QString publishRefusal(const CacheRule& rule)
+{
+    for (const ConditionsBlock& block : rule.d->conditionBlocks) {
+        for (const QSharedPointer<VCondition>& condition : block.conditions) {
+            const QString why = conditionRefusal(*condition);
+            if (!why.isEmpty())
+                return why;
+        }
+    }
+    for (const QSharedPointer<VCondition>& split : rule.d->splitBlock.conditions) {
+        const QByteArray key = singleKey(split->global);
+        if (split->global->type() != PHP_SERVER
+            || (key != "REQUEST_URI" && key != "HTTP_HOST" && key != "HTTPS"))
+            return QStringLiteral("a split by something else than the scheme, the host or the URI");
+    }
+    return QString();
 }

@@ -59,11 +59,21 @@ public:
     bool splitNeedsSession = false;
     bool compress = true;
     bool enable = true;
+    // Its pages are also written as static files that the web server sends
+    // without PHP; only set when the web server can decide all that decides
+    // them (see publishRefusal).
+    bool publish = false;
     qint32 appId = -1;
 };
 
 // One rule of the rules file, as a value. Copies share their data until one
 // of them writes.
+class CacheRule;
+// Why the web server couldn't decide the rule's pages by itself, empty when
+// it can: conditions only on a cookie or a query parameter existing, not
+// existing or equalling a value, a split only by scheme, host and URI.
+QString publishRefusal(const CacheRule& rule);
+
 class CacheRule
 {
 public:

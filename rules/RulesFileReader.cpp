@@ -109,6 +109,8 @@ void RulesFileReader::parseUrl()
     rule.id = ok ? qint64(qint32(id)) : 0;
     rule.d->compress = !isOff(attribute(QLatin1String("compress")));
     rule.d->enable = !isOff(attribute(QLatin1String("enable")));
+    const QString publish = attribute(QLatin1String("publish"));
+    rule.d->publish = publish == QLatin1String("true") || publish == QLatin1String("1");
     const QString appId = attribute(QLatin1String("app_id"));
     rule.d->appId = appId.isEmpty() ? -1 : appId.toInt();
     const QString priority = attribute(QLatin1String("priority"));
@@ -166,6 +168,23 @@ void RulesFileReader::parseUrl()
                 it->name = text;
         }
     }
+    // Read through constData(): a write would part the copies that share
+    // their data (the two of a rule under "https?" with "exact").
+    for (const QByteArray& each : {key, "http" + key.mid(6), "https" + key.mid(6)}) {
+        auto it = ruleTable.find(each);
+        if (it != ruleTable.end() && it->d.constData()->publish)
+            checkPublish(*it);
+    }
+}
+
+void RulesFileReader::checkPublish(CacheRule& rule)
+{
+    const QString why = publishRefusal(rule);
+    if (why.isEmpty())
+        return;
+    VLOG(PageCacheLogStream, 1) << "Rule" << rule.name << "(" << rule.url.toString()
+                                << ") is not published, the web server can't decide its pages:" << why;
+    rule.d->publish = false;
 }
 
 void RulesFileReader::parseCondition(const QByteArray& key, bool split)

@@ -39,6 +39,9 @@ private:
     void parseDontCache();
     void parseCache();
     void parseUrl();
+    // Turns publishing off, with the reason at level 1, for a rule whose
+    // pages the web server couldn't decide by itself.
+    void checkPublish(CacheRule& rule);
     void parseCondition(const QByteArray& key, bool split);
     void parseResponseRule();
 };

@@ -30,6 +30,8 @@ VHTMLCache* CliContext::cache()
         fail(ExitFailed, QStringLiteral("vesk.temp_dir or vesk.conf_dir is not set: no store or rules file"));
         return nullptr;
     }
+    // Removals end the published files of what they remove, as the workers' do.
+    VHTMLCache::setPublishDir(directives.publishDir());
     VHTMLCache* cache = VHTMLCache::instance();
     // The workers' own load, less the cleaner: theirs already runs.
     if (!cache->load(savePath.constData(), directives.dirDepth(), rulesFile.constData(), 0, true,

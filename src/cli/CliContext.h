@@ -35,3 +35,4 @@ int commandInspect(CliContext& context, const QStringList& args);
 int commandRemove(CliContext& context, const QStringList& args);
 int commandCheckRules(CliContext& context, const QStringList& args);
 int commandStats(CliContext& context, const QStringList& args);
+int commandPublishConfig(CliContext& context, const QStringList& args);

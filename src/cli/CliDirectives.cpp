@@ -247,6 +247,12 @@ QByteArray CliDirectives::savePath() const
     return resolve(value("vesk_pagecache.save_path", "pagecache"), "vesk.temp_dir");
 }
 
+QByteArray CliDirectives::publishDir() const
+{
+    const QByteArray dir = value("vesk_pagecache.publish_dir", "");
+    return dir.isEmpty() ? QByteArray() : resolve(dir, "vesk.temp_dir");
+}
+
 QByteArray CliDirectives::rulesFile() const
 {
     return resolve(value("vesk_pagecache.dependencies_file", "pagecache_rules.xml"), "vesk.conf_dir");

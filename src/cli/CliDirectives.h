@@ -53,6 +53,7 @@ public:
 
     // The page cache's settings, resolved as a worker resolves them.
     QByteArray savePath() const;  // under vesk.temp_dir when relative
+    QByteArray publishDir() const; // the same; empty when nothing is published
     QByteArray rulesFile() const; // under vesk.conf_dir when relative
     qint64 dirDepth() const { return number("vesk_pagecache.dir_depth", 2); }
     qint64 httpdUid() const { return number("vesk.httpd_uid", -1); }

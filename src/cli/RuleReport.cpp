@@ -62,6 +62,8 @@ QString describeRule(const CacheRule& rule, const QString& indent)
                           .arg(d.compress ? "yes" : "no", d.enable ? "yes" : "no")
                           .arg(rule.priority)
                           .arg(d.appId);
+    if (d.publish)
+        lines << indent + QStringLiteral("published: its pages are also written for the web server");
     if (d.conditionBlocks.isEmpty())
         lines << indent + QStringLiteral("conditions: none");
     for (int i = 0; i < d.conditionBlocks.size(); ++i)

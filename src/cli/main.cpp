@@ -24,7 +24,9 @@ const char* const Summary =
     "  inspect URL            the rule that covers URL, and its stored copies\n"
     "  remove WHAT            pattern PATTERN | uri RULE URI | rule NAME | ids ID... | all\n"
     "  check-rules [FILE]     validate a rules file and show its rules in order of trial\n"
-    "  stats                  hits, misses and time saved per rule, live\n\n"
+    "  stats                  hits, misses and time saved per rule, live\n"
+    "  publish-config nginx|apache\n"
+    "                         the web server's side of published pages\n\n"
     "Run 'vesk-pagecache COMMAND --help' for a command's options.";
 
 typedef int (*Command)(CliContext&, const QStringList&);
@@ -43,6 +45,8 @@ Command commandNamed(const QString& name)
         return commandCheckRules;
     if (name == QLatin1String("stats"))
         return commandStats;
+    if (name == QLatin1String("publish-config"))
+        return commandPublishConfig;
     return nullptr;
 }
 

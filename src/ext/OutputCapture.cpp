@@ -10,6 +10,7 @@
 #include "CacheRule.h"
 #include "PageCachePulse.h"
 #include "VHTMLCache.h"
+#include "VHeaderLines.h"
 
 #include <QDateTime>
 #include <cstring>
@@ -74,6 +75,26 @@ void refuse(const char* reason)
     requestState.buffering = false;
 }
 
+// What a rule that publishes needs to publish the page: the Content-Type
+// the client got, which is the engine's default when the script set none.
+PublishTarget publishTarget()
+{
+    const RequestState& r = requestState;
+    PublishTarget target;
+    target.url = r.url.whole();
+    target.contentType = VHeaderLines::value(r.storedHeaders, "Content-Type");
+    if (target.contentType.isNull()) {
+        const char* type = iniFromEngine("default_mimetype", strlen("default_mimetype"));
+        const char* charset = iniFromEngine("default_charset", strlen("default_charset"));
+        target.contentType = type ? type : "";
+        if (charset && *charset && target.contentType.startsWith("text/"))
+            target.contentType += QByteArray("; charset=") + charset;
+    }
+    const quint32 lifetime = r.rule->d->lifetime;
+    target.expiresAt = lifetime == 0 ? 0 : qint64(time(nullptr)) + lifetime;
+    return target;
+}
+
 // The page passed every test: its output joined to what was flushed ahead,
 // stored under the request's key.
 void storeWhole(const char* output, size_t length, int responseCode)
@@ -103,8 +124,10 @@ void storeWhole(const char* output, size_t length, int responseCode)
     const bool compress = VHTMLCache::compressionWanted(qint64(length), r.compressionAllowed,
                                                         iniFromEngine("tidy.clean_output", strlen("tidy.clean_output")))
                           && !vesk_output_compressing();
+    const bool publish = r.rule->d->publish && VHTMLCache::published();
+    const PublishTarget target = publish ? publishTarget() : PublishTarget();
     if (!cache->storeOutput(r.namespaceKey, r.matchKey, r.url.whole(), output, qint64(length), responseCode,
-                            r.storedHeaders, lifetime, compress, r.responseCompressed)) {
+                            r.storedHeaders, lifetime, compress, r.responseCompressed, publish ? &target : nullptr)) {
         VLOG(log, 0) << "Storing entry failed";
         sayPass("store error");
         return;

@@ -22,6 +22,7 @@ struct PageCacheConfig
     bool enable_cli;
     int64_t max_store_size;
     int64_t lock_timeout;
+    char* publish_dir;
 };
 
 extern PageCacheConfig pageCacheConfig;

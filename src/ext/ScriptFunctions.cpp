@@ -306,6 +306,9 @@ bool pageCachePurge(VeskCall* call)
     }
     moduleState.purgeRules->addRule(rule);
     queuePurge(rule);
+    // The web server can't ask the purge rules: published files all go,
+    // and pages the rule spares are published again as they are stored.
+    VHTMLCache::unpublishAll();
     return true;
 }
 

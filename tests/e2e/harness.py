@@ -351,13 +351,14 @@ class FpmBehindNginx:
         return os.access(cls.FPM, os.X_OK) and os.access(cls.NGINX, os.X_OK)
 
     def __init__(self, workspace, docroot, directives, daemonize=False, bare=False, workers=2,
-                 extension=EXTENSION, scan_dir=None, user=None, env=None):
+                 extension=EXTENSION, scan_dir=None, user=None, env=None, server_config=""):
         """With `daemonize`, php-fpm forks its master and the first process
         exits; `master` is the pid of the process that serves either way.
         `extension` None loads none on the command line (an installed one
         comes through `scan_dir`, PHP_INI_SCAN_DIR's value); `user` runs the
         pool as that user, as a system's php-fpm does; `env` adds variables
-        to the workers' environment."""
+        to the workers' environment; `server_config` goes into nginx's
+        server block ahead of its locations."""
         self.port = free_port()
         self.socket_path = socket_path = workspace.path("fpm.sock")
         self.daemonize = daemonize
@@ -420,6 +421,7 @@ http {
     listen 127.0.0.1:%(port)d;
     root %(root)s;
     index index.php;
+%(extra)s
     location ~ \\.php$ {
       include /etc/nginx/fastcgi_params;
       fastcgi_param SCRIPT_FILENAME $document_root$fastcgi_script_name;
@@ -428,7 +430,8 @@ http {
     }
   }
 }
-""" % {"ws": workspace.root, "tmp": temp, "port": self.port, "root": docroot, "sock": socket_path})
+""" % {"ws": workspace.root, "tmp": temp, "port": self.port, "root": docroot, "sock": socket_path,
+       "extra": server_config})
         self.nginx_output = open(workspace.path("nginx.out"), "wb")
         self.nginx = _spawn([self.NGINX, "-c", workspace.path("nginx.conf"), "-p", workspace.root],
                             self.nginx_output)
@@ -464,7 +467,9 @@ class ApacheWithPhp:
     def available(cls):
         return os.access(cls.APACHE, os.X_OK) and os.path.exists(os.path.join(cls.MODULES, "libphp8.2.so"))
 
-    def __init__(self, workspace, docroot, directives, bare=False):
+    def __init__(self, workspace, docroot, directives, bare=False, server_config=""):
+        """`server_config` goes at the end of the server's configuration,
+        with the modules it may need (rewrite, headers) loaded."""
         self.port = free_port()
         ini_dir = workspace.path("apache-php")
         os.makedirs(ini_dir, exist_ok=True)
@@ -481,7 +486,7 @@ class ApacheWithPhp:
             f.write("zend_extension=%s\n" % EXTENSION)
             for name, value in directives.items():
                 f.write('%s="%s"\n' % (name, value))
-        modules = ["mpm_prefork", "authz_core", "dir"]
+        modules = ["mpm_prefork", "authz_core", "dir"] + (["rewrite", "headers"] if server_config else [])
         lines = ["LoadModule %s_module %s/mod_%s.so" % (m, self.MODULES, m) for m in modules]
         lines.append("LoadModule php_module %s/libphp8.2.so" % self.MODULES)
         lines += [
@@ -501,6 +506,8 @@ class ApacheWithPhp:
         ]
         if os.geteuid() == 0:
             lines += ["User nobody", "Group nogroup"]
+        if server_config:
+            lines.append(server_config)
         with open(workspace.path("apache.conf"), "w") as f:
             f.write("\n".join(lines) + "\n")
         self.output = open(workspace.path("apache.out"), "wb")

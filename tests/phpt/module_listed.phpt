@@ -1,5 +1,5 @@
 --TEST--
-The extension is a PHP module and an engine extension, with its fifteen directives
+The extension is a PHP module and an engine extension, with its sixteen directives
 --INI--
 vesk.httpd_uid=0
 vesk.log_dir=${VESK_TEST_DIR}/log
@@ -30,6 +30,7 @@ vesk_pagecache.log_verbosity_level=2
 vesk_pagecache.max_cached_rules=100
 vesk_pagecache.max_store_size=0
 vesk_pagecache.ordered_rule_matching=1
+vesk_pagecache.publish_dir=
 vesk_pagecache.pulse.enable=1
 vesk_pagecache.save_path=pagecache
 bool(false)

@@ -178,6 +178,9 @@ int moduleStartup()
         VHTMLCache::setHandOverCleaner(isFpm());
         // MiB; anything that isn't a positive number leaves the store unbounded.
         VHTMLCache::setMaxStoreSize(qBound<qint64>(0, pageCacheConfig.max_store_size, qint64(1) << 40) << 20);
+        VHTMLCache::setPurgeDatabase(QFile::encodeName(moduleState.purgeRules->databaseFileName()));
+        const char* publishDir = pageCacheConfig.publish_dir;
+        VHTMLCache::setPublishDir(publishDir && *publishDir ? resolvePath(publishDir, TempDirBase) : QByteArray());
         reloadRules(true);
         dropper.reset();
     } catch (const VException& e) {
@@ -227,6 +230,10 @@ void reloadRules(bool isStartup)
                      pageCacheConfig.max_cached_rules, isStartup, isStartup)) {
         VLOG(log, 0) << cache->lastError();
     }
+    // What was published under the rules before may not be what these
+    // rules publish, nor where the web server's configuration looks now:
+    // pages are published afresh as they are stored again.
+    VHTMLCache::unpublishAll();
 }
 
 void failureEscaped(const char* where, const char* what, bool startup)

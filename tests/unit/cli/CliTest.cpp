@@ -2,11 +2,13 @@
 #include "RequestValues.h"
 #include "RuleReport.h"
 #include "StatsTable.h"
+#include "PublishConfig.h"
 #include "StoreListing.h"
 
 #include "../rules/RulesTestSupport.h"
 #include "CacheEntry.h"
 #include "VDiskStorage.h"
+#include "VHTMLCache.h"
 #include "VPageCacheStatsMessage.h"
 #include "VSocket.h"
 
@@ -232,4 +234,48 @@ TEST(CliStatsTable, SumsPerRuleAndServesPrometheusText)
                                  "\\\"page\\\"\"} 0.25\n"));
     EXPECT_TRUE(metrics.contains("vesk_pagecache_lock_wait_seconds_total{rule_id=\"1\",app_id=\"-1\",rule=\"Home "
                                  "\\\"page\\\"\"} 0.15\n"));
+}
+
+// The web server tests each published rule's cookie conditions as PHP does,
+// answers query parameter tests for a request without a query (a block that
+// can't hold then is left out), and knows nothing of rules that don't publish.
+TEST_F(RulesFixture, PublishConfigFollowsThePublishedRules)
+{
+    ParsedRules rules(rulesXml(R"(
+      <url schema="http" host="h" path="a" publish="true" priority="2"><name>A</name>
+        <conditions_OR_block>
+          <conditions_AND_block><condition global="_COOKIE[user]" type="not_exists" value=""/>
+            <condition global="_GET[preview]" type="not_exists" value=""/></conditions_AND_block>
+          <conditions_AND_block><condition global="_COOKIE[lang]" type="equals" value="en.gb"/>
+            <condition global="_COOKIE[seen]" type="exists" value=""/></conditions_AND_block>
+          <conditions_AND_block><condition global="_COOKIE[never]" type="exists" value=""/>
+            <condition global="_GET[p]" type="exists" value=""/></conditions_AND_block>
+        </conditions_OR_block></url>
+      <url schema="http" host="h" path="b" publish="true" priority="1"><name>B</name></url>
+      <url schema="http" host="h" path="c"><name>C</name></url>)"));
+    const QString ns = QString::fromLatin1(VHTMLCache::ruleNamespace(rules.rule("http://h/a")));
+    const QString nginx = nginxPublishConfig(rules.rules(), "/srv/pub");
+    EXPECT_TRUE(nginx.contains("    if ($http_cookie ~ \"(^|;)\\s*user=\") { set $vesk_block \"\"; }\n"));
+    EXPECT_TRUE(nginx.contains("    if ($http_cookie ~ \"(?:^|;)\\s*lang=([^;]*)\") { set $vesk_value \"=$1\"; }\n"
+                               "    if ($vesk_value != \"=en.gb\") { set $vesk_block \"\"; }\n"));
+    EXPECT_TRUE(nginx.contains("    if ($http_cookie !~ \"(^|;)\\s*seen=\") { set $vesk_block \"\"; }\n"));
+    EXPECT_FALSE(nginx.contains("never"));
+    EXPECT_EQ(3, nginx.count("if ($vesk_block) { set $vesk_rule 1; }")); // two of A, one of B
+    EXPECT_TRUE(nginx.contains("    set $vesk_file \"/" + ns + "/$scheme/$host${uri}.vesk.html\";\n"
+                               "    if (!-f \"/srv/pub$vesk_file\") { set $vesk_rule \"\"; }\n"));
+    EXPECT_TRUE(nginx.contains("        alias /srv/pub/;\n"));
+    EXPECT_TRUE(nginx.contains("        default_type \"text/html; charset=UTF-8\";\n"));
+    // In the workers' order of trial; the rule that doesn't publish is absent.
+    EXPECT_LT(nginx.indexOf("# Rule \"A\""), nginx.indexOf("# Rule \"B\""));
+    EXPECT_FALSE(nginx.contains("# Rule \"C\""));
+
+    const QString apache = apachePublishConfig(rules.rules(), "/srv/pub");
+    EXPECT_TRUE(apache.contains("RewriteCond %{HTTP_COOKIE} !(^|;)\\s*user=\n"));
+    EXPECT_TRUE(apache.contains("RewriteCond %{HTTP_COOKIE} (?:^|;)\\s*lang=([^;]*)\nRewriteCond %1 ^en\\.gb$\n"));
+    EXPECT_FALSE(apache.contains("never"));
+    // Two blocks that can hold, a gzip and a clear rewrite each, and B's two.
+    EXPECT_EQ(6, apache.count("RewriteRule ^ /srv/pub/"));
+    EXPECT_TRUE(apache.contains("RewriteRule ^ /srv/pub/" + ns
+                                + "/%{REQUEST_SCHEME}/%{SERVER_NAME}%{REQUEST_URI}.vesk.html.gz [L]\n"));
+    EXPECT_FALSE(apache.contains("# Rule \"C\""));
 }

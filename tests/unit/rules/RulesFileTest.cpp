@@ -273,6 +273,87 @@ TEST_F(LoadTest, SchemaTakesGrace)
     EXPECT_EQ(30u, VHTMLCache::instance()->rules().first().d->grace);
 }
 
+TEST_F(LoadTest, SchemaTakesPublish)
+{
+    ASSERT_TRUE(load(write(rulesXml(R"(<url schema="http" host="h" path="p" publish="true"/>)"))))
+        << VHTMLCache::instance()->lastError().toStdString();
+    EXPECT_TRUE(VHTMLCache::instance()->rules().first().d->publish);
+}
+
+// What the web server can test stays published; anything else is named at
+// level 1 with why, and the rule goes on as a normal one.
+struct PublishCase
+{
+    const char* body;
+    bool published;
+    const char* why;
+};
+
+class PublishCheck : public RulesFixture, public ::testing::WithParamInterface<PublishCase>
+{
+};
+
+TEST_P(PublishCheck, OnlyWhatTheWebServerCanDecide)
+{
+    const PublishCase& c = GetParam();
+    ParsedRules rules(rulesXml(QByteArray(R"(<url schema="http" host="h" path="p" lifetime="60" publish="true">)")
+                               + "<name>R</name>" + c.body + "</url>"));
+    const CacheRule rule = rules.rule("http://h/p");
+    EXPECT_EQ(c.published, rule.d->publish);
+    EXPECT_EQ(60u, rule.d->lifetime);
+    if (c.published) {
+        EXPECT_FALSE(log().contains("is not published"));
+    } else {
+        EXPECT_TRUE(log().contains("WARNING] Rule R ( http://h/p ) is not published, the web server can't decide "
+                                   "its pages: " + QByteArray(c.why)))
+            << log().toStdString();
+    }
+}
+
+#define COND(global, type, value) "<conditions_OR_block><conditions_AND_block><condition global=\"" global \
+    "\" type=\"" type "\" value=\"" value "\"/></conditions_AND_block></conditions_OR_block>"
+#define SPLIT(global) "<split_by><split_condition global=\"" global "\"/></split_by>"
+
+INSTANTIATE_TEST_SUITE_P(
+    Rules, PublishCheck,
+    ::testing::Values(
+        PublishCase{"", true, ""},
+        PublishCase{COND("_COOKIE[wp_logged_in-1]", "not_exists", ""), true, ""},
+        PublishCase{COND("_COOKIE[lang]", "equals", "en_GB.utf-8"), true, ""},
+        PublishCase{COND("_GET[s]", "not_exists", "") COND("_GET[p]", "equals", "a b"), true, ""},
+        PublishCase{SPLIT("_SERVER[REQUEST_URI]") SPLIT("_SERVER[HTTP_HOST]") SPLIT("_SERVER[HTTPS]"), true, ""},
+        PublishCase{COND("_COOKIE[a]", "not_equals", "x"), false,
+                    "a condition other than exists, not_exists or equals"},
+        PublishCase{COND("_COOKIE[a]", "regex_match", "x.*"), false,
+                    "a condition other than exists, not_exists or equals"},
+        PublishCase{COND("_SERVER[HTTP_USER_AGENT]", "exists", ""), false, "a condition on _SERVER"},
+        PublishCase{COND("_SESSION[user]", "not_exists", ""), false, "a condition on _SESSION"},
+        PublishCase{COND("_POST[a]", "not_exists", ""), false, "a condition on _POST"},
+        PublishCase{COND("_COOKIE", "exists", ""), false, "a condition on a whole superglobal or a nested element"},
+        PublishCase{COND("_COOKIE[a][b]", "exists", ""), false,
+                    "a condition on a whole superglobal or a nested element"},
+        PublishCase{COND("_COOKIE[a.b]", "exists", ""), false,
+                    "a cookie name other than letters, digits, '_' and '-'"},
+        PublishCase{COND("_COOKIE[a]", "equals", "x y"), false,
+                    "a cookie value other than letters, digits, '_', '.' and '-'"},
+        PublishCase{COND("_COOKIE[a]", "equals", ""), false,
+                    "a cookie value other than letters, digits, '_', '.' and '-'"},
+        PublishCase{SPLIT("_COOKIE[lang]"), false, "a split by something else than the scheme, the host or the URI"},
+        PublishCase{SPLIT("_SERVER[HTTP_ACCEPT_LANGUAGE]"), false,
+                    "a split by something else than the scheme, the host or the URI"}));
+
+#undef COND
+#undef SPLIT
+
+TEST_F(RulesFixture, PublishOffByDefault)
+{
+    ParsedRules rules(rulesXml(R"(<url schema="http" host="h" path="a"/>
+      <url schema="http" host="h" path="b" publish="false"/><url schema="http" host="h" path="c" publish="1"/>)"));
+    EXPECT_FALSE(rules.rule("http://h/a").d->publish);
+    EXPECT_FALSE(rules.rule("http://h/b").d->publish);
+    EXPECT_TRUE(rules.rule("http://h/c").d->publish);
+}
+
 TEST_F(LoadTest, MissingSchema)
 {
     const QByteArray path = write(rulesXml(""), false);

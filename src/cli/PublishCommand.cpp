@@ -1,0 +1,34 @@
+// publish-config: the web server's side of published pages, for the rules
+// in force, to include in its configuration.
+
+#include "CliContext.h"
+#include "CommandLine.h"
+#include "PublishConfig.h"
+
+#include "VHTMLCache.h"
+
+#include <QCommandLineParser>
+
+int commandPublishConfig(CliContext& context, const QStringList& args)
+{
+    QCommandLineParser parser;
+    parser.addPositionalArgument(QStringLiteral("SERVER"), QStringLiteral("nginx or apache."));
+    int code = ExitOk;
+    if (!parseCommand(parser, args, 1, 1, QStringLiteral("nginx|apache"), &code))
+        return code;
+    const QString server = parser.positionalArguments().first();
+    if (server != QLatin1String("nginx") && server != QLatin1String("apache"))
+        return fail(ExitUsage, QStringLiteral("usage: vesk-pagecache publish-config nginx|apache"));
+    const QByteArray dir = context.directives.publishDir();
+    if (dir.isEmpty())
+        return fail(ExitFailed, QStringLiteral("vesk_pagecache.publish_dir is not set: nothing is published"));
+    VHTMLCache* cache = context.cache();
+    if (!cache)
+        return ExitFailed;
+    const QList<CacheRule>& rules = cache->rules();
+    fputs((server == QLatin1String("nginx") ? nginxPublishConfig(rules, dir) : apachePublishConfig(rules, dir))
+              .toLocal8Bit()
+              .constData(),
+          stdout);
+    return ExitOk;
+}
