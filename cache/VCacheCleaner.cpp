@@ -164,10 +164,12 @@ void VCacheCleaner::clean()
         s_cleaning = 1;
         armTimer(true);
         storage->cleanExpired();
-        // Published files go with the records this cleaning ended, expired
-        // or evicted, and with pages past their own lifetime in their grace.
+        // The web server can't ask the purge rules: after a purge every
+        // published file goes.
         if (published && purgeDatabaseChanged())
             published->unpublishNamespace(QByteArray());
+        // Published files go with the records this cleaning ended, expired
+        // or evicted, and with pages past their own lifetime in their grace.
         if (published)
             published->sweep(qint64(time(nullptr)), [this](const QByteArray& ns, const QByteArray& key) {
                 return storage->contains(ns, key, false);

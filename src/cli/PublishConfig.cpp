@@ -61,12 +61,13 @@ QList<Block> blocksOf(const CacheRule& rule)
     return blocks;
 }
 
+// A comment line: whatever the name holds can't end it.
 QString ruleTitle(const CacheRule& rule)
 {
     return QStringLiteral("# Rule \"%1\" (id %2): %3\n")
-        .arg(rule.name)
+        .arg(rule.name.simplified())
         .arg(rule.id)
-        .arg(QString::fromUtf8(rule.url.toString()));
+        .arg(QString::fromUtf8(rule.url.toString()).simplified());
 }
 
 // Names made of letters, digits, '_' and '-' (and nothing else), each

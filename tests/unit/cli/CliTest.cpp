@@ -251,7 +251,8 @@ TEST_F(RulesFixture, PublishConfigFollowsThePublishedRules)
           <conditions_AND_block><condition global="_COOKIE[never]" type="exists" value=""/>
             <condition global="_GET[p]" type="exists" value=""/></conditions_AND_block>
         </conditions_OR_block></url>
-      <url schema="http" host="h" path="b" publish="true" priority="1"><name>B</name></url>
+      <url schema="http" host="h" path="b" publish="true" priority="1"><name>B
+include /etc/passwd;</name></url>
       <url schema="http" host="h" path="c"><name>C</name></url>)"));
     const QString ns = QString::fromLatin1(VHTMLCache::ruleNamespace(rules.rule("http://h/a")));
     const QString nginx = nginxPublishConfig(rules.rules(), "/srv/pub");
@@ -266,7 +267,9 @@ TEST_F(RulesFixture, PublishConfigFollowsThePublishedRules)
     EXPECT_TRUE(nginx.contains("        alias /srv/pub/;\n"));
     EXPECT_TRUE(nginx.contains("        default_type \"text/html; charset=UTF-8\";\n"));
     // In the workers' order of trial; the rule that doesn't publish is absent.
-    EXPECT_LT(nginx.indexOf("# Rule \"A\""), nginx.indexOf("# Rule \"B\""));
+    EXPECT_LT(nginx.indexOf("# Rule \"A\""), nginx.indexOf("# Rule \"B include /etc/passwd;\""));
+    // A name ends no comment line.
+    EXPECT_FALSE(nginx.contains("\ninclude"));
     EXPECT_FALSE(nginx.contains("# Rule \"C\""));
 
     const QString apache = apachePublishConfig(rules.rules(), "/srv/pub");
