@@ -74,6 +74,19 @@ const VRedisReply& VRedisReply::at(int i) const
 VRedisConnection::VRedisConnection(const VRedisAddress& address, int connectMs, int commandMs)
     : m_where(address.host + ':' + QByteArray::number(address.port))
 {
+    // A constructor that throws gets no destructor: the context goes here.
+    try {
+        open(address, connectMs, commandMs);
+    } catch (...) {
+        if (m_context)
+            redisFree(m_context);
+        m_context = nullptr;
+        throw;
+    }
+}
+
+void VRedisConnection::open(const VRedisAddress& address, int connectMs, int commandMs)
+{
     m_context = redisConnectWithTimeout(address.host.constData(), address.port, milliseconds(connectMs));
     if (!m_context || m_context->err)
         fail("cannot connect");
