@@ -120,7 +120,7 @@ void VRedisConnection::fail(const QByteArray& what)
     m_broken = true;
     QByteArray reason = what;
     if (m_context && m_context->err)
-        reason += QByteArray(": ") + m_context->errstr;
+        reason += ": " + QByteArray(m_context->errstr);
     throw VException(QStringLiteral("Redis at %1: %2").arg(QString::fromUtf8(m_where), QString::fromUtf8(reason)));
 }
 
