@@ -74,6 +74,19 @@ const VRedisReply& VRedisReply::at(int i) const
 VRedisConnection::VRedisConnection(const VRedisAddress& address, int connectMs, int commandMs)
     : m_where(address.host + ':' + QByteArray::number(address.port))
 {
+    // A constructor that throws gets no destructor: the context goes here.
+    try {
+        open(address, connectMs, commandMs);
+    } catch (...) {
+        if (m_context)
+            redisFree(m_context);
+        m_context = nullptr;
+        throw;
+    }
+}
+
+void VRedisConnection::open(const VRedisAddress& address, int connectMs, int commandMs)
+{
     m_context = redisConnectWithTimeout(address.host.constData(), address.port, milliseconds(connectMs));
     if (!m_context || m_context->err)
         fail("cannot connect");
@@ -107,7 +120,7 @@ void VRedisConnection::fail(const QByteArray& what)
     m_broken = true;
     QByteArray reason = what;
     if (m_context && m_context->err)
-        reason += QByteArray(": ") + m_context->errstr;
+        reason += ": " + QByteArray(m_context->errstr);
     throw VException(QStringLiteral("Redis at %1: %2").arg(QString::fromUtf8(m_where), QString::fromUtf8(reason)));
 }
 

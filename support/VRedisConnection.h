@@ -51,6 +51,7 @@ public:
     bool broken() const { return m_broken; }
 
 private:
+    void open(const VRedisAddress& address, int connectMs, int commandMs);
     [[noreturn]] void fail(const QByteArray& what);
 
     redisContext* m_context = nullptr;

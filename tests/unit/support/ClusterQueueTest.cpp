@@ -93,6 +93,19 @@ TEST_F(ClusterQueue, ARestartedRedisIsReachedAgainByTheNextTask)
     EXPECT_EQ(1, command({"XLEN", TKDTaskStream::Key}).integer);
 }
 
+TEST_F(ClusterQueue, AConnectionKeptFromBeforeARestartIsReplacedByTheSameTask)
+{
+    add(QStringLiteral("[]"));
+    const int port = redis.port;
+    redis.stop();
+    ASSERT_TRUE(redis.start(port));
+    QElapsedTimer clock;
+    clock.start();
+    add(QStringLiteral("[]"));
+    EXPECT_LT(clock.elapsed(), TKDTaskInserter::TimeoutMs);
+    EXPECT_EQ(1, command({"XLEN", TKDTaskStream::Key}).integer);
+}
+
 TEST(ClusterQueueDown, NothingListeningThrowsAtOnce)
 {
     EXPECT_LT(failureTime("redis://127.0.0.1:" + QByteArray::number(freePort()) + "/0"),
