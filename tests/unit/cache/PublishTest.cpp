@@ -10,6 +10,7 @@
 #include <QFileInfo>
 
 #include <ctime>
+#include <string>
 
 namespace {
 
@@ -71,7 +72,9 @@ INSTANTIATE_TEST_SUITE_P(
         FileCase{"http://-h/a", nullptr, "a host that isn't a plain host name"},
         FileCase{"http:///a", nullptr, "a host that isn't a plain host name"},
         FileCase{"ftp://h/a", nullptr, "not an http or https URL with a path"},
-        FileCase{"http://h", nullptr, "not an http or https URL with a path"}));
+        FileCase{"http://h", nullptr, "not an http or https URL with a path"}),
+    // Named by their place in the list: the default would print the case's pointers.
+    [](const ::testing::TestParamInfo<FileCase>& info) { return "url" + std::to_string(info.index); });
 
 TEST(FileNames, NulByteAndNamespaceRefused)
 {
