@@ -286,6 +286,26 @@ void readInto(VDiskStorage* storage, const QByteArray& ns, const QByteArray& key
         return;
     entry.takeRecord(buffer, length);
 }
+
+// One copy of a page, clear or gzip, as one record of the store.
+bool writeCopy(VDiskStorage* storage, const QByteArray& ns, const QByteArray& key, const QByteArray& url, int status,
+               const QLinkedList<QByteArray>& headers, const QByteArray& body, quint32 lifetime)
+{
+    CacheEntry entry;
+    entry.m_formatTag = CacheEntry::FormatTag;
+    entry.m_url = url;
+    entry.m_status = status;
+    entry.m_headers = headers;
+    entry.m_body = body;
+    char scratch = 0;
+    if (storage->write(ns, key, entry.toRecord(), &scratch, int(lifetime), 0))
+        return true;
+    if (key.endsWith(".z"))
+        VLOG(PageCacheLogStream, 0) << "failed to store compressed output for" << key << storage->lastError.constData();
+    else
+        VLOG(PageCacheLogStream, 0) << "failed to store output for" << key << storage->lastError.constData();
+    return false;
+}
 } // namespace
 
 void VHTMLCache::readEntry(const QByteArray& ns, const QByteArray& key, CacheEntry& entry)
@@ -357,24 +377,12 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
         VHeaderLines::addVary(clearHeaders, "Accept-Encoding");
         VHeaderLines::addVary(copyHeaders, "Accept-Encoding");
     }
-    char scratch = 0;
     // A page stored anew without a gzip copy must not leave an older one
     // answering gzip clients.
     if (!storeCompressed)
         storage->remove(ns, key + ".z");
-    if (storeCompressed) {
-        CacheEntry entry;
-        entry.m_formatTag = CacheEntry::FormatTag;
-        entry.m_url = url;
-        entry.m_status = status;
-        entry.m_headers = copyHeaders;
-        entry.m_body = compressedBody;
-        const QByteArray compressedKey = key + ".z";
-        if (!storage->write(ns, compressedKey, entry.toRecord(), &scratch, int(lifetime), 0)) {
-            VLOG(log, 0) << "failed to store compressed output for" << compressedKey << storage->lastError.constData();
-            return false;
-        }
-    }
+    else if (!writeCopy(storage, ns, key + ".z", url, status, copyHeaders, compressedBody, lifetime))
+        return false;
     QByteArray clearBody = input;
     if (alreadyCompressed) {
         VLOG(log, 5) << "Decompressing output for clear format";
@@ -387,19 +395,11 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
         }
         VHeaderLines::removeName(clearHeaders, "Content-Encoding");
     }
-    CacheEntry entry;
-    entry.m_formatTag = CacheEntry::FormatTag;
-    entry.m_url = url;
-    entry.m_status = status;
-    entry.m_headers = clearHeaders;
-    entry.m_body = clearBody;
-    const bool stored = storage->write(ns, key, entry.toRecord(), &scratch, int(lifetime), 0);
-    if (!stored)
-        VLOG(log, 0) << "failed to store output for" << key << storage->lastError.constData();
-    else if (publish && publishedPages)
-        publishStored(ns, key, *publish, status, clearHeaders, clearBody,
-                      storeCompressed ? compressedBody : QByteArray());
-    return stored;
+    if (!writeCopy(storage, ns, key, url, status, clearHeaders, clearBody, lifetime))
+        return false;
+    if (publish && publishedPages)
+        publishStored(ns, key, *publish, status, clearHeaders, clearBody, storeCompressed ? compressedBody : QByteArray());
+    return true;
 }
 
 void VHTMLCache::publishStored(const QByteArray& ns, const QByteArray& key, const PublishTarget& target,
