@@ -50,6 +50,7 @@ bool VClusterAgent::reachQueue()
         return true;
     try {
         consumer->connect();
+        catchUpWithTheStream();
     } catch (const VException& e) {
         if (!unreachableLogged)
             VLOG(log, 0) << "Cluster agent cannot reach the task queue:" << e.what();
@@ -59,6 +60,20 @@ bool VClusterAgent::reachQueue()
     unreachableLogged = false;
     VLOG(log, 3) << "Cluster agent reads the task queue as group" << m_group;
     return true;
+}
+
+// A node away longer than the stream keeps tasks can't know which pages
+// the tasks it missed removed: it removes them all, then goes on from the
+// newest task, which that removal covers.
+void VClusterAgent::catchUpWithTheStream()
+{
+    const TKDQueuePosition& joined = consumer->joinedAt();
+    if (!joined.missedTasks())
+        return;
+    VLOG(PageCacheLogStream, 0) << "Cluster agent missed tasks the queue no longer holds: removing every page";
+    loadNewerRules();
+    if (VCacheRemoval::all().carryOut(*cache))
+        consumer->skipTo(joined);
 }
 
 bool VClusterAgent::waitForTasks(int ms)

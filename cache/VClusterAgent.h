@@ -50,6 +50,7 @@ public:
 
 private:
     bool reachQueue();
+    void catchUpWithTheStream();
     // The rules a removal names are those the workers have: a newer rules
     // file is read again before a task is carried out, as a worker reads
     // it before a request.

@@ -2,6 +2,8 @@
 
 #include "VException.h"
 
+#include <QHash>
+
 const char TKDTaskStream::Key[] = "vesk:pagecache:tasks";
 const char TKDTaskConsumer::Consumer[] = "agent";
 
@@ -40,6 +42,8 @@ TKDTask taskOf(const VRedisReply& entry)
     return task;
 }
 
+TKDQueuePosition positionOn(VRedisConnection& connection, const QByteArray& group);
+
 void refused(const char* what, const VRedisReply& reply)
 {
     if (reply.isError())
@@ -64,6 +68,7 @@ void TKDTaskConsumer::connect()
         refused("the consumer group", reply);
     connection = std::move(fresh);
     readingPending = true;
+    joined = positionOn(*connection, group);
 }
 
 bool TKDTaskConsumer::connected() const
@@ -127,35 +132,82 @@ void TKDTaskConsumer::acknowledge(const QByteArray& id)
     refused("the acknowledgement", connection->command({"XACK", TKDTaskStream::Key, group, id}));
 }
 
+namespace {
+
+// The fields of an XINFO reply, a flat list of names and values.
+QHash<QByteArray, VRedisReply> fieldsOf(const VRedisReply& info)
+{
+    QHash<QByteArray, VRedisReply> fields;
+    for (int i = 0; i + 1 < info.elements.size(); i += 2)
+        fields.insert(info.elements.at(i).text, info.elements.at(i + 1));
+    return fields;
+}
+
+// Stream ids are "milliseconds-sequence".
+bool idBefore(const QByteArray& a, const QByteArray& b)
+{
+    const QList<QByteArray> x = a.split('-');
+    const QList<QByteArray> y = b.split('-');
+    const qint64 xMs = x.value(0).toLongLong(), yMs = y.value(0).toLongLong();
+    return xMs < yMs || (xMs == yMs && x.value(1).toLongLong() < y.value(1).toLongLong());
+}
+
+qint64 integerOr(const VRedisReply& value, qint64 absent)
+{
+    return value.type == VRedisReply::Integer ? value.integer : absent;
+}
+
+TKDQueuePosition positionOn(VRedisConnection& connection, const QByteArray& group)
+{
+    TKDQueuePosition position;
+    const VRedisReply stream = connection.command({"XINFO", "STREAM", TKDTaskStream::Key});
+    if (stream.isError())
+        return position; // no stream yet, so no group either
+    const QHash<QByteArray, VRedisReply> streamFields = fieldsOf(stream);
+    position.firstKept = streamFields.value("recorded-first-entry-id").text;
+    position.length = integerOr(streamFields.value("length"), 0);
+    position.entriesAdded = integerOr(streamFields.value("entries-added"), 0);
+    position.lastAdded = streamFields.value("last-generated-id").text;
+    const VRedisReply groups = connection.command({"XINFO", "GROUPS", TKDTaskStream::Key});
+    refused("XINFO GROUPS", groups);
+    for (const VRedisReply& info : groups.elements) {
+        const QHash<QByteArray, VRedisReply> fields = fieldsOf(info);
+        if (fields.value("name").text != group)
+            continue;
+        position.groupExists = true;
+        position.pending = integerOr(fields.value("pending"), 0);
+        position.lastDelivered = fields.value("last-delivered-id").text;
+        position.lag = integerOr(fields.value("lag"), -1);
+        position.entriesRead = integerOr(fields.value("entries-read"), -1);
+    }
+    return position;
+}
+
+} // namespace
+
 TKDQueuePosition TKDTaskConsumer::position(const QByteArray& url, const QByteArray& group)
 {
     VRedisConnection connection(addressOf(url), ConnectTimeoutMs, 1000);
-    TKDQueuePosition position;
-    const VRedisReply length = connection.command({"XLEN", TKDTaskStream::Key});
-    refused("XLEN", length);
-    position.length = length.integer;
-    const VRedisReply groups = connection.command({"XINFO", "GROUPS", TKDTaskStream::Key});
-    if (groups.isError())
-        return position; // no stream yet, so no group either
-    for (const VRedisReply& info : groups.elements) {
-        TKDQueuePosition found = position;
-        bool ours = false;
-        for (int i = 0; i + 1 < info.elements.size(); i += 2) {
-            const QByteArray& name = info.elements.at(i).text;
-            const VRedisReply& value = info.elements.at(i + 1);
-            if (name == "name")
-                ours = value.text == group;
-            else if (name == "pending")
-                found.pending = value.integer;
-            else if (name == "last-delivered-id")
-                found.lastDelivered = value.text;
-            else if (name == "lag")
-                found.lag = value.type == VRedisReply::Integer ? value.integer : -1;
-        }
-        if (ours) {
-            found.groupExists = true;
-            return found;
-        }
-    }
-    return position;
+    return positionOn(connection, group);
+}
+
+bool TKDQueuePosition::missedTasks() const
+{
+    // Redis counts what each group has read: a group that has read fewer
+    // tasks than the stream dropped from its head never saw some of them.
+    // Without a count (it can't always keep one) the lag tells the same.
+    if (!groupExists)
+        return false;
+    if (entriesRead >= 0)
+        return entriesRead < entriesAdded - length;
+    // Without a count, a group whose last task lies before the oldest one
+    // kept has lost what came between; at worst it thinks so wrongly once.
+    return entriesAdded > length && idBefore(lastDelivered, firstKept);
+}
+
+void TKDTaskConsumer::skipTo(const TKDQueuePosition& position)
+{
+    refused("the new position",
+            connection->command({"XGROUP", "SETID", TKDTaskStream::Key, group, position.lastAdded, "ENTRIESREAD",
+                                 QByteArray::number(position.entriesAdded)}));
 }

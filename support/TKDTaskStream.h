@@ -35,6 +35,14 @@ struct TKDQueuePosition
     qint64 lag = -1;          // tasks not yet handed out; -1 when Redis can't tell
     qint64 length = 0;        // tasks in the stream
     bool groupExists = false;
+    qint64 entriesRead = -1;  // tasks the group has read since it began; -1 unknown
+    qint64 entriesAdded = 0;  // tasks the stream has held since it began
+    QByteArray lastAdded;     // the id of the newest task
+    QByteArray firstKept;     // the id of the oldest task the stream still holds
+
+    // Whether tasks the group never read have left the stream: a node away
+    // longer than the stream keeps them.
+    bool missedTasks() const;
 };
 
 // A node's reading of the stream, in a consumer group of its own: every
@@ -55,6 +63,10 @@ public:
     // when the connection fails; connect() again then.
     QList<TKDTask> next(int blockMs);
     void acknowledge(const QByteArray& id);
+    // Where the group stood when this consumer joined it.
+    const TKDQueuePosition& joinedAt() const { return joined; }
+    // Moves the group on to `position`, past every task up to it.
+    void skipTo(const TKDQueuePosition& position);
 
     // The group's position, read on a connection of its own. Throws.
     static TKDQueuePosition position(const QByteArray& url, const QByteArray& group);
@@ -70,4 +82,5 @@ private:
     QByteArray group;
     std::unique_ptr<VRedisConnection> connection;
     bool readingPending = true;
+    TKDQueuePosition joined;
 };

@@ -251,3 +251,36 @@ TEST_F(ClusterAgent, ATaskThatKeepsEndingItsAgentIsGivenUp)
     EXPECT_TRUE(stored("one", "/one"));
     EXPECT_EQ(0, position().pending);
 }
+
+TEST_F(ClusterAgent, ANodeAwayLongerThanTheStreamKeepsTasksRemovesEveryPage)
+{
+    store("one", "/one");
+    agent.reset();
+    // More tasks than the stream keeps, none of which touches the page: the
+    // first ones leave the stream unread by this node.
+    for (int i = 0; i < TKDTaskStream::MaxLength + 300; ++i)
+        queue(VCacheRemoval::byRule("nobody"));
+    agent.reset(new VClusterAgent(redis.url(), 2, where));
+    ASSERT_TRUE(agent->waitForTasks(0));
+    EXPECT_TRUE(log().contains("missed tasks the queue no longer holds"));
+    EXPECT_FALSE(stored("one", "/one"));
+    EXPECT_EQ(0, position().lag);
+    EXPECT_FALSE(position().missedTasks());
+    // Back in step, the agent carries out what comes as before.
+    store("one", "/one");
+    queue(VCacheRemoval::byRule("second"));
+    ASSERT_TRUE(agent->waitForTasks(1000));
+    EXPECT_TRUE(stored("one", "/one"));
+}
+
+TEST_F(ClusterAgent, ANodeAwayForLessThanTheStreamKeepsMissesNothing)
+{
+    store("one", "/one");
+    agent.reset();
+    for (int i = 0; i < 300; ++i)
+        queue(VCacheRemoval::byRule("nobody"));
+    agent.reset(new VClusterAgent(redis.url(), 2, where));
+    ASSERT_TRUE(agent->waitForTasks(0));
+    EXPECT_FALSE(log().contains("missed tasks"));
+    EXPECT_TRUE(stored("one", "/one"));
+}
