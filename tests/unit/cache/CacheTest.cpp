@@ -28,10 +28,7 @@ protected:
     void SetUp() override
     {
         RulesFixture::SetUp();
-        const QString rules = dir.filePath(QStringLiteral("pagecache_rules.xml"));
-        QFile file(rules);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(rulesXml(R"xml(
+        const QString rules = writeRulesFile(R"xml(
           <url schema="http" host="h" path="one" id="1" priority="2"><name>twice</name>
             <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by></url>
           <url schema="http" host="h" path="two" id="2" priority="1"><name>twice</name>
@@ -41,10 +38,7 @@ protected:
             </split_by></url>
           <url schema="http" host="h" path="café/(à|b)" id="4" match_type="regex_match">
             <name>Événements</name>
-            <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by></url>)xml"));
-        file.close();
-        QFile::copy(QStringLiteral(VESK_SOURCE_DIR "/conf/pagecache_rules_schema.xsd"),
-                    dir.filePath(QStringLiteral("pagecache_rules_schema.xsd")));
+            <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by></url>)xml");
         savePath = QFile::encodeName(dir.filePath(QStringLiteral("store")));
         rulesPath = QFile::encodeName(rules);
         load();

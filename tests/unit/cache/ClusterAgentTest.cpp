@@ -62,13 +62,7 @@ protected:
     {
         RulesFixture::SetUp();
         ASSERT_TRUE(redis.start());
-        const QString rules = dir.filePath(QStringLiteral("pagecache_rules.xml"));
-        QFile file(rules);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(rulesXml(Rules));
-        file.close();
-        QFile::copy(QStringLiteral(VESK_SOURCE_DIR "/conf/pagecache_rules_schema.xsd"),
-                    dir.filePath(QStringLiteral("pagecache_rules_schema.xsd")));
+        const QString rules = writeRulesFile(Rules);
         where.savePath = QFile::encodeName(dir.filePath(QStringLiteral("store")));
         where.dirDepth = 1;
         where.rulesFile = QFile::encodeName(rules);

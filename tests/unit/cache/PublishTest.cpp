@@ -108,16 +108,10 @@ protected:
     void SetUp() override
     {
         RulesFixture::SetUp();
-        const QString rules = dir.filePath(QStringLiteral("pagecache_rules.xml"));
-        QFile file(rules);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(rulesXml(R"xml(
+        const QString rules = writeRulesFile(R"xml(
           <url schema="http" host="h" path="(p.*)" id="1" match_type="regex_match" publish="true"><name>pub</name>
             <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by></url>
-          <url schema="http" host="h" path="other" id="2" publish="true"><name>other</name></url>)xml"));
-        file.close();
-        QFile::copy(QStringLiteral(VESK_SOURCE_DIR "/conf/pagecache_rules_schema.xsd"),
-                    dir.filePath(QStringLiteral("pagecache_rules_schema.xsd")));
+          <url schema="http" host="h" path="other" id="2" publish="true"><name>other</name></url>)xml");
         publishDir = QFile::encodeName(dir.filePath(QStringLiteral("published")));
         VHTMLCache::setPublishDir(publishDir);
         cache = VHTMLCache::instance();

@@ -25,15 +25,9 @@ protected:
     {
         RulesFixture::SetUp();
         FakeHost::instance().reset();
-        const QString rules = dir.filePath(QStringLiteral("pagecache_rules.xml"));
-        QFile file(rules);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(rulesXml(R"xml(
+        const QString rules = writeRulesFile(R"xml(
           <url schema="http" host="h" path="page" id="7" lifetime="600"><name> page </name>
-            <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by></url>)xml"));
-        file.close();
-        QFile::copy(QStringLiteral(VESK_SOURCE_DIR "/conf/pagecache_rules_schema.xsd"),
-                    dir.filePath(QStringLiteral("pagecache_rules_schema.xsd")));
+            <split_by><split_condition global="_SERVER[REQUEST_URI]"/></split_by></url>)xml");
         VHTMLCache::destroyInstance();
         cache = VHTMLCache::instance();
         ASSERT_TRUE(cache->load(QFile::encodeName(dir.filePath(QStringLiteral("store"))).constData(), 1,

@@ -52,6 +52,13 @@ public:
 
 // Gives the tests a log stream at level 5 in a file of their own, and a
 // table of superglobal values behind every evaluator.
+// A rules document around `cacheBody`.
+inline QByteArray rulesXml(const QByteArray& cacheBody, const QByteArray& dontCache = QByteArray())
+{
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<cache_settings>\n<dont_cache>" + dontCache
+           + "</dont_cache>\n<cache>\n" + cacheBody + "\n</cache>\n</cache_settings>\n";
+}
+
 class RulesFixture : public LogFileFixture
 {
 protected:
@@ -69,14 +76,21 @@ protected:
         PageCacheLogStream = 0;
     }
     QByteArray log() const { return logText(); }
+    // A rules file around `cacheBody` in the fixture's directory, with the
+    // schema beside it; answers its path.
+    QString writeRulesFile(const QByteArray& cacheBody)
+    {
+        const QString rules = dir.filePath(QStringLiteral("pagecache_rules.xml"));
+        QFile file(rules);
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(rulesXml(cacheBody));
+        file.close();
+        QFile::copy(QStringLiteral(VESK_SOURCE_DIR "/conf/pagecache_rules_schema.xsd"),
+                    dir.filePath(QStringLiteral("pagecache_rules_schema.xsd")));
+        return rules;
+    }
     void clearLog() const { QFile(QString::fromLocal8Bit(logPath)).resize(0); }
 
     TableSource source;
 };
 
-// A rules document around `cacheBody`.
-inline QByteArray rulesXml(const QByteArray& cacheBody, const QByteArray& dontCache = QByteArray())
-{
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<cache_settings>\n<dont_cache>" + dontCache
-           + "</dont_cache>\n<cache>\n" + cacheBody + "\n</cache>\n</cache_settings>\n";
-}
