@@ -140,6 +140,48 @@ void addResponseHeaders(const VeskValue& value, PurgeRule& rule)
     }
 }
 
+// One element of page_cache_purge's array into `rule`; false, logged, for
+// a key or a value the function doesn't take.
+bool readPurgeElement(const VeskArrayElement& element, PurgeRule& rule)
+{
+    const VDebug::StreamId log = moduleState.logStream;
+    if (!element.hasStringKey) {
+        VLOG(log, 0) << "Invalid element key in page_cache_purge";
+        return false;
+    }
+    const std::string& key = element.key;
+    const VeskValue& value = element.value;
+    if (key == "application") {
+        if (value.type != VeskValue::String) {
+            VLOG(log, 0) << "Invalid element value for 'application' in page_cache_purge";
+            return false;
+        }
+        rule.applicationName = QString::fromUtf8(bytes(value));
+    } else if (key == "created_ago") {
+        if (value.type != VeskValue::Long || value.number < 0) {
+            VLOG(log, 0) << "Invalid element value for 'created_ago' in page_cache_purge";
+            return false;
+        }
+        rule.creationTime = QDateTime::currentDateTimeUtc().addSecs(-value.number);
+    } else if (key == "url") {
+        if (value.type != VeskValue::String) {
+            VLOG(log, 0) << "Invalid element value for 'url' in page_cache_purge";
+            return false;
+        }
+        rule.url = QUrl(QString::fromUtf8(bytes(value)), QUrl::TolerantMode);
+    } else if (key == "response_header" || key == "response_headers") {
+        if (value.type != VeskValue::Array) {
+            VLOG(log, 0) << "Invalid element value for '" << key.c_str() << "' in page_cache_purge";
+            return false;
+        }
+        addResponseHeaders(value, rule);
+    } else {
+        VLOG(log, 0) << "Invalid element key '" << key.c_str() << "' in page_cache_purge";
+        return false;
+    }
+    return true;
+}
+
 // The rule refuses pages in this worker only; on a farm's queue each
 // node's agent, this node's too, removes the pages it covers from its
 // store, so that every worker of every node sees the purge.
@@ -261,7 +303,6 @@ bool pageCacheRemoveAllCachedContents(VeskCall* call)
 
 bool pageCachePurge(VeskCall* call)
 {
-    const VDebug::StreamId log = moduleState.logStream;
     if (!moduleState.purgeRules)
         return false;
     Arguments args;
@@ -269,40 +310,8 @@ bool pageCachePurge(VeskCall* call)
         return false;
     PurgeRule rule;
     for (const VeskArrayElement& element : args[0].elements) {
-        if (!element.hasStringKey) {
-            VLOG(log, 0) << "Invalid element key in page_cache_purge";
+        if (!readPurgeElement(element, rule))
             return false;
-        }
-        const std::string& key = element.key;
-        const VeskValue& value = element.value;
-        if (key == "application") {
-            if (value.type != VeskValue::String) {
-                VLOG(log, 0) << "Invalid element value for 'application' in page_cache_purge";
-                return false;
-            }
-            rule.applicationName = QString::fromUtf8(bytes(value));
-        } else if (key == "created_ago") {
-            if (value.type != VeskValue::Long || value.number < 0) {
-                VLOG(log, 0) << "Invalid element value for 'created_ago' in page_cache_purge";
-                return false;
-            }
-            rule.creationTime = QDateTime::currentDateTimeUtc().addSecs(-value.number);
-        } else if (key == "url") {
-            if (value.type != VeskValue::String) {
-                VLOG(log, 0) << "Invalid element value for 'url' in page_cache_purge";
-                return false;
-            }
-            rule.url = QUrl(QString::fromUtf8(bytes(value)), QUrl::TolerantMode);
-        } else if (key == "response_header" || key == "response_headers") {
-            if (value.type != VeskValue::Array) {
-                VLOG(log, 0) << "Invalid element value for '" << key.c_str() << "' in page_cache_purge";
-                return false;
-            }
-            addResponseHeaders(value, rule);
-        } else {
-            VLOG(log, 0) << "Invalid element key '" << key.c_str() << "' in page_cache_purge";
-            return false;
-        }
     }
     moduleState.purgeRules->addRule(rule);
     queuePurge(rule);
