@@ -258,6 +258,10 @@ int readServedCopy(CacheEntry& entry, qint64 ruleId, const QString& ruleName)
 bool pageIsStale()
 {
     const RequestState& r = requestState;
+    // Only a rule with grace keeps pages past their lifetime: other hits
+    // read no record header for it.
+    if (r.rule->d->grace == 0 || r.rule->d->lifetime == 0)
+        return false;
     const qint64 keptUntil = VHTMLCache::instance()->entryLastModified(r.namespaceKey, r.matchKey);
     return keptUntil != 0 && r.rule->d->staleAt(keptUntil, QDateTime::currentSecsSinceEpoch());
 }
