@@ -139,7 +139,7 @@ TEST_F(StatsdClientTest, RestartedDaemonGetsTheNextBatchWhole)
     EXPECT_TRUE(client.isConnected());
 }
 
-TEST_F(StatsdClientTest, ADaemonThatNeverReadsCostsAWriteItsTimeout)
+TEST_F(StatsdClientTest, ADaemonThatNeverReadsIsNotWaitedFor)
 {
     // Accepts nothing and reads nothing: the kernel's buffers fill up.
     VSocketServer silent(connection);
@@ -153,8 +153,8 @@ TEST_F(StatsdClientTest, ADaemonThatNeverReadsCostsAWriteItsTimeout)
     QElapsedTimer timer;
     timer.start();
     EXPECT_THROW(socket.writeMessages(batch), VException);
-    // The write gives up at its limit instead of waiting for the daemon.
-    EXPECT_LT(timer.elapsed(), 10 * VSocketBase::TimeoutMs);
+    // The write gives up once the buffers are full instead of waiting.
+    EXPECT_LT(timer.elapsed(), VSocketBase::TimeoutMs);
 }
 
 TEST(VSocketClient, ConnectionStrings)
