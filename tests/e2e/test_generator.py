@@ -93,11 +93,24 @@ class Generator(harness.Case):
         self.assertEqual(1, self.runs())
         self.assertNotIn("ERROR]", self.workspace.log())
 
-    def test_without_a_database_nothing_is_written(self):
-        result = self.generate()
-        self.assertEqual(1, result.returncode)
-        self.assertIn(b"--init", result.stderr)
-        self.assertFalse(os.path.exists(os.path.join(self.etc, "pagecache_rules.xml")))
+    def test_without_a_database_or_with_one_others_can_change_nothing_is_written(self):
+        target, new = self.workspace.path("target"), os.path.join(self.etc, "pagecache_rules.xml.new")
+        planted = {"no database": (None, b"--init"), "link at the database": (lambda: os.symlink(target, self.database),
+                                                                             b"is a symbolic link"),
+                   "link at the output": (lambda: os.symlink(target, new), b"Unable to open"),
+                   "world-writable database": (lambda: os.chmod(self.database, 0o666), b"writable by others"),
+                   "another user's database": (lambda: os.chown(self.database, 65534, -1), b"another user"),
+                   "the workers' directory": (lambda: os.chown(os.path.dirname(self.database), 33, 33), b"another user")}
+        for name, (plant, message) in planted.items():
+            with self.subTest(name):
+                [os.unlink(path) for path in (self.database, target, new) if os.path.lexists(path)]
+                if "link" not in name and plant:
+                    self.assertEqual(0, self.generate("--init").returncode)
+                    os.unlink(os.path.join(self.etc, "pagecache_rules.xml"))
+                result = plant() or self.generate("--init") if plant else self.generate()
+                self.assertEqual((1, True), (result.returncode, message in result.stderr), result.stderr)
+                self.assertFalse(os.path.exists(os.path.join(self.etc, "pagecache_rules.xml")))
+                self.assertFalse(os.path.exists(target))
 
 
 if __name__ == "__main__":
