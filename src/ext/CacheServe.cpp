@@ -294,6 +294,18 @@ bool rebuildsAfterResponse()
     return r.holdsPageLock && !r.waitingForSession && !vesk_output_compressing() && vesk_can_finish_response_early();
 }
 
+// A page whose files went (a restart, a change of the rules) is published
+// again at its next hit; any other hit pays one existence test, and only
+// under a rule that publishes.
+void republishIfMissing()
+{
+    const RequestState& r = requestState;
+    VPublishedPages* pages = VHTMLCache::published();
+    if (!r.rule->d->publish || !pages || pages->hasEntry(r.namespaceKey, r.matchKey) || !pagePublishable())
+        return;
+    VHTMLCache::instance()->republish(r.namespaceKey, r.matchKey, *r.rule->d, engineContentType());
+}
+
 } // namespace
 
 CacheAnswer lookUp(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
@@ -328,5 +340,8 @@ CacheAnswer lookUp(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
     lookup.compressedHit = readServedCopy(lookup.served, ruleId, ruleName);
     if (lookup.compressedHit < 0)
         return CacheAnswer::Empty;
-    return stillServable(lookup.served) ? CacheAnswer::Serve : CacheAnswer::Pass;
+    if (!stillServable(lookup.served))
+        return CacheAnswer::Pass;
+    republishIfMissing();
+    return CacheAnswer::Serve;
 }

@@ -16,6 +16,32 @@
 #include <cstring>
 #include <ctime>
 
+QByteArray engineContentType()
+{
+    const char* type = iniFromEngine("default_mimetype", strlen("default_mimetype"));
+    const char* charset = iniFromEngine("default_charset", strlen("default_charset"));
+    QByteArray contentType = type ? type : "";
+    if (charset && *charset && contentType.startsWith("text/"))
+        contentType += QByteArray("; charset=") + charset;
+    return contentType;
+}
+
+bool pagePublishable()
+{
+    if (!requestState.rule->d->publish || !VHTMLCache::published())
+        return false;
+    // Servers pass REMOTE_USER empty for a request without credentials.
+    for (const char* name : {"HTTP_AUTHORIZATION", "REMOTE_USER", "PHP_AUTH_USER"}) {
+        const VeskKey key{name, strlen(name)};
+        std::string value;
+        if (vesk_global_element_text("_SERVER", strlen("_SERVER"), &key, 1, &value) && !value.empty()) {
+            VLOG(moduleState.logStream, 3) << "Not publishing a page built for a request with credentials";
+            return false;
+        }
+    }
+    return true;
+}
+
 namespace {
 
 // A flush of the capture's level sends part of the page on ahead: that
@@ -83,13 +109,9 @@ PublishTarget publishTarget()
     PublishTarget target;
     target.url = r.url.whole();
     target.contentType = VHeaderLines::value(r.storedHeaders, "Content-Type");
-    if (target.contentType.isNull()) {
-        const char* type = iniFromEngine("default_mimetype", strlen("default_mimetype"));
-        const char* charset = iniFromEngine("default_charset", strlen("default_charset"));
-        target.contentType = type ? type : "";
-        if (charset && *charset && target.contentType.startsWith("text/"))
-            target.contentType += QByteArray("; charset=") + charset;
-    }
+    if (target.contentType.isNull())
+        target.contentType = engineContentType();
+    target.ruleDescription = VHTMLCache::publishDescription(*r.rule->d);
     const quint32 lifetime = r.rule->d->lifetime;
     target.expiresAt = lifetime == 0 ? 0 : qint64(time(nullptr)) + lifetime;
     return target;
@@ -124,7 +146,7 @@ void storeWhole(const char* output, size_t length, int responseCode)
     const bool compress = VHTMLCache::compressionWanted(qint64(length), r.compressionAllowed,
                                                         iniFromEngine("tidy.clean_output", strlen("tidy.clean_output")))
                           && !vesk_output_compressing();
-    const bool publish = r.rule->d->publish && VHTMLCache::published();
+    const bool publish = pagePublishable();
     const PublishTarget target = publish ? publishTarget() : PublishTarget();
     if (!cache->storeOutput(r.namespaceKey, r.matchKey, r.url.whole(), output, qint64(length), responseCode,
                             r.storedHeaders, lifetime, compress, r.responseCompressed, publish ? &target : nullptr)) {

@@ -16,13 +16,7 @@ REACH = 1.0
 # The most a request waits on Redis (TKDTaskInserter::TimeoutMs), in seconds.
 QUEUE_LIMIT = 0.1
 
-REMOVALS = [
-    ("page_cache_remove_cached_contents", "http://<default-server>/(page)\\.php"),
-    ("page_cache_remove_cached_contents_by_uri", "Pages", "/page.php"),
-    ("page_cache_remove_cached_contents_by_rule", "Pages"),
-    ("page_cache_remove_cached_contents_by_rules_ids", [7]),
-    ("page_cache_remove_all_cached_contents",),
-]
+REMOVALS = harness.removals("page", "Pages", 7)
 
 
 class Node:
