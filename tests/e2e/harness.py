@@ -44,6 +44,11 @@ def engine_settings(sapi, bare=False):
     return options, "/etc/php/8.2/%s/conf.d" % sapi
 
 
+def write(path, text):
+    with open(path, "w") as f:
+        f.write(text)
+
+
 def free_port():
     with socket.socket() as s:
         s.bind(("127.0.0.1", 0))
@@ -63,8 +68,7 @@ class Workspace:
     def use_rules(self, text):
         """Puts `text` in place as the rules file, with the schema beside it."""
         shutil.copy(os.path.join(SOURCE_ROOT, "conf", "pagecache_rules_schema.xsd"), self.path("conf"))
-        with open(self.path("conf", "pagecache_rules.xml"), "w") as f:
-            f.write(text)
+        write(self.path("conf", "pagecache_rules.xml"), text)
 
     def path(self, *parts):
         return os.path.join(self.root, *parts)
@@ -508,8 +512,7 @@ class ApacheWithPhp:
             lines += ["User nobody", "Group nogroup"]
         if server_config:
             lines.append(server_config)
-        with open(workspace.path("apache.conf"), "w") as f:
-            f.write("\n".join(lines) + "\n")
+        write(workspace.path("apache.conf"), "\n".join(lines) + "\n")
         self.output = open(workspace.path("apache.out"), "wb")
         env = php_environment("apache2", bare)
         env["PHP_INI_SCAN_DIR"] = ":".join(filter(None, [env["PHP_INI_SCAN_DIR"], ext_dir]))
@@ -537,9 +540,7 @@ def url_rule(path, name="Pages", splits=("_SERVER[REQUEST_URI]",), conditions=()
 
 
 def removals(rule, name, rule_id, uri=None):
-    """Each removal function, with the arguments that cover the pages of the
-    rule whose path is `(rule)\\.php` (a plain group stands for the rule's
-    non-capturing one), named `name`, of id `rule_id`."""
+    """Each removal function, with what covers the pages of rule `(rule)\\.php` named `name`, of id `rule_id`."""
     return [("page_cache_remove_cached_contents", "http://<default-server>/(%s)\\.php" % rule),
             ("page_cache_remove_cached_contents_by_uri", name, uri or "/%s.php" % rule),
             ("page_cache_remove_cached_contents_by_rule", name),

@@ -49,8 +49,7 @@ class Removal(harness.Case):
         self.assertEqual(runs, self.runs())
 
     def sized(self, size):
-        with open(os.path.join(self.site, "size.txt"), "w") as f:
-            f.write(str(size))
+        harness.write(os.path.join(self.site, "size.txt"), str(size))
         status, headers, body = self.server.get("/sized.php", {"Accept-Encoding": "gzip"})
         self.assertEqual(200, status)
         return gzip.decompress(body) if headers.get("Content-Encoding") == "gzip" else body

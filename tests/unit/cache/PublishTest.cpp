@@ -215,50 +215,6 @@ TEST_F(PublishTest, RecordStoredFromAnotherUrlMovesItsFile)
     EXPECT_EQ("<p>2</p>", published("o", "http/h2/other.vesk.html"));
 }
 
-TEST_F(PublishTest, EveryRemovalEndsThePublishedFiles)
-{
-    const QByteArray uriKey = VMD5::hash("_SERVER/p/u");
-    auto gone = [&](const char* rule, const QByteArray& rest) { return published(rule, rest).isEmpty(); };
-    const QByteArray big(1500, 'b');
-
-    ASSERT_TRUE(store("http://h/p/u", uriKey, big));
-    ASSERT_TRUE(store("http://h/p/v", "v", "<p>v</p>"));
-    EXPECT_TRUE(cache->removeByUri("pub", "/p/u"));
-    EXPECT_TRUE(gone("p", "http/h/p/u.vesk.html"));
-    EXPECT_TRUE(gone("p", "http/h/p/u.vesk.html.gz"));
-    EXPECT_FALSE(gone("p", "http/h/p/v.vesk.html"));
-
-    EXPECT_TRUE(cache->removeEntry(ns("p"), "v"));
-    EXPECT_TRUE(gone("p", "http/h/p/v.vesk.html"));
-
-    ASSERT_TRUE(store("http://h/p/v", "v", "<p>v</p>"));
-    EXPECT_TRUE(cache->removeByRuleName("pub"));
-    EXPECT_TRUE(gone("p", "http/h/p/v.vesk.html"));
-
-    ASSERT_TRUE(store("http://h/other", "k", "<p>o</p>", {Html}, 0, "o"));
-    EXPECT_TRUE(cache->removeByRuleId(2));
-    EXPECT_TRUE(gone("o", "http/h/other.vesk.html"));
-
-    ASSERT_TRUE(store("http://h/p/v", "v", "<p>v</p>"));
-    EXPECT_TRUE(cache->clearNamespace(VHTMLCache::patternNamespace(QStringLiteral("http://h/(p.*)"))));
-    EXPECT_TRUE(gone("p", "http/h/p/v.vesk.html"));
-
-    ASSERT_TRUE(store("http://h/p/v", "v", "<p>v</p>"));
-    ASSERT_TRUE(store("http://h/other", "k", "<p>o</p>", {Html}, 0, "o"));
-    EXPECT_TRUE(cache->clearNamespace(QByteArray()));
-    EXPECT_TRUE(gone("p", "http/h/p/v.vesk.html"));
-    EXPECT_TRUE(gone("o", "http/h/other.vesk.html"));
-
-    // A change of the rules or a purge: everything goes, the store stays.
-    ASSERT_TRUE(store("http://h/p/v", "v", "<p>v</p>"));
-    VHTMLCache::unpublishAll();
-    EXPECT_TRUE(gone("p", "http/h/p/v.vesk.html"));
-    EXPECT_TRUE(cache->entryExists(ns("p"), "v", false));
-    // Nothing of the endings is left lying in the directory.
-    for (const QString& file : allFiles())
-        EXPECT_TRUE(!file.startsWith(QFile::decodeName(publishDir)) || file.endsWith(".vesk-published")) << file.toStdString();
-}
-
 // The cleaner's sweep: a page past its own lifetime (its grace left out),
 // a record that expired, was evicted or was removed by another process,
 // and an ending cut short, all lose their files; a live page keeps them.
