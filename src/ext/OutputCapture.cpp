@@ -16,32 +16,6 @@
 #include <cstring>
 #include <ctime>
 
-QByteArray engineContentType()
-{
-    const char* type = iniFromEngine("default_mimetype", strlen("default_mimetype"));
-    const char* charset = iniFromEngine("default_charset", strlen("default_charset"));
-    QByteArray contentType = type ? type : "";
-    if (charset && *charset && contentType.startsWith("text/"))
-        contentType += QByteArray("; charset=") + charset;
-    return contentType;
-}
-
-bool pagePublishable()
-{
-    if (!requestState.rule->d->publish || !VHTMLCache::published())
-        return false;
-    // Servers pass REMOTE_USER empty for a request without credentials.
-    for (const char* name : {"HTTP_AUTHORIZATION", "REMOTE_USER", "PHP_AUTH_USER"}) {
-        const VeskKey key{name, strlen(name)};
-        std::string value;
-        if (vesk_global_element_text("_SERVER", strlen("_SERVER"), &key, 1, &value) && !value.empty()) {
-            VLOG(moduleState.logStream, 3) << "Not publishing a page built for a request with credentials";
-            return false;
-        }
-    }
-    return true;
-}
-
 namespace {
 
 // A flush of the capture's level sends part of the page on ahead: that
