@@ -203,8 +203,11 @@ class Published:
             self.assertFromPhp(path)
             self.assertWithoutPhp(path)
         self.start(guarded=True)
+        members = [f for f in self.published_files() if "members" in f][0]
         for path, status in (("/members/page.php", 401), ("/private/page.php", 403)):
             self.assertEqual(status, self.get(path)[0], path)
+        # Nor does the folder answer a request of its own.
+        self.assertIn(self.get("/vesk-published/" + members)[0], (403, 404))
         self.assertWithoutPhp("/members/page.php", **CREDENTIALS)
         # A page built for a request with credentials is never published.
         self.assertIs(True, self.call(self.server.port, "page_cache_remove_all_cached_contents"))
