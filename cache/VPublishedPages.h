@@ -22,8 +22,8 @@ struct PublishTarget
 // Stored pages mirrored as static files that the web server sends without
 // PHP, under the publish directory:
 //
-//   <dir>/<namespace>/<scheme>/<host><path>.vesk.html    the clear copy
-//   <dir>/<namespace>/<scheme>/<host><path>.vesk.html.gz the gzip copy
+//   <dir>/<namespace>/<scheme>/<host>:<port><path>.vesk.html    the clear copy
+//   <dir>/<namespace>/<scheme>/<host>:<port><path>.vesk.html.gz the gzip copy
 //   <dir>/.index/<namespace>/<key>                       which files a record has
 //
 // The store stays the one source of truth: every file has its index entry

@@ -106,7 +106,7 @@ QString nginxRule(const CacheRule& rule, const QByteArray& dir)
         text += QStringLiteral("    if ($vesk_block) { set $vesk_rule 1; }\n");
     }
     const QString ns = QString::fromLatin1(VHTMLCache::ruleNamespace(rule));
-    text += QStringLiteral("    set $vesk_file \"/%1/$scheme/$host${uri}.vesk.html\";\n"
+    text += QStringLiteral("    set $vesk_file \"/%1/$scheme/$host:$server_port${uri}.vesk.html\";\n"
                            "    if (!-f \"%2$vesk_file\") { set $vesk_rule \"\"; }\n"
                            "    if ($vesk_rule) { rewrite ^ /.vesk-published$vesk_file last; }\n")
                 .arg(ns, QString::fromLocal8Bit(dir));
@@ -174,7 +174,7 @@ QString apacheRule(const CacheRule& rule, const QByteArray& dir)
     QString text = ruleTitle(rule);
     if (blocks.isEmpty())
         return text + QStringLiteral("#   its conditions never hold without a query: nothing to send\n");
-    const QString file = QStringLiteral("%1/%2/%{REQUEST_SCHEME}/%{SERVER_NAME}%{REQUEST_URI}.vesk.html")
+    const QString file = QStringLiteral("%1/%2/%{REQUEST_SCHEME}/%{SERVER_NAME}:%{SERVER_PORT}%{REQUEST_URI}.vesk.html")
                              .arg(QString::fromLocal8Bit(dir), QString::fromLatin1(VHTMLCache::ruleNamespace(rule)));
     for (const Block& block : blocks) {
         QStringList conditions = {

@@ -302,7 +302,7 @@ CacheAnswer lookUp(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
     const VDebug::StreamId log = moduleState.logStream;
     r.buffering = false;
     QByteArray split;
-    if (!faithfulSplitKey(r.rule->d->splitBlock, r.requestUrl, split)) {
+    if (!faithfulSplitKey(r.rule->d->splitBlock, r.requestUrl, split, r.site)) {
         notePass("key");
         return CacheAnswer::Pass;
     }
@@ -314,7 +314,8 @@ CacheAnswer lookUp(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
     if (!usable || !VHTMLCache::instance()->entryExists(r.namespaceKey, r.matchKey, false))
         return CacheAnswer::Miss;
     lookup.stale = !r.holdsPageLock && pageIsStale();
-    if (lookup.stale && rebuildsStalePage()) {
+    // Only a request whose page may be stored rebuilds a stale one.
+    if (lookup.stale && r.storeRefusal.isNull() && rebuildsStalePage()) {
         if (!rebuildsAfterResponse())
             return CacheAnswer::Miss;
         lookup.rebuildAfter = true;

@@ -1,4 +1,5 @@
 #include "RequestPath.h"
+#include "RequestPrivacy.h"
 
 #include "GlobalDirectives.h"
 #include "HostProbes.h"
@@ -124,7 +125,9 @@ void storeWhole(const char* output, size_t length, int responseCode)
     const bool compress = VHTMLCache::compressionWanted(qint64(length), r.compressionAllowed,
                                                         iniFromEngine("tidy.clean_output", strlen("tidy.clean_output")))
                           && !vesk_output_compressing();
-    const bool publish = r.rule->d->publish && VHTMLCache::published();
+    // Pages for credentials the rule lets in are stored, never published:
+    // the web server sends a published file to whoever asks.
+    const bool publish = r.rule->d->publish && VHTMLCache::published() && !hasCredentials();
     const PublishTarget target = publish ? publishTarget() : PublishTarget();
     if (!cache->storeOutput(r.namespaceKey, r.matchKey, r.url.whole(), output, qint64(length), responseCode,
                             r.storedHeaders, lifetime, compress, r.responseCompressed, publish ? &target : nullptr)) {
@@ -160,6 +163,10 @@ void storeToCache(const char* output, size_t length, const VeskOutputPass& pass)
         VLOG(log, 5) << "Current request is not cached";
         refuse(r.passReason ? r.passReason : "disabled");
         r.flushedOutput.clear();
+        return;
+    }
+    if (!r.storeRefusal.isNull()) {
+        refuse(r.storeRefusal.constData());
         return;
     }
     if (holdEndedCapture(output, length, pass))

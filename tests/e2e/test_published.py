@@ -9,7 +9,8 @@ import unittest
 
 import harness
 
-RULE = harness.url_rule("(page|sized|off)\\.php", "Published", id="7", publish="true",
+RULE = harness.url_rule("(page|sized|off|host)\\.php", "Published", ("_SERVER[HTTP_HOST]", "_SERVER[REQUEST_URI]"),
+                        id="7", publish="true",
                         conditions=('global="_COOKIE[logged_in]" type="not_exists" value=""',))
 SHORT = harness.url_rule("(short)\\.php", "Short", id="8", publish="true", lifetime="2")
 BIG = harness.url_rule("(big1|big2)\\.php", "Big", id="9", publish="true", compress="false")
@@ -24,10 +25,11 @@ class Published:
     def setUp(self):
         self.use_site(RULES)
         self.publish_dir = self.workspace.path("tmp", "published")
-        for name in ("short", "off"):
+        pages = {"short": "", "off": "page_cache_disable_caching();\n", "host": "echo $_SERVER['HTTP_HOST'];\n"}
+        for name, code in pages.items():
             with open(os.path.join(self.site, name + ".php"), "w") as f:
                 f.write("<?php require __DIR__ . '/_record.php';\n%secho '<p>%s ' . microtime(true) . '</p>';\n"
-                        % ("page_cache_disable_caching();\n" if name == "off" else "", name))
+                        % (code, name))
         # Two pages of 700 kB that a store bound of 1 MiB can't both keep.
         for name in ("big1", "big2"):
             with open(os.path.join(self.site, name + ".php"), "w") as f:
@@ -41,12 +43,8 @@ class Published:
 
     def generated(self):
         """The tool's configuration for this server, from the workers' directives."""
-        ini = self.workspace.path("tool.ini")
-        with open(ini, "w") as f:
-            f.write("".join('%s = "%s"\n' % item for item in self.values.items()))
-        name = "nginx" if self.KIND == "php-fpm" else "apache"
-        result = subprocess.run([harness.TOOL, "--ini", ini, "publish-config", name], capture_output=True,
-                                text=True, timeout=30, env=dict(os.environ, PHP_INI_SCAN_DIR=""))
+        result = harness.run_tool(self.workspace, self.values, "publish-config",
+                                  "nginx" if self.KIND == "php-fpm" else "apache")
         self.assertEqual(0, result.returncode, result.stderr)
         return result.stdout
 
@@ -107,7 +105,7 @@ class Published:
 
     def test_each_ending_removes_the_files(self):
         functions = [
-            ("page_cache_remove_cached_contents", "http://<default-server>/(page|sized|off)\\.php"),
+            ("page_cache_remove_cached_contents", "http://<default-server>/(page|sized|off|host)\\.php"),
             ("page_cache_remove_cached_contents_by_uri", "Published", "/page.php"),
             ("page_cache_remove_cached_contents_by_rule", "Published"),
             ("page_cache_remove_cached_contents_by_rules_ids", [7]),
@@ -130,8 +128,7 @@ class Published:
                 self.assertFromPhp("/page.php")
 
     def tool_removes_all(self):
-        result = subprocess.run([harness.TOOL, "--ini", self.workspace.path("tool.ini"), "remove", "all"],
-                                capture_output=True, text=True, timeout=30, env=dict(os.environ, PHP_INI_SCAN_DIR=""))
+        result = harness.run_tool(self.workspace, self.values, "remove", "all")
         self.assertEqual(0, result.returncode, result.stderr)
 
     def test_purge_by_another_process_removes_the_files_at_the_next_cleaning(self):
@@ -182,6 +179,11 @@ class Published:
         self.assertEqual([], self.published_files())
         for name in set(self.all_files()) - before:
             self.assertFalse(name.endswith((".vesk.html", ".gz")), name)
+
+    def test_a_host_port_the_client_chose_reaches_no_other_visitor(self):
+        for headers in ({"Host": "127.0.0.1:1234"}, {"Host": "127.0.0.1:1234"}, {}, {}):
+            body = self.get("/host.php", **headers)[2]
+        self.assertIn(b"127.0.0.1:%d<p>" % self.server.port if self.KIND == "apache" else b"127.0.0.1<p>", body)
 
     def all_files(self):
         return [os.path.join(d, n) for d, _, names in os.walk(self.workspace.root) for n in names]
