@@ -77,13 +77,15 @@ bool faithfulSplitKey(const ConditionsBlock& block, const QByteArray& url, QByte
     return false;
 }
 
-QByteArray requestSite(const QByteArray& httpHost, const QByteArray& serverPort, bool* portConflict)
+QByteArray requestSite(const QByteArray& httpHost, const QByteArray& serverPort, bool https, bool* portConflict)
 {
     // An IPv6 address in brackets holds colons of its own.
     const int bracket = httpHost.startsWith('[') ? httpHost.indexOf(']') : -1;
     const int colon = httpHost.indexOf(':', qMax(bracket, 0));
     const QByteArray host = (colon < 0 ? httpHost : httpHost.left(colon)).toLower();
-    const QByteArray named = colon < 0 ? QByteArray() : httpHost.mid(colon + 1);
+    QByteArray named = colon < 0 ? QByteArray() : httpHost.mid(colon + 1);
+    if (named == (https ? "443" : "80"))
+        named.clear();
     *portConflict = !named.isEmpty() && !serverPort.isEmpty() && named != serverPort;
     const QByteArray port = serverPort.isEmpty() ? named : serverPort;
     return port.isEmpty() ? host : host + ':' + port;

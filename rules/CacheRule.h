@@ -39,8 +39,10 @@ bool faithfulSplitKey(const ConditionsBlock& block, const QByteArray& url, QByte
 // The site a request is for: the host of `httpHost` in lower case, ":" and
 // the port the server answered on (`serverPort`, else the one the host
 // names). `portConflict` says whether the host names a port other than the
-// server's: the client chose it, and a page built for it is nobody else's.
-QByteArray requestSite(const QByteArray& httpHost, const QByteArray& serverPort, bool* portConflict);
+// server's and the scheme's own: the client chose it, and a page built for
+// it is nobody else's. The scheme's own port is the one a host without a
+// port stands for, as a balancer in front may name it.
+QByteArray requestSite(const QByteArray& httpHost, const QByteArray& serverPort, bool https, bool* portConflict);
 
 class CacheRuleData : public QSharedData
 {

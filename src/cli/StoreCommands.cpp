@@ -184,8 +184,10 @@ QByteArray showRequest(const CacheRule& rule, const QByteArray& url, RequestValu
         return QByteArray();
     }
     bool portConflict = false;
+    const QByteArray https = values.elementValue("_SERVER", {"HTTPS"}).toLower();
     const QByteArray site = requestSite(values.elementValue("_SERVER", {"HTTP_HOST"}),
-                                        values.elementValue("_SERVER", {"SERVER_PORT"}), &portConflict);
+                                        values.elementValue("_SERVER", {"SERVER_PORT"}),
+                                        !https.isEmpty() && https != "off", &portConflict);
     if (portConflict) {
         out(QStringLiteral("this request: its Host names another port than the server's: neither served nor stored"));
         return QByteArray();

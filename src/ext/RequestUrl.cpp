@@ -77,7 +77,8 @@ QByteArray RequestUrl::site(bool* portConflict) const
         return QByteArray();
     const int hostStart = m_whole.indexOf("://") + 3;
     const char* port = vesk_sapi_getenv("SERVER_PORT");
-    return requestSite(m_whole.mid(hostStart, m_hostEnd - hostStart), QByteArray(port), portConflict);
+    return requestSite(m_whole.mid(hostStart, m_hostEnd - hostStart), QByteArray(port), m_whole.startsWith("https:"),
+                       portConflict);
 }
 
 bool RequestUrl::onPort(const char* ports) const

@@ -201,10 +201,11 @@ TEST_F(ConditionsTest, SplitByHostReadsTheSiteTheServerAnsweredFor)
         bool conflict;
     } table[] = {{"A.test", "8090", "a.test:8090", false},    {"a.test:8090", "8090", "a.test:8090", false},
                  {"a.test:1234", "8090", "a.test:8090", true}, {"[::1]:8090", "8090", "[::1]:8090", false},
-                 {"a.test:1234", "", "a.test:1234", false},    {"a.test", "", "a.test", false}};
+                 {"a.test:1234", "", "a.test:1234", false},    {"a.test", "", "a.test", false},
+                 {"a.test:80", "8090", "a.test:8090", false},  {"a.test:443", "8090", "a.test:8090", true}};
     for (const auto& row : table) {
         bool conflict = !row.conflict;
-        EXPECT_EQ(row.site, requestSite(row.host, row.port, &conflict)) << row.host.constData();
+        EXPECT_EQ(row.site, requestSite(row.host, row.port, false, &conflict)) << row.host.constData();
         EXPECT_EQ(row.conflict, conflict) << row.host.constData();
     }
 }
