@@ -174,14 +174,16 @@ QByteArray VPublishedPages::fileFor(const QByteArray& ns, const QByteArray& url,
         *why = "a query string";
         return QByteArray();
     }
+    // The port stays: the store keeps the pages of each port apart, and so
+    // does the web server's look-up ($host:$server_port, SERVER_NAME:SERVER_PORT).
     QByteArray host = url.mid(schemeEnd + 3, pathStart - schemeEnd - 3).toLower();
+    if (!host.contains(':'))
+        host += scheme == "https" ? ":443" : ":80";
     const int colon = host.lastIndexOf(':');
-    bool numericPort = true;
-    if (colon >= 0)
+    bool numericPort = colon > 0;
+    if (colon > 0)
         host.mid(colon + 1).toUShort(&numericPort);
-    if (colon >= 0 && numericPort)
-        host.truncate(colon);
-    if (!plainHost(host)) {
+    if (!numericPort || !plainHost(host.left(colon))) {
         *why = "a host that isn't a plain host name";
         return QByteArray();
     }

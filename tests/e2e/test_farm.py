@@ -61,10 +61,7 @@ class Node:
 
     def status(self):
         """What `vesk-pagecache status` says of the node's queue."""
-        ini = self.workspace.path("tool.ini")
-        harness.write(ini, "[PHP]\n" + "".join('%s = "%s"\n' % item for item in self.directives.items()))
-        result = subprocess.run([harness.TOOL, "--ini", ini, "status"], capture_output=True, text=True, timeout=60,
-                                env=dict(os.environ, PHP_INI_SCAN_DIR=""))
+        result = harness.run_tool(self.workspace, self.directives, "status")
         self.test.assertEqual(0, result.returncode, result.stderr)
         return [line for line in result.stdout.splitlines() if line.startswith("queue: ")][0]
 
