@@ -11,7 +11,6 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 
-#include <memory>
 #include <unistd.h>
 
 namespace {
@@ -51,15 +50,14 @@ Command commandNamed(const QString& name)
 }
 
 // The store and the log belong to the workers' user: a root shell works as
-// that user, so that nothing it writes becomes root's.
-bool becomeWorkersUser(const CliDirectives& directives, std::unique_ptr<VPrivilegesDropper>& dropper)
+// that user for good, so that nothing it writes becomes root's and nothing
+// it reads (rules, databases the workers can write) runs with root's rights.
+bool becomeWorkersUser(const CliDirectives& directives)
 {
     if (geteuid() != 0)
         return true;
-    if (directives.httpdUid() < 0)
-        return false;
-    dropper.reset(new VPrivilegesDropper(directives.httpdUid(), directives.httpdGid()));
-    return dropper->dropped();
+    return directives.httpdUid() >= 0
+           && VPrivilegesDropper::dropForGood(long(directives.httpdUid()), long(directives.httpdGid()));
 }
 
 // The workers' log file, where the core's own statements go as they would
@@ -116,8 +114,7 @@ int main(int argc, char** argv)
         return command(context, rest);
     if (!context.directives.load(iniSourcesFor(parser.value(confRoot), parser.value(sapi), parser.value(ini))))
         return fail(ExitFailed, context.directives.lastError());
-    std::unique_ptr<VPrivilegesDropper> dropper;
-    if (!becomeWorkersUser(context.directives, dropper)) {
+    if (!becomeWorkersUser(context.directives)) {
         const QString phpIni = context.directives.filesRead().value(0);
         return fail(ExitFailed, context.directives.httpdUid() < 0
                                     ? QStringLiteral("vesk.httpd_uid is set neither in %1 nor in its scan directories: "

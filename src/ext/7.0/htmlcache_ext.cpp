@@ -61,12 +61,12 @@ void refuseAndReport(const QString& text, int level)
 }
 
 // The log file and the store are made as the web server's user, so that
-// workers that run as that user can write them later.
+// workers that run as that user can write them later, and so that nothing
+// a worker planted there (a link) leads a root process anywhere the workers
+// can't go themselves: command-line runs too.
 std::unique_ptr<VPrivilegesDropper> dropPrivileges(long uid, long gid)
 {
-    if (webSapiCheck() == 0 && !isPlainCgi())
-        return std::unique_ptr<VPrivilegesDropper>(new VPrivilegesDropper(uid, gid));
-    return nullptr;
+    return std::unique_ptr<VPrivilegesDropper>(new VPrivilegesDropper(uid, gid));
 }
 
 // Null for a path that didn't resolve, as the store and log expect.
@@ -98,7 +98,9 @@ bool openLog()
         dropper.reset();
     } catch (const VException& e) {
         dropper.reset();
-        refuseAndReport(QStringLiteral("Vesk Page Cache is disabled: ") + QString::fromLatin1(e.what()), 3);
+        // A log the workers can't open leaves the cache off with no log of
+        // its own to say so: it is a failure, told where the operator looks.
+        refuseAndReport(QStringLiteral("Vesk Page Cache is disabled: ") + QString::fromLatin1(e.what()), 0);
         return false;
     }
     return true;
