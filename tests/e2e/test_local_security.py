@@ -116,3 +116,21 @@ class LocalSecurity(harness.Case):
         self.assertEqual(before, (sorted(os.listdir(self.secret)), sorted(os.listdir(os.path.join(self.secret, "pub")))))
         with open(os.path.join(self.secret, "root-only")) as f:
             self.assertEqual("root's\n", f.read())
+
+    def test_a_log_rotated_by_the_master_at_a_restart_stays_the_workers_and_takes_no_control_byte(self):
+        log = self.workspace.path("log", "pagecache.log")
+        directives = self.workers_directives(vesk_pagecache__log_verbosity_level="5",
+                                             vesk_pagecache__log_rotation_size="1")
+        for restart in range(2):
+            server = self.serve("php-fpm", directives, user="www-data")
+            bodies = [harness.http_get(server.port, "/page.php", {"If-Modified-Since": "\x1b[2J\x07x"})[2]
+                      for _ in range(2)]
+            self.assertNotIn("\x1b", self.workspace.log())
+            self.assertLogged("If-Modified-Since header received: \\x1b[2J\\x07x ")
+            # The master's own line at its end (root's) is the one that passes the size.
+            os.truncate(log, 1024 * 1024 - 60)
+            os.kill(server.master, signal.SIGTERM)
+            server.fpm.wait(timeout=30)
+            logs = [os.path.join(self.workspace.path("log"), name) for name in os.listdir(self.workspace.path("log"))]
+            self.assertEqual({WWW.pw_uid}, {os.stat(name).st_uid for name in logs}, logs)
+        self.assertEqual(bodies[0], bodies[1], "the second start stored nothing")
