@@ -1,5 +1,6 @@
 #include "VDebug.h"
 #include "VException.h"
+#include "VFileMode.h"
 
 #include <cerrno>
 #include <cstring>
@@ -42,14 +43,13 @@ void appendDefaultTimestamp(QByteArray& line)
 
 // The log's directory is writable by the workers, and root processes open
 // the log too: a link planted there is never followed, and a pipe never
-// holds the opener up. A file made here is for the workers' user and
-// group only, whatever the umask.
+// holds the opener up. A file made here gets the mode of the cache's files.
 int openForAppend(const char* path)
 {
     const int flags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
-    int fd = ::open(path, flags | O_CREAT | O_EXCL, 0640);
+    int fd = ::open(path, flags | O_CREAT | O_EXCL, VFileMode::files());
     if (fd >= 0)
-        fchmod(fd, 0640);
+        VFileMode::apply(fd);
     else if (errno == EEXIST)
         fd = ::open(path, flags);
     return fd;

@@ -6,6 +6,7 @@
 
 #include "PageCacheLogStream.h"
 #include "VException.h"
+#include "VFileMode.h"
 #include "VPrivilegesDropper.h"
 
 #include <QCommandLineParser>
@@ -121,6 +122,7 @@ int main(int argc, char** argv)
                                                      "the workers' user is unknown").arg(phpIni)
                                     : QStringLiteral("cannot become the workers' user %1").arg(context.directives.httpdUid()));
     }
+    VFileMode::set(context.directives.value("vesk.file_mode"));
     openLog(context);
     try {
         return command(context, rest);

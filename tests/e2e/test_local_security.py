@@ -29,59 +29,46 @@ foreach (file('/proc/self/maps') as $line) {
 """
 
 
-def status_ids(pid):
-    """The Uid, Gid and Groups lines of /proc/PID/status, and CapPrm."""
+def workers_only(pid):
+    """Whether /proc/PID/status shows the workers' ids alone and no permitted capability."""
     with open("/proc/%d/status" % pid) as f:
         fields = dict(line.split(":", 1) for line in f.read().splitlines())
-    return {name: fields[name].split() for name in ("Uid", "Gid", "Groups", "CapPrm")}
+    ids = ["%d" % WWW.pw_uid] * 4, ["%d" % WWW.pw_gid] * 4, ["%d" % WWW.pw_gid], ["0" * 16]
+    return ids == tuple(fields[name].split() for name in ("Uid", "Gid", "Groups", "CapPrm")) or fields
 
 
 @unittest.skipUnless(os.geteuid() == 0, "needs root, as a system's php-fpm starts")
 class LocalSecurity(harness.Case):
     def setUp(self):
         self.use_site(RULES)
-        # A directory only root may enter: what a link points root at.
+        # Only root may enter here: where a link points root.
         self.secret = self.workspace.path("secret")
         os.makedirs(os.path.join(self.secret, "pub"))
         os.chmod(self.secret, 0o700)
-        with open(os.path.join(self.secret, "root-only"), "w") as f:
-            f.write("root's\n")
-
-    def workers_directives(self, **extra):
-        return self.directives(vesk__httpd_uid=str(WWW.pw_uid), vesk__httpd_gid=str(WWW.pw_gid), **extra)
+        self.directives_www = self.directives(vesk__httpd_uid=str(WWW.pw_uid), vesk__httpd_gid=str(WWW.pw_gid))
 
     def serve_as_www(self, **extra):
-        return self.serve("php-fpm", self.workers_directives(**extra), user="www-data")
+        return self.serve("php-fpm", dict(self.directives_www, **extra), user="www-data")
 
-    def tool(self, *args, directives=None, wait=True):
-        ini = self.workspace.path("tool.ini")
-        with open(ini, "w") as f:
-            f.write("".join('%s = "%s"\n' % item for item in (directives or self.workers_directives()).items()))
-        command = [harness.TOOL, "--ini", ini] + list(args)
-        if wait:
-            return subprocess.run(command, capture_output=True, text=True, timeout=60, env=dict(os.environ, PHP_INI_SCAN_DIR=""))
-        return subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
-                                start_new_session=True, env=dict(os.environ, PHP_INI_SCAN_DIR=""))
+    def tool(self, *args, run=subprocess.run, **options):
+        with open(self.workspace.path("tool.ini"), "w") as f:
+            f.write("".join('%s = "%s"\n' % item for item in self.directives_www.items()))
+        return run([harness.TOOL, "--ini", self.workspace.path("tool.ini")] + list(args), text=True,
+                   env=dict(os.environ, PHP_INI_SCAN_DIR=""), **options)
 
-    def assertWorkersOnly(self, pid):
-        ids = status_ids(pid)
-        self.assertEqual([str(WWW.pw_uid)] * 4, ids["Uid"])
-        self.assertEqual([str(WWW.pw_gid)] * 4, ids["Gid"])
-        self.assertEqual([str(WWW.pw_gid)], ids["Groups"])
-        self.assertEqual(0, int(ids["CapPrm"][0], 16))
-
-    def test_cleaner_and_tool_keep_nothing_of_root(self):
+    def test_cleaner_and_tool_keep_nothing_of_root_and_others_read_no_page_nor_log(self):
         server = self.serve_as_www()
         self.assertEqual(200, harness.http_get(server.port, "/page.php")[0])
-        cleaners = harness.processes(name="vesk-cleaner", parent=server.master)
-        self.assertEqual(1, len(cleaners))
-        self.assertWorkersOnly(cleaners[0])
-        stats = self.tool("stats", "--exit-after", "30", "--listen", "unix:" + self.workspace.path("run", "stats.sock"),
-                          wait=False)
+        read = subprocess.run(["cat", self.workspace.path("log", "pagecache.log")] + self.records(),
+                              capture_output=True, user="nobody", group="nogroup", timeout=60)
+        self.assertEqual((b"", 2), (read.stdout, len(read.stderr.splitlines())))
+        self.assertIs(True, workers_only(harness.processes(name="vesk-cleaner", parent=server.master)[0]))
+        stats = self.tool("stats", "--exit-after", "30", "--listen", "unix:" + self.workspace.path("run", "s.sock"),
+                          run=subprocess.Popen, stderr=subprocess.PIPE, start_new_session=True)
         self.addCleanup(stats.stderr.close)
         self.addCleanup(lambda: stats.poll() is None and harness._terminate(stats))
         self.assertTrue(stats.stderr.readline().startswith("listening on"))
-        self.assertWorkersOnly(stats.pid)
+        self.assertIs(True, workers_only(stats.pid))
 
     def test_a_worker_writing_the_watch_page_has_the_master_signal_nothing_else(self):
         victim = subprocess.Popen(["sleep", "300"], start_new_session=True)
@@ -91,46 +78,40 @@ class LocalSecurity(harness.Case):
         with open(os.path.join(self.site, "watch.php"), "w") as f:
             f.write(WATCH_WRITER)
         server = self.serve_as_www(ffi__enable="1")
-        status, _, body = harness.http_get(server.port, "/watch.php?pid=%d&start=%s" % (victim.pid, start))
-        self.assertEqual((200, b"written"), (status, body))
+        self.assertEqual(b"written", harness.http_get(server.port, "/watch.php?pid=%d&start=%s" % (victim.pid, start))[2])
         os.kill(server.master, signal.SIGTERM)
         server.fpm.wait(timeout=30)
         self.assertIsNone(victim.poll(), "the master signalled the process a worker named")
 
     def test_links_planted_by_the_workers_lead_root_nowhere(self):
-        before = sorted(os.listdir(self.secret)), sorted(os.listdir(os.path.join(self.secret, "pub")))
-        os.symlink(os.path.join(self.secret, "created.log"), self.workspace.path("log", "pagecache.log"))
+        os.symlink(os.path.join(self.secret, "made.log"), self.workspace.path("log", "pagecache.log"))
         os.symlink(self.secret, self.workspace.path("tmp", "pagecache"))
-        directives = self.workers_directives(vesk_pagecache__log_verbosity_level="5",
-                                             vesk_pagecache__publish_dir=self.workspace.path("tmp", "pub"))
-        os.symlink(os.path.join(self.secret, "pub"), directives["vesk_pagecache.publish_dir"])
-        run = subprocess.run(harness.php_command(dict(directives, **{"vesk_pagecache.enable_cli": "1"}))
-                             + ["-r", "echo 1;"], capture_output=True, timeout=60,
-                             env=harness.php_environment("cli", True))
-        self.assertEqual(0, run.returncode, run.stderr)
-        server = self.serve("php-fpm", dict(directives, **{"vesk_pagecache.clean_frequency": "1"}), user="www-data")
+        os.symlink(os.path.join(self.secret, "pub"), self.workspace.path("tmp", "pub"))
+        self.directives_www.update({"vesk_pagecache.log_verbosity_level": "5", "vesk_pagecache.clean_frequency": "1",
+                                    "vesk_pagecache.publish_dir": self.workspace.path("tmp", "pub")})
+        php = harness.php_command(dict(self.directives_www, **{"vesk_pagecache.enable_cli": "1"}))
+        self.assertEqual(0, subprocess.run(php + ["-r", "echo 1;"], env=harness.php_environment("cli", True),
+                                           capture_output=True, timeout=60).returncode)
+        server = self.serve_as_www()
         harness.http_get(server.port, "/page.php")
-        self.tool("remove", "all", directives=directives)
-        self.tool("status", directives=directives)
+        for command in (["remove", "all"], ["status"]):
+            self.tool(*command, capture_output=True, timeout=60)
         server.stop()
-        self.assertEqual(before, (sorted(os.listdir(self.secret)), sorted(os.listdir(os.path.join(self.secret, "pub")))))
-        with open(os.path.join(self.secret, "root-only")) as f:
-            self.assertEqual("root's\n", f.read())
+        self.assertEqual(["pub"], os.listdir(self.secret))
+        self.assertEqual([], os.listdir(os.path.join(self.secret, "pub")))
 
     def test_a_log_rotated_by_the_master_at_a_restart_stays_the_workers_and_takes_no_control_byte(self):
-        log = self.workspace.path("log", "pagecache.log")
-        directives = self.workers_directives(vesk_pagecache__log_verbosity_level="5",
-                                             vesk_pagecache__log_rotation_size="1")
+        self.directives_www.update({"vesk_pagecache.log_verbosity_level": "5", "vesk_pagecache.log_rotation_size": "1"})
         for restart in range(2):
-            server = self.serve("php-fpm", directives, user="www-data")
+            server = self.serve_as_www()
             bodies = [harness.http_get(server.port, "/page.php", {"If-Modified-Since": "\x1b[2J\x07x"})[2]
                       for _ in range(2)]
             self.assertNotIn("\x1b", self.workspace.log())
             self.assertLogged("If-Modified-Since header received: \\x1b[2J\\x07x ")
             # The master's own line at its end (root's) is the one that passes the size.
-            os.truncate(log, 1024 * 1024 - 60)
+            os.truncate(self.workspace.path("log", "pagecache.log"), 1024 * 1024 - 60)
             os.kill(server.master, signal.SIGTERM)
             server.fpm.wait(timeout=30)
-            logs = [os.path.join(self.workspace.path("log"), name) for name in os.listdir(self.workspace.path("log"))]
-            self.assertEqual({WWW.pw_uid}, {os.stat(name).st_uid for name in logs}, logs)
+            logs = [entry.stat().st_uid for entry in os.scandir(self.workspace.path("log"))]
+            self.assertEqual({WWW.pw_uid}, set(logs))
         self.assertEqual(bodies[0], bodies[1], "the second start stored nothing")

@@ -14,6 +14,7 @@
 #include "VDebug.h"
 #include "VException.h"
 #include "VFileDate.h"
+#include "VFileMode.h"
 #include "VGlobals.h"
 #include "TKDTaskInserter.h"
 #include "VHTMLCache.h"
@@ -149,6 +150,9 @@ int moduleStartup()
     delete moduleState.purgeRules;
     moduleState.purgeRules = nullptr;
     QLocale::setDefault(QLocale(QLocale::English, QLocale::system().country()));
+    const char* fileMode = nullptr;
+    if (findDirective("vesk.file_mode", strlen("vesk.file_mode"), &fileMode) == 0 && fileMode)
+        VFileMode::set(fileMode);
 
     if (!openLog())
         return 0;
