@@ -77,7 +77,7 @@ class LocalSecurity(harness.Case):
             start = f.read().rsplit(")", 1)[1].split()[19]
         with open(os.path.join(self.site, "watch.php"), "w") as f:
             f.write(WATCH_WRITER)
-        server = self.serve_as_www(ffi__enable="1")
+        server = self.serve_as_www(**{"ffi.enable": "1"})
         self.assertEqual(b"written", harness.http_get(server.port, "/watch.php?pid=%d&start=%s" % (victim.pid, start))[2])
         os.kill(server.master, signal.SIGTERM)
         server.fpm.wait(timeout=30)
