@@ -3,7 +3,6 @@ the server, however the server ends."""
 import os
 import signal
 import subprocess
-import unittest
 
 import harness
 
@@ -128,7 +127,3 @@ class Cleaner(harness.Case):
         output = self.run_failing(["-r", script, "--", self.workspace.path("log", "pagecache.log")],
                                   memory_limit="8M")
         self.assertIn(b"Allowed memory size", output)
-
-
-if __name__ == "__main__":
-    unittest.main()

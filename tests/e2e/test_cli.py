@@ -4,7 +4,6 @@ that the next request is a miss, and shows their statistics."""
 import os
 import sqlite3
 import subprocess
-import time
 import unittest
 import urllib.request
 
@@ -71,12 +70,7 @@ class Tool(unittest.TestCase):
         self.assertEqual(200, status)
         return body
 
-    def runs(self, name="page.php"):
-        try:
-            with open(os.path.join(self.site, "runs.log")) as f:
-                return f.read().split().count(name)
-        except FileNotFoundError:
-            return 0
+    runs = harness.Case.runs
 
     def assertServedFromStore(self, path, expected):
         runs = self.runs()

@@ -5,7 +5,6 @@ import random
 import signal
 import threading
 import time
-import unittest
 
 import harness
 
@@ -146,7 +145,3 @@ class Crashes(harness.Case):
             self.assertEqual(1, self.runs() - before)
             for record in self.records():
                 os.unlink(record)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -4,7 +4,6 @@ import datetime
 import email.utils
 import gzip
 import http.client
-import unittest
 
 import harness
 
@@ -139,7 +138,3 @@ class RequestPath(harness.Case):
         self.request("GET", "/page.php?after=fatal")
         self.request("GET", "/page.php?after=fatal")
         self.assertLogged("Stored entry")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -54,7 +54,3 @@ class CommandLine(unittest.TestCase):
         modules, engine = output.split("[Zend Modules]")
         self.assertIn("\nVesk Page Cache\n", modules)
         self.assertIn("\nVesk Page Cache\n", engine)
-
-
-if __name__ == "__main__":
-    unittest.main()

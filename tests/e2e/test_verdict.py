@@ -3,7 +3,6 @@ what the page cache did with it: "X-PageCache: hit", "miss" when the page
 was stored, or "pass" with the reason it wasn't. The line is the response's
 own and never part of a stored page; an uncovered URL gets none."""
 import os
-import unittest
 
 import harness
 
@@ -48,7 +47,3 @@ class Verdict(harness.Case):
         port = self.serve().port
         for _ in range(2):
             self.assertIsNone(self.verdict(port, "/page.php"))
-
-
-if __name__ == "__main__":
-    unittest.main()
