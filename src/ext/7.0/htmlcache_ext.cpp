@@ -27,6 +27,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <memory>
+#include <unistd.h>
 
 const char* const PageCacheName = "Vesk Page Cache";
 const char* const PageCacheVersion = "2021.4.6";
@@ -38,6 +39,8 @@ const char* const NoUidMessage =
 const char* const NoGidMessage =
     "Unable to locate the httpd gid from ini files. Vesk Page Cache is disabled";
 const char* const CliMessage = "Vesk Page Cache is disabled in CLI/CGI run";
+const char* const RootCliMessage =
+    "Vesk Page Cache is disabled in a CLI/CGI run as root: it works as the workers' user %1 only";
 
 void refuse(const QString& text, int level)
 {
@@ -166,6 +169,14 @@ int moduleStartup()
     VHTMLCache::setClusterQueue(clusterQueue(), nodeId());
     if (!pageCacheConfig.enable_cli && webSapiCheck() == -1) {
         refuse(QString::fromLatin1(CliMessage), 3);
+        pageCacheConfig.pulse_enable = false;
+        return 0;
+    }
+    // A command-line script keeps its user's identity, which the cache
+    // can't set aside for a whole request: run by root for other workers,
+    // it would store and remove the workers' files as root.
+    if (webSapiCheck() == -1 && geteuid() == 0 && httpdUid() != 0) {
+        refuse(QString::fromLatin1(RootCliMessage).arg(httpdUid()), 1);
         pageCacheConfig.pulse_enable = false;
         return 0;
     }
