@@ -110,6 +110,24 @@ bool openLog()
     return true;
 }
 
+// Whether a run that isn't a web run stops here, with the cache off.
+bool refusedOutsideWebRuns()
+{
+    if (webSapiCheck() != -1)
+        return false;
+    if (!pageCacheConfig.enable_cli)
+        refuse(QString::fromLatin1(CliMessage), 3);
+    // A command-line script keeps its user's identity, which the cache
+    // can't set aside for a whole request: run by root for other workers,
+    // it would store and remove the workers' files as root.
+    else if (geteuid() == 0 && httpdUid() != 0)
+        refuse(QString::fromLatin1(RootCliMessage).arg(httpdUid()), 1);
+    else
+        return false;
+    pageCacheConfig.pulse_enable = false;
+    return true;
+}
+
 void logParameters()
 {
     const VDebug::StreamId log = moduleState.logStream;
@@ -167,19 +185,8 @@ int moduleStartup()
     moduleState.serverInfo.setServerNumber(int(nodeId()));
     TKDTaskInserter::setClusterQueue(clusterQueue());
     VHTMLCache::setClusterQueue(clusterQueue(), nodeId());
-    if (!pageCacheConfig.enable_cli && webSapiCheck() == -1) {
-        refuse(QString::fromLatin1(CliMessage), 3);
-        pageCacheConfig.pulse_enable = false;
+    if (refusedOutsideWebRuns())
         return 0;
-    }
-    // A command-line script keeps its user's identity, which the cache
-    // can't set aside for a whole request: run by root for other workers,
-    // it would store and remove the workers' files as root.
-    if (webSapiCheck() == -1 && geteuid() == 0 && httpdUid() != 0) {
-        refuse(QString::fromLatin1(RootCliMessage).arg(httpdUid()), 1);
-        pageCacheConfig.pulse_enable = false;
-        return 0;
-    }
     logParameters();
     resolvePaths();
     PageCachePulse::instance()->initialize(
