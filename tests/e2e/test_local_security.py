@@ -1,6 +1,5 @@
-"""Root starts the servers, the cleaner and the tool for the workers' user
-www-data; nothing www-data can write (a link, the watch page) leads root
-anywhere, and what root leaves behind stays the workers'."""
+"""Root starts the server, the cleaner and the tool for the workers' user www-data: nothing
+www-data can write (a link, the watch page) leads root anywhere, and what root leaves stays theirs."""
 import os
 import pwd
 import signal
@@ -16,8 +15,7 @@ RULES = harness.rules_file(harness.url_rule("page\\.php"))
 # cleaner in the watch page, the one shared page whose first word names the
 # master, written through the worker's own memory.
 WATCH_WRITER = r"""<?php
-$stat = file_get_contents('/proc/self/stat');
-$master = (int)explode(' ', substr($stat, strrpos($stat, ')') + 2))[1];
+$master = posix_getppid();
 foreach (file('/proc/self/maps') as $line) {
     if (!preg_match('/^([0-9a-f]+)-([0-9a-f]+) rw-s .*\/dev\/zero/', $line, $m)
         || hexdec($m[2]) - hexdec($m[1]) != 4096) continue;
