@@ -1,5 +1,6 @@
 #include "VPublishedPages.h"
 
+#include "VFileMode.h"
 #include "VHeaderLines.h"
 
 #include <QDir>
@@ -251,9 +252,10 @@ bool VPublishedPages::writeFile(const QByteArray& path, const QByteArray& data, 
     for (int attempt = 0; attempt < 2; ++attempt) {
         QDir().mkpath(QFile::decodeName(dir));
         const QByteArray temp = dir + '/' + uniqueName(".tmp-");
-        const int fd = open(temp.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        const int fd = open(temp.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, VFileMode::files());
         if (fd < 0 && errno == ENOENT)
             continue;
+        VFileMode::apply(fd);
         bool written = fd >= 0;
         for (qint64 done = 0; written && done < data.size();) {
             const ssize_t n = write(fd, data.constData() + done, size_t(data.size() - done));

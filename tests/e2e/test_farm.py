@@ -41,12 +41,7 @@ class Node:
         self.test.wait_until(lambda: self.workspace.log().count("Cluster agent reads the task queue") > joined,
                              10, "the node's agent didn't join the queue")
 
-    def runs(self):
-        try:
-            with open(os.path.join(self.site, "runs.log")) as f:
-                return f.read().split().count("page.php")
-        except FileNotFoundError:
-            return 0
+    runs = harness.Case.runs
 
     def get(self, path="/page.php"):
         status, _, body = harness.http_get(self.server.port, path, HOST)

@@ -43,7 +43,7 @@ class Published:
         harness.write(os.path.join(self.site, "size.txt"), "3000")
         self.values = self.directives(vesk_pagecache__log_verbosity_level="4", vesk_pagecache__enable_qa_info="1",
                                       vesk_pagecache__clean_frequency="1", vesk_pagecache__max_store_size="1",
-                                      vesk_pagecache__publish_dir=self.publish_dir)
+                                      vesk_pagecache__publish_dir=self.publish_dir, vesk__file_mode="0644")
         self.start()
 
     def start(self, guarded=False, pool=""):

@@ -5,8 +5,8 @@ response of a covered URL says so ("X-PageCache: miss", "hit", "pass
 import datetime
 import email.utils
 import gzip
+import http.client
 import socket
-import unittest
 
 import harness
 
@@ -138,7 +138,3 @@ class RequestPath(harness.Case):
         self.request("GET", "/page.php?after=fatal")
         self.request("GET", "/page.php?after=fatal")
         self.assertLogged("Stored entry")
-
-
-if __name__ == "__main__":
-    unittest.main()
