@@ -2,7 +2,6 @@
 out exactly as without the cache."""
 import os
 import subprocess
-import unittest
 
 import harness
 
@@ -47,7 +46,3 @@ class Degraded(harness.Case):
         self.assertTrue(os.path.exists(os.path.join(inside, "filler")))
         records = [name for _, _, names in os.walk(inside) for name in names if name != "filler"]
         self.assertEqual([], records)
-
-
-if __name__ == "__main__":
-    unittest.main()
