@@ -142,6 +142,7 @@ QString nginxPublishConfig(const QList<CacheRule>& rules, const QByteArray& publ
                 "        gzip_static on;\n"
                 "        gzip_vary on;\n"
                 "        etag off;\n"
+                "        add_header Cache-Control no-cache;\n"
                 "        if_modified_since before;\n"
                 "    }\n")
                 .arg(QString::fromLocal8Bit(publishDir), QLatin1String(VPublishedPages::contentType()));
@@ -215,6 +216,7 @@ QString apachePublishConfig(const QList<CacheRule>& rules, const QByteArray& pub
                            // ForceType lowercases the charset; the header as PHP sent it.
                            "    Header set Content-Type \"%2\"\n"
                            "    FileETag None\n"
+                           "    Header set Cache-Control no-cache\n"
                            "    <FilesMatch \"\\.vesk\\.html\\.gz$\">\n"
                            "        Header set Content-Encoding gzip\n"
                            "        Header merge Vary Accept-Encoding\n"
