@@ -14,7 +14,7 @@ PAGES = {
     "disabled.php": "<?php page_cache_disable_caching(); echo 'not kept';\n",
     # As WordPress ends its levels at shutdown.
     "shutdown.php": "<?php register_shutdown_function(function () { for ($i = ob_get_level(); $i > 0; $i--) "
-                    "ob_end_flush(); }); echo str_repeat('shutdown ', 200), microtime(true);\n",
+                    "ob_end_flush(); }); http_response_code($_GET['code'] ?? 200); echo microtime(true);\n",
 }
 
 
@@ -37,11 +37,13 @@ class Verdict(harness.Case):
                     self.assertEqual("hit", self.verdict(port, page))
                 self.assertEqual("pass (conditions)", self.verdict(port, "/page.php", headers={"Cookie": "user=1"}))
                 self.assertEqual("pass (method)", self.verdict(port, "/page.php", method="POST"))
-                self.assertEqual("pass (status rule)", self.verdict(port, "/status.php?code=500"))
-                self.assertEqual("pass (fatal error)", self.verdict(port, "/fatal.php"))
-                self.assertEqual("pass (empty)", self.verdict(port, "/empty.php"))
-                self.assertEqual("pass (disabled)", self.verdict(port, "/disabled.php"))
-                self.assertIsNone(self.verdict(port, "/call.txt"))
+                # Refused pages are told so, and never dated as if stored: also
+                # those that end every level at shutdown, as WordPress does.
+                for page, verdict in (("/status.php?code=500", "pass (status rule)"), ("/fatal.php", "pass (fatal error)"),
+                                      ("/shutdown.php?code=404", "pass (status rule)"), ("/empty.php", "pass (empty)"),
+                                      ("/disabled.php", "pass (disabled)"), ("/call.txt", None)):
+                    headers = harness.http_get(port, page)[1]
+                    self.assertEqual((verdict, None), (headers.get("x-pagecache"), headers.get("last-modified")))
 
     def test_nothing_is_said_unless_asked(self):
         self.use_site(RULES)

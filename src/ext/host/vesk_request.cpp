@@ -166,7 +166,7 @@ int countingCompressor(void** handlerContext, php_output_context* context)
 bool watchCompressing(php_output_handler** levels, int index, size_t heldAbove, size_t passedOn)
 {
     php_output_handler* level = levels[index];
-    if (!(level->flags & PHP_OUTPUT_HANDLER_INTERNAL) || (level->flags & PHP_OUTPUT_HANDLER_DISABLED)
+    if ((level->flags & PHP_OUTPUT_HANDLER_USER) || (level->flags & PHP_OUTPUT_HANDLER_DISABLED)
         || heldBelow(level) < 0)
         return false;
     compressingLevel = level;
