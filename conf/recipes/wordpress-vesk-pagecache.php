@@ -2,7 +2,8 @@
 /*
  * Plugin Name: Vesk Page Cache removal
  * Description: Removes the pages stored under the "WordPress" and "WordPress
- *   links" rules whenever content that shows on them changes. Copy it into wp-content/mu-plugins/.
+ *   icon" rules whenever content that shows on them changes. Copy it into
+ *   wp-content/mu-plugins/.
  */
 
 // A post, a comment, a menu or the theme can show on every page (lists of
@@ -16,7 +17,7 @@ function vesk_pagecache_forget_pages()
     }
     $done = true;
     page_cache_remove_cached_contents_by_rule('WordPress');
-    page_cache_remove_cached_contents_by_rule('WordPress links');
+    page_cache_remove_cached_contents_by_rule('WordPress icon');
 }
 
 foreach (['save_post', 'deleted_post', 'trashed_post', 'untrashed_post', 'comment_post', 'edit_comment',

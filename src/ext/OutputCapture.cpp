@@ -226,7 +226,9 @@ void storeWhole(const char* output, size_t length, int responseCode)
         refuse("encoding");
         return;
     }
-    if (output && length == 0) {
+    // A redirect has nothing to say but its Location line.
+    const bool redirect = responseCode / 100 == 3 && !VHeaderLines::value(r.storedHeaders, "Location").isNull();
+    if (output && length == 0 && !redirect) {
         VLOG(log, 3) << "Empty output to store. Output will not be cached.";
         refuse("empty");
         return;
