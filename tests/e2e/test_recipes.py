@@ -179,7 +179,7 @@ class WordPressRecipe(WordPressSite, RecipeCase):
     def test_anonymous_pages_are_hits_equal_to_misses(self):
         self.assert_hits_equal_misses(["/", "/?p=4", "/?p=5", "/?page_id=2", "/?cat=1", "/?p=1"])
         # WordPress's own redirect, the same for every visitor.
-        self.assert_hits_equal_misses(["/favicon.ico"], 302)
+        self.assert_hits_equal_misses(["/favicon.ico"], 301)
         visitor = self.visitor()
         for path in ("/?s=Lorem", "/wp-login.php", "/?rest_route=/wp/v2/posts"):
             visitor.get(path)
