@@ -188,18 +188,6 @@ class WordPressRecipe(WordPressSite, RecipeCase):
     def test_logged_in_user_is_never_served_nor_stores(self):
         self.assert_private(self.administrator(), "/?p=6", b"wp-admin-bar")
 
-    def test_edit_then_removal_is_fresh(self):
-        admin = self.administrator()
-
-        def edit(marker):
-            nonce = admin.get("/wp-admin/admin-ajax.php?action=rest-nonce")[2].decode()
-            status, _, body = admin.request("POST", "/?rest_route=/wp/v2/posts/7",
-                                            json.dumps({"content": "<p>%s</p>" % marker}),
-                                            {"Content-Type": "application/json", "X-WP-Nonce": nonce})
-            self.assertEqual(200, status, body[:300])
-
-        self.assert_fresh_after("/?p=7", edit)
-
 
 class MediaWikiRecipe(RecipeCase):
     recipe = "mediawiki.xml"
