@@ -31,7 +31,7 @@ def ini_text(values):
     return "".join('%s = "%s"\n' % item for item in values.items())
 
 
-class Tool(unittest.TestCase):
+class Tool(harness.Case):
     def setUp(self):
         self.workspace, self.site = harness.Workspace.with_site(self, RULES)
         self.statsd = "unix:" + self.workspace.path("run", "statsd.sock")
@@ -49,12 +49,10 @@ class Tool(unittest.TestCase):
         Answers the command's start and its environment."""
         items = sorted(self.directives.items())
         ini = self.workspace.path("cli-php.ini")
-        with open(ini, "w") as f:
-            f.write("[PHP]\n" + ini_text(dict(items[::2])))
+        harness.write(ini, "[PHP]\n" + ini_text(dict(items[::2])))
         scan = self.workspace.path("cli-conf.d")
         os.makedirs(scan, exist_ok=True)
-        with open(os.path.join(scan, "50-vesk.ini"), "w") as f:
-            f.write(ini_text(dict(items[1::2])))
+        harness.write(os.path.join(scan, "50-vesk.ini"), ini_text(dict(items[1::2])))
         return [harness.TOOL, "--ini", ini], dict(os.environ, PHP_INI_SCAN_DIR=scan)
 
     def tool(self, *args):
@@ -71,13 +69,6 @@ class Tool(unittest.TestCase):
         self.assertEqual(200, status)
         return body
 
-    def runs(self, name="page.php"):
-        try:
-            with open(os.path.join(self.site, "runs.log")) as f:
-                return f.read().split().count(name)
-        except FileNotFoundError:
-            return 0
-
     def assertServedFromStore(self, path, expected):
         runs = self.runs()
         self.assertEqual(expected, expected and self.page(path))
@@ -87,8 +78,7 @@ class Tool(unittest.TestCase):
         self.start_server()
         for path in ("/page.php?a=1", "/page.php?a=2"):
             self.assertServedFromStore(path, self.page(path))
-        with open(os.path.join(self.site, "size.txt"), "w") as f:
-            f.write("5000")
+        harness.write(os.path.join(self.site, "size.txt"), "5000")
         sized = self.page("/sized.php")
         self.assertEqual(sized, self.page("/sized.php"))
 
@@ -161,8 +151,7 @@ class Tool(unittest.TestCase):
         self.assertIn("warning: Rule Pages ( http://<default-server>/(?:page)\\.php ) shares its pages across hosts",
                       checked)
         broken = self.workspace.path("conf", "broken.xml")
-        with open(broken, "w") as f:
-            f.write(RULES.replace('match_type="regex_match"', 'match_type="fuzzy"'))
+        harness.write(broken, RULES.replace('match_type="regex_match"', 'match_type="fuzzy"'))
         result = self.tool("check-rules", broken)
         self.assertEqual(1, result.returncode)
         self.assertEqual(1, len(result.stderr.splitlines()), result.stderr)

@@ -16,13 +16,7 @@ REACH = 1.0
 # The most a request waits on Redis (TKDTaskInserter::TimeoutMs), in seconds.
 QUEUE_LIMIT = 0.1
 
-REMOVALS = [
-    ("page_cache_remove_cached_contents", "http://<default-server>/(page)\\.php"),
-    ("page_cache_remove_cached_contents_by_uri", "Pages", "/page.php"),
-    ("page_cache_remove_cached_contents_by_rule", "Pages"),
-    ("page_cache_remove_cached_contents_by_rules_ids", [7]),
-    ("page_cache_remove_all_cached_contents",),
-]
+REMOVALS = harness.removals("page", "Pages", 7)
 
 
 class Node:
@@ -68,8 +62,7 @@ class Node:
     def status(self):
         """What `vesk-pagecache status` says of the node's queue."""
         ini = self.workspace.path("tool.ini")
-        with open(ini, "w") as f:
-            f.write("[PHP]\n" + "".join('%s = "%s"\n' % item for item in self.directives.items()))
+        harness.write(ini, "[PHP]\n" + "".join('%s = "%s"\n' % item for item in self.directives.items()))
         result = subprocess.run([harness.TOOL, "--ini", ini, "status"], capture_output=True, text=True, timeout=60,
                                 env=dict(os.environ, PHP_INI_SCAN_DIR=""))
         self.test.assertEqual(0, result.returncode, result.stderr)
