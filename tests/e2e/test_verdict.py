@@ -38,9 +38,9 @@ class Verdict(harness.Case):
                 self.assertEqual("pass (method)", self.verdict(port, "/page.php", method="POST"))
                 # Refused pages are told so, and never dated as if stored: also
                 # those that end every level at shutdown, as WordPress does.
-                for page, verdict in (("/status.php?code=500", "pass (status rule)"), ("/fatal.php", "pass (fatal error)"),
-                                      ("/shutdown.php?code=404", "pass (status rule)"), ("/empty.php", "pass (empty)"),
-                                      ("/disabled.php", "pass (disabled)"), ("/call.txt", None)):
+                for page, verdict in (("/status.php?code=500", "pass (status rule)"), ("/empty.php", "pass (empty)"),
+                                      ("/shutdown.php?code=404", "pass (status rule)"), ("/call.txt", None),
+                                      ("/fatal.php", "pass (fatal error)"), ("/disabled.php", "pass (disabled)")):
                     headers = harness.http_get(port, page)[1]
                     self.assertEqual((verdict, None), (headers.get("x-pagecache"), headers.get("last-modified")))
 
