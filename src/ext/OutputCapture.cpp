@@ -1,4 +1,5 @@
 #include "RequestPath.h"
+#include "RequestPrivacy.h"
 
 #include "GlobalDirectives.h"
 #include "HostProbes.h"
@@ -26,14 +27,18 @@ void refuse(const char* reason)
     requestState.buffering = false;
 }
 
-// Whether the response rules and the script's end still let the page be
-// stored. Asked before the page's lines go out, so that a page they refuse
+// Whether the request, the response rules and the script's end still let
+// the page be stored. Asked before the page's lines go out, so that a page they refuse
 // is never told as stored nor dated.
 bool responseAccepted()
 {
     const RequestState& r = requestState;
     const VDebug::StreamId log = moduleState.logStream;
     VHTMLCache* cache = VHTMLCache::instance();
+    if (!r.storeRefusal.isNull()) {
+        refuse(r.storeRefusal.constData());
+        return false;
+    }
     if (!cache->areHeadersCacheable(r.seenHeaders, r.appId)) {
         disableCaching();
         refuse("header rule");

@@ -4,7 +4,6 @@ that the next request is a miss, and shows their statistics."""
 import os
 import sqlite3
 import subprocess
-import time
 import unittest
 import urllib.request
 
@@ -174,17 +173,6 @@ class Tool(harness.Case):
         out, _ = stats.communicate(timeout=30)
         self.assertEqual(0, stats.returncode)
         self.assertRegex(out, r"7 +-1 +Pages +2 +1 +1 +50\.0% +\d+")
-
-    @unittest.skipUnless(os.geteuid() == 0, "needs root")
-    def test_started_by_root_it_works_as_the_workers_user(self):
-        nobody = 65534
-        self.directives.update({"vesk.httpd_uid": str(nobody), "vesk.httpd_gid": str(nobody)})
-        for name in ("", "log", "tmp", "conf"):
-            os.chmod(self.workspace.path(name), 0o777 if name in ("log", "tmp") else 0o755)
-        self.ok("remove", "all")
-        # Root's file there would shut the workers out of their own log.
-        owner = os.stat(self.workspace.path("log", "pagecache.log"))
-        self.assertEqual((nobody, nobody), (owner.st_uid, owner.st_gid))
 
     def test_bad_arguments_get_one_line_and_exit_code_2(self):
         for args in (["frobnicate"], [], ["list", "--rul", "x"], ["inspect"], ["inspect", "ftp://x/"],

@@ -41,12 +41,7 @@ class Node:
         self.test.wait_until(lambda: self.workspace.log().count("Cluster agent reads the task queue") > joined,
                              10, "the node's agent didn't join the queue")
 
-    def runs(self):
-        try:
-            with open(os.path.join(self.site, "runs.log")) as f:
-                return f.read().split().count("page.php")
-        except FileNotFoundError:
-            return 0
+    runs = harness.Case.runs
 
     def get(self, path="/page.php"):
         status, _, body = harness.http_get(self.server.port, path, HOST)
@@ -61,10 +56,7 @@ class Node:
 
     def status(self):
         """What `vesk-pagecache status` says of the node's queue."""
-        ini = self.workspace.path("tool.ini")
-        harness.write(ini, "[PHP]\n" + "".join('%s = "%s"\n' % item for item in self.directives.items()))
-        result = subprocess.run([harness.TOOL, "--ini", ini, "status"], capture_output=True, text=True, timeout=60,
-                                env=dict(os.environ, PHP_INI_SCAN_DIR=""))
+        result = harness.run_tool(self.workspace, self.directives, "status")
         self.test.assertEqual(0, result.returncode, result.stderr)
         return [line for line in result.stdout.splitlines() if line.startswith("queue: ")][0]
 

@@ -2,7 +2,6 @@
 import os
 import re
 import time
-import unittest
 
 import harness
 
@@ -53,7 +52,3 @@ class RulesReload(harness.Case):
         status, _, body = self.server.get("/info.php")
         self.assertEqual(200, status)
         self.assertIn(b"Enable => Yes", body)
-
-
-if __name__ == "__main__":
-    unittest.main()
