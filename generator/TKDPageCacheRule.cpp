@@ -17,12 +17,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
 const int QueryRetries = 10;
-const int OpenAttempts = 10;
 const int RenameAttempts = 10;
 
 void runQuery(VSafeSqlQuery& query, const QString& text, VDebug::StreamId logStream)
@@ -89,7 +90,12 @@ QStringList loadRequestRules(const QSqlDatabase& db, VDebug::StreamId logStream)
         doc.setContent(query.value(3).toString());
         QDomElement url = doc.firstChildElement(QStringLiteral("url"));
         url.setAttribute(QStringLiteral("id"), QString::number(ruleId));
-        rules << doc.toString(1);
+        // The element alone: a declaration or a comment beside it, one
+        // holding "<url" too, goes.
+        QString element;
+        QTextStream out(&element);
+        url.save(out, 1);
+        rules << element;
     }
     return rules;
 }
@@ -189,13 +195,15 @@ QString buildRulesDocument(const QSqlDatabase& db, const QString& productDir, VD
 
 QString writeRulesFile(const QSqlDatabase& db, const QString& productDir, VDebug::StreamId logStream)
 {
-    QFile file(productDir + QLatin1String("/etc/pagecache_rules.xml.new"));
-    for (int attempt = 0; attempt < OpenAttempts && !file.open(QIODevice::WriteOnly); ++attempt) {
-        VLOG(logStream, 5) << "Unable to open:" << file.fileName() << "." << file.errorString() << ". Retrying...";
-        usleep(500000);
-    }
-    if (!file.isOpen()) {
-        VLOG(logStream, 0) << "Unable to open" << file.fileName() << "." << file.errorString();
+    const QString newName = productDir + QLatin1String("/etc/pagecache_rules.xml.new");
+    QFile file;
+    // Never through a link: whoever planted one would choose what is written.
+    const int fd = ::open(QFile::encodeName(newName).constData(),
+                          O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd < 0 || !file.open(fd, QIODevice::WriteOnly, QFileDevice::AutoCloseHandle)) {
+        VLOG(logStream, 0) << "Unable to open" << newName << "." << strerror(errno);
+        if (fd >= 0)
+            ::close(fd);
         return QString();
     }
     const QString document = buildRulesDocument(db, productDir, logStream);
@@ -208,19 +216,33 @@ QString writeRulesFile(const QSqlDatabase& db, const QString& productDir, VDebug
     // they run on; one that isn't, an empty one from a failed read included,
     // stays beside it for a look.
     QString error;
-    if (!validateRulesFileAgainstSchema(QFile::encodeName(file.fileName()).constData(), error)) {
-        VLOG(logStream, 0) << "New page cache rules file" << file.fileName()
+    if (!validateRulesFileAgainstSchema(QFile::encodeName(newName).constData(), error)) {
+        VLOG(logStream, 0) << "New page cache rules file" << newName
                            << "is not valid, the rules in force stay:" << error;
         return QString();
     }
     // Renamed over the old file in one step: a worker never finds none.
     const QByteArray target = QFile::encodeName(productDir + QLatin1String("/etc/pagecache_rules.xml"));
     for (int attempt = 0; attempt < RenameAttempts; ++attempt) {
-        if (::rename(QFile::encodeName(file.fileName()).constData(), target.constData()) == 0)
+        if (::rename(QFile::encodeName(newName).constData(), target.constData()) == 0)
             return document;
         sleep(1);
     }
     throw VException(QStringLiteral("Cannot write new page cache rules file. %1").arg(QString::fromLocal8Bit(strerror(errno))));
+}
+
+QString unsafePath(const QString& path)
+{
+    struct stat st;
+    if (lstat(QFile::encodeName(path).constData(), &st) != 0)
+        return errno == ENOENT ? QString() : QString::fromLocal8Bit(strerror(errno));
+    if (S_ISLNK(st.st_mode))
+        return QStringLiteral("is a symbolic link");
+    if (st.st_uid != geteuid())
+        return QStringLiteral("belongs to another user (%1)").arg(st.st_uid);
+    if (st.st_mode & (S_IWGRP | S_IWOTH))
+        return QStringLiteral("is writable by others than its owner");
+    return QString();
 }
 
 void createTables(const QSqlDatabase& db)

@@ -28,6 +28,11 @@ QStringList loadRequestRules(const QSqlDatabase& db, VDebug::StreamId logStream)
 QList<ResponseRule> loadResponseRules(const QSqlDatabase& db, VDebug::StreamId logStream);
 QString responseRuleToXml(const ResponseRule& rule);
 
+// Why the generator, which may run as root, mustn't trust `path`: a link,
+// another user's file, or one others may write; empty when it may, or when
+// nothing is there yet.
+QString unsafePath(const QString& path);
+
 // The tables, for a database that starts from nothing.
 void createTables(const QSqlDatabase& db);
 

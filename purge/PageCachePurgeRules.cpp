@@ -118,15 +118,16 @@ bool PageCachePurgeRules::holdsRules()
     return false;
 }
 
-bool PageCachePurgeRules::isUrlPurged(const QString& url, qint32 appId)
+bool PageCachePurgeRules::isUrlPurged(const QString& url, qint32 appId, const QDateTime& storedAt)
 {
     const QString normalized = normalizeUrl(url);
     const QString name = applicationNameOf(appId);
     QMutexLocker lock(&mutex);
-    if (urlsForApplication(name).contains(normalized))
-        return true;
-    for (const QRegExp& regex : regexesForApplication(name)) {
-        if (regex.exactMatch(normalized))
+    for (const PurgeRule& rule : rulesOf(name)) {
+        // The page stored after a purge is the one the purge made room for.
+        if (storedAt.isValid() && rule.ruleCreationTime.isValid() && rule.ruleCreationTime < storedAt)
+            continue;
+        if (normalizeUrl(rule.url.toString()) == normalized || rule.regex.exactMatch(normalized))
             return true;
     }
     return false;
@@ -143,24 +144,6 @@ QDateTime PageCachePurgeRules::latestCreationTime(const QString& applicationName
             latest = rule.creationTime;
     }
     return latest;
-}
-
-QSet<QString> PageCachePurgeRules::urlsForApplication(const QString& applicationName)
-{
-    QMutexLocker lock(&mutex);
-    QSet<QString> urls;
-    for (const PurgeRule& rule : rulesOf(applicationName))
-        urls.insert(normalizeUrl(rule.url.toString()));
-    return urls;
-}
-
-QList<QRegExp> PageCachePurgeRules::regexesForApplication(const QString& applicationName)
-{
-    QMutexLocker lock(&mutex);
-    QList<QRegExp> regexes;
-    for (const PurgeRule& rule : rulesOf(applicationName))
-        regexes << rule.regex;
-    return regexes;
 }
 
 bool PageCachePurgeRules::isCreationTimePurged(const QDateTime& creationTime, qint32 appId)

@@ -9,7 +9,6 @@
 
 #include <QMap>
 #include <QMutex>
-#include <QSet>
 
 
 // The purge rules of this worker process. A purge never touches the disk
@@ -30,7 +29,9 @@ public:
     // Whether this process holds any rule at all: without one, nothing is
     // purged, and a caller needn't even build the URL to ask.
     bool holdsRules();
-    bool isUrlPurged(const QString& url, qint32 appId);
+    // Whether a rule covers the URL; given the time its page was stored,
+    // only a rule made at or after that time does.
+    bool isUrlPurged(const QString& url, qint32 appId, const QDateTime& storedAt = QDateTime());
     bool isCreationTimePurged(const QDateTime& creationTime, qint32 appId);
     // Whether a page created at `entryCreationTime` for `url` outlives every
     // rule of the application that covers it.
@@ -55,8 +56,6 @@ private:
     QString applicationNameOf(qint32 appId);
     QList<PurgeRule> rulesOf(const QString& applicationName);
     QDateTime latestCreationTime(const QString& applicationName);
-    QSet<QString> urlsForApplication(const QString& applicationName);
-    QList<QRegExp> regexesForApplication(const QString& applicationName);
 
     QMap<QString, QList<PurgeRule>> rules;
     QString dbFileName;

@@ -17,6 +17,25 @@ QByteArray labelValue(const QByteArray& text)
 
 } // namespace
 
+QByteArray printableText(const QByteArray& text)
+{
+    const bool utf8 = QString::fromUtf8(text).toUtf8() == text;
+    QByteArray out;
+    for (int i = 0; i < text.size(); ++i) {
+        const uchar c = uchar(text[i]);
+        // U+0080 to U+009F, the C1 controls, are 0xC2 0x80 to 0xC2 0x9F.
+        const bool c1 = utf8 && c == 0xc2 && i + 1 < text.size() && uchar(text[i + 1]) < 0xa0;
+        if (c < 0x20 || c == 0x7f || c == '\\' || (c >= 0x80 && !utf8) || c1) {
+            out += QByteArray("\\x") + QByteArray::number(c, 16).rightJustified(2, '0');
+            if (c1)
+                out += QByteArray("\\x") + QByteArray::number(uchar(text[++i]), 16);
+        } else {
+            out += char(c);
+        }
+    }
+    return out;
+}
+
 double StatsTable::Figures::hitRatio() const
 {
     const qint64 answered = hits + misses;
@@ -74,7 +93,7 @@ QByteArray StatsTable::text() const
     for (auto it = m_rules.cbegin(); it != m_rules.cend(); ++it) {
         const Figures& f = it.value();
         out += QString::asprintf("%-9lld %-7d %-30.30s %11lld %10lld %10lld %7.1f%% %12lld %10lld %10lld\n",
-                                 static_cast<long long>(it.key().first), it.key().second, f.name.constData(),
+                                 static_cast<long long>(it.key().first), it.key().second, printableText(f.name).constData(),
                                  static_cast<long long>(f.possible), static_cast<long long>(f.hits),
                                  static_cast<long long>(f.misses), 100.0 * f.hitRatio(),
                                  static_cast<long long>(f.timeSavedMs), static_cast<long long>(f.staleHits),

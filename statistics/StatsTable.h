@@ -6,6 +6,12 @@
 
 class VPageCacheStatsMessage;
 
+// Text from the stream as a terminal may be shown it: control characters
+// (C0, DEL, C1), backslashes and, in text that isn't UTF-8, every byte
+// above 127 become \xHH, so that no sender moves the cursor, starts an
+// escape sequence or begins a line of its own.
+QByteArray printableText(const QByteArray& text);
+
 // Hits, misses and time saved per rule and application, summed from the
 // statistics stream the workers send.
 class StatsTable

@@ -1,6 +1,7 @@
 #include "VStatsdClient.h"
 
 #include "VException.h"
+#include "VTime.h"
 
 VStatsdeAggregatorBase::~VStatsdeAggregatorBase() = default;
 
@@ -26,9 +27,16 @@ void VStatsdClient::dropSocket()
 
 bool VStatsdClient::connect(VDebug::StreamId logStream)
 {
-    if (m_socket)
+    if (m_socket && m_socket->established())
         return true;
-    VLOG(logStream, 3) << "Establishing connection to statsd daemon...";
+    // A daemon that let the last attempts wait isn't asked again for a
+    // while: until then a request pays nothing for it.
+    if (!m_socket && VTime::nowMicroseconds() / 1000 < m_retryAtMs) {
+        VLOG(logStream, 5) << "Not connecting to statsd daemon before" << m_retryAtMs << "ms";
+        return false;
+    }
+    if (!m_socket)
+        VLOG(logStream, 3) << "Establishing connection to statsd daemon...";
     // Without a daemon configured every request with facts ends here; the
     // answer is the socket layer's, without the cost of an exception.
     if (m_connectionString.isEmpty()) {
@@ -36,15 +44,32 @@ bool VStatsdClient::connect(VDebug::StreamId logStream)
         return false;
     }
     try {
-        m_socket = new VSocketClient;
-        m_socket->connect(m_connectionString, logStream);
+        if (!m_socket) {
+            m_socket = new VSocketClient;
+            m_socket->begin(m_connectionString);
+        }
+        // A connection still being made is looked at by the next request.
+        if (!m_socket->established()) {
+            VLOG(logStream, 5) << "Connection to statsd daemon still in progress";
+            return false;
+        }
         VLOG(logStream, 3) << "Connection established successfully!";
+        m_backoffMs = 0;
         return true;
     } catch (const VException& e) {
         VLOG(logStream, 3) << "Failed to connect to:" << m_connectionString << "." << e.what();
+        if (m_socket->timedOut())
+            backOff(logStream);
         dropSocket();
         return false;
     }
+}
+
+void VStatsdClient::backOff(VDebug::StreamId logStream)
+{
+    m_backoffMs = qBound(qint64(MinBackoffMs), m_backoffMs * 2, qint64(MaxBackoffMs));
+    m_retryAtMs = VTime::nowMicroseconds() / 1000 + m_backoffMs;
+    VLOG(logStream, 3) << "Not trying the statsd daemon again for" << m_backoffMs << "ms";
 }
 
 void VStatsdClient::writeAll(VStatsdeAggregatorBase& aggregator, const VeskServerInfo& serverInfo,
@@ -79,6 +104,7 @@ void VStatsdClient::flush(VStatsdeAggregatorBase& aggregator, const VeskServerIn
         } catch (const VException& second) {
             VLOG(logStream, 1) << "Failed to write message (#2)." << second.what();
             dropSocket();
+            backOff(logStream);
         }
     }
     m_messages.clear();

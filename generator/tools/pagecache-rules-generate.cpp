@@ -6,13 +6,15 @@
 // beside it); workers pick it up at their next request by its date. With
 // --init the three tables are created first when the database lacks them,
 // so an operator can start from nothing. Messages go to standard error, at
-// level N (default 3).
+// level N (default 3). The database, its directory, DIR/etc and the rules
+// file must be the running user's, writable by it alone, and no links.
 
 #include "TKDPageCacheRule.h"
 #include "VException.h"
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFileInfo>
 #include <QSqlDatabase>
 
 #include <cstdio>
@@ -50,6 +52,17 @@ int main(int argc, char** argv)
         return usage();
     VDebug::setDebugLevel(VDebug::STDERR, level);
 
+    // What it reads becomes the rules every worker runs on, and where it
+    // writes is the workers' configuration: neither may be another's to change.
+    const QString etc = productDir + QLatin1String("/etc");
+    for (const QString& path : {database, QFileInfo(database).absolutePath(), etc, etc + QLatin1String("/pagecache_rules.xml")}) {
+        const QString why = TKDPageCacheRule::unsafePath(path);
+        if (!why.isEmpty()) {
+            fprintf(stderr, "pagecache-rules-generate: not using %s: it %s\n", path.toLocal8Bit().constData(),
+                    why.toLocal8Bit().constData());
+            return 1;
+        }
+    }
     int status = 0;
     {
         QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("generator"));
@@ -66,7 +79,7 @@ int main(int argc, char** argv)
         try {
             if (init)
                 TKDPageCacheRule::createTables(db);
-            QDir().mkpath(productDir + QLatin1String("/etc"));
+            QDir().mkpath(etc);
             if (TKDPageCacheRule::writeRulesFile(db, productDir, VDebug::STDERR).isEmpty())
                 status = 1;
         } catch (const VException& e) {

@@ -238,13 +238,29 @@ bool stillServable(const CacheEntry& entry)
     return true;
 }
 
+// A purge by URL holds for the page stored before it. Only for a URL a
+// rule names is the stored page read to learn its date.
+bool urlPurged()
+{
+    const RequestState& r = requestState;
+    PageCachePurgeRules* purge = moduleState.purgeRules;
+    if (!purge || !purge->holdsRules())
+        return false;
+    const QString url = QString::fromLatin1(r.url.whole());
+    if (!purge->isUrlPurged(url, r.appId))
+        return false;
+    CacheEntry stored;
+    VHTMLCache::instance()->readEntry(r.namespaceKey, r.matchKey, stored);
+    if (stored.formatTag() == 0)
+        VHTMLCache::instance()->readCompressedEntry(r.namespaceKey, r.matchKey, stored);
+    return stored.formatTag() == 0 || purge->isUrlPurged(url, r.appId, stored.created());
+}
+
 // A purged URL goes the miss path, so that this request's page replaces
 // the stored one; a 304 must still stand for a page that could be served.
 bool pageUsable(int status, const CacheEntry& conditional)
 {
-    const RequestState& r = requestState;
-    PageCachePurgeRules* purge = moduleState.purgeRules;
-    if (purge && purge->holdsRules() && purge->isUrlPurged(QString::fromLatin1(r.url.whole()), r.appId))
+    if (urlPurged())
         return false;
     return status != 304 || notModifiedUsable(conditional);
 }

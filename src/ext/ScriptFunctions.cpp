@@ -309,6 +309,8 @@ bool pageCachePurge(VeskCall* call)
     if (!argumentsOf(call, "a", args, "page_cache_purge"))
         return false;
     PurgeRule rule;
+    // Pages stored from now on are the ones the purge makes room for.
+    rule.ruleCreationTime = QDateTime::currentDateTimeUtc();
     for (const VeskArrayElement& element : args[0].elements) {
         if (!readPurgeElement(element, rule))
             return false;

@@ -290,12 +290,14 @@ def _stop(process, output):
 class StatsListener:
     """The receiving tool on a connection string, its lines read as they come."""
 
-    def __init__(self, connection):
+    def __init__(self, connection, descriptors=None):
         import queue
+        import resource
         import threading
         self.lines = queue.Queue()
-        self.process = subprocess.Popen([LISTENER, connection], stdout=subprocess.PIPE,
-                                        stderr=subprocess.PIPE, start_new_session=True)
+        limit = (lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (descriptors, descriptors))) if descriptors else None
+        self.process = subprocess.Popen([LISTENER, connection], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                        start_new_session=True, preexec_fn=limit)
         # It says so on standard error once it listens.
         if not self.process.stderr.readline().startswith(b"listening on"):
             self.stop()

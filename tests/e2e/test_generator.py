@@ -37,11 +37,12 @@ class Generator(harness.Case):
             server.get("/page.php")
         return server
 
-    def test_new_file_from_the_tables_is_taken_up_by_a_running_server(self):
+    def test_new_file_from_the_tables_is_taken_up_and_a_failing_one_left_out(self):
         # From nothing: the tables are made, and the file has no rules.
         result = self.generate("--init")
         self.assertEqual(0, result.returncode, result.stderr)
-        with open(os.path.join(self.etc, "pagecache_rules.xml")) as f:
+        rules = os.path.join(self.etc, "pagecache_rules.xml")
+        with open(rules) as f:
             self.assertNotIn("<url", f.read())
 
         server = self.serve_generated()
@@ -54,7 +55,18 @@ class Generator(harness.Case):
         time.sleep(1.1)
         result = self.generate()
         self.assertEqual(0, result.returncode, result.stderr)
-        self.assertFalse(os.path.exists(os.path.join(self.etc, "pagecache_rules.xml.new")))
+        self.assertFalse(os.path.exists(rules + ".new"))
+        with open(rules, "rb") as f:
+            in_force = f.read()
+
+        with sqlite3.connect(self.database) as db:
+            db.execute("UPDATE TKD_PAGECACHE_RULES SET META_XML = replace(META_XML, 'regex_match', 'glob')")
+        # A date the server could tell from the last file's, were the file replaced.
+        time.sleep(1.1)
+        result = self.generate()
+        self.assertEqual((1, True), (result.returncode, b"is not valid, the rules in force stay:" in result.stderr))
+        with open(rules, "rb") as f:
+            self.assertEqual(in_force, f.read())
 
         for _ in range(3):
             server.get("/page.php")
@@ -63,41 +75,24 @@ class Generator(harness.Case):
         self.assertIn("Reloading rules File..", log)
         self.assertNotIn("ERROR]", log)
 
-    def test_a_file_that_fails_validation_leaves_the_running_site_alone(self):
-        self.assertEqual(0, self.generate("--init").returncode)
-        with sqlite3.connect(self.database) as db:
-            db.execute("INSERT INTO TKD_PAGECACHE_RULES VALUES (9, -1, 'Pages', ?)", (PAGES,))
-        self.assertEqual(0, self.generate().returncode)
-        rules = os.path.join(self.etc, "pagecache_rules.xml")
-        with open(rules, "rb") as f:
-            in_force = f.read()
-
-        server = self.serve_generated()
-        self.assertEqual(1, self.runs())
-
-        with sqlite3.connect(self.database) as db:
-            db.execute("UPDATE TKD_PAGECACHE_RULES SET META_XML = replace(META_XML, 'regex_match', 'glob')")
-            db.execute("INSERT INTO TKD_PAGECACHE_RESPONSE_HEADERS VALUES (NULL, -1, 'X-A', 'equals', '\"&<', 0)")
-        # A date the server could tell from the first file's, were the file replaced.
-        time.sleep(1.1)
-        result = self.generate()
-        self.assertEqual(1, result.returncode)
-        self.assertIn(b"is not valid, the rules in force stay:", result.stderr)
-        with open(rules, "rb") as f:
-            self.assertEqual(in_force, f.read())
-        with open(rules + ".new") as f:
-            self.assertIn("glob", f.read())
-
-        for _ in range(3):
-            server.get("/page.php")
-        self.assertEqual(1, self.runs())
-        self.assertNotIn("ERROR]", self.workspace.log())
-
-    def test_without_a_database_nothing_is_written(self):
-        result = self.generate()
-        self.assertEqual(1, result.returncode)
-        self.assertIn(b"--init", result.stderr)
-        self.assertFalse(os.path.exists(os.path.join(self.etc, "pagecache_rules.xml")))
+    def test_without_a_database_or_with_one_others_can_change_nothing_is_written(self):
+        target, new = self.workspace.path("target"), os.path.join(self.etc, "pagecache_rules.xml.new")
+        planted = {"no database": (None, b"--init"), "link at the database": (lambda: os.symlink(target, self.database),
+                                                                             b"is a symbolic link"),
+                   "link at the output": (lambda: os.symlink(target, new), b"Unable to open"),
+                   "world-writable database": (lambda: os.chmod(self.database, 0o666), b"writable by others"),
+                   "another user's database": (lambda: os.chown(self.database, 65534, -1), b"another user"),
+                   "the workers' directory": (lambda: os.chown(os.path.dirname(self.database), 33, 33), b"another user")}
+        for name, (plant, message) in planted.items():
+            with self.subTest(name):
+                [os.unlink(path) for path in (self.database, target, new) if os.path.lexists(path)]
+                if "link" not in name and plant:
+                    self.assertEqual(0, self.generate("--init").returncode)
+                    os.unlink(os.path.join(self.etc, "pagecache_rules.xml"))
+                result = plant() or self.generate("--init") if plant else self.generate()
+                self.assertEqual((1, True), (result.returncode, message in result.stderr), result.stderr)
+                self.assertFalse(os.path.exists(os.path.join(self.etc, "pagecache_rules.xml")))
+                self.assertFalse(os.path.exists(target))
 
 
 if __name__ == "__main__":

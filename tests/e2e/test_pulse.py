@@ -1,7 +1,11 @@
 """Hit, miss and time-saved facts reach a statistics daemon on a real
 socket, once per request, and a daemon that is away costs requests nothing."""
+import grp
 import os
 import re
+import socket
+import stat
+import struct
 import time
 import unittest
 
@@ -72,6 +76,95 @@ class Pulse(harness.Case):
         # Back again: the next request's batch arrives whole.
         self.listener = harness.StatsListener(self.socket)
         self.assertEqual([0, 1], counter_types(self.facts("/page.php", 2)))
+
+
+def frame(name, claimed=None):
+    """A hit as a worker sends it, named `name`; `claimed` is the length its header gives instead."""
+    payload = struct.pack(">iiiiqI", 1, -1, 0, 1, 1, len(name)) + name + struct.pack(">qIq", 5, 0, 0)
+    return struct.pack(">I", len(payload) if claimed is None else claimed) + payload
+
+
+def cpu_seconds(pid):
+    with open("/proc/%d/stat" % pid) as f:
+        return sum(int(n) for n in f.read().rsplit(")", 1)[1].split()[11:13]) / os.sysconf("SC_CLK_TCK")
+
+
+class Channel(harness.Case):
+    def setUp(self):
+        self.use_site(RULES)
+        self.path = self.workspace.path("run", "statsd.sock")
+        self.peers = []
+        self.addCleanup(lambda: [peer.close() for peer in self.peers])
+
+    def peer(self, family, address, blocking=True):
+        """A connection to `address`; None while it is refused or under way."""
+        self.peers.append(socket.socket(family))
+        self.peers[-1].settimeout(5 if blocking else 0)
+        return self.peers[-1] if self.peers[-1].connect_ex(address) == 0 else None
+
+    def test_listener_under_unfinished_frames_and_a_flood_of_connections(self):
+        listener = harness.StatsListener("unix:" + self.path, descriptors=128)
+        self.addCleanup(listener.stop)
+        mode = os.stat(self.path)
+        self.assertEqual((0o660, grp.getgrnam("www-data").gr_gid), (stat.S_IMODE(mode.st_mode), mode.st_gid))
+        for _ in range(4):
+            try:
+                self.peer(socket.AF_UNIX, self.path).sendall(struct.pack(">I", 16 << 20) + bytes(15 << 20))
+            except OSError:
+                pass  # the listener hung up
+        for _ in range(1000):
+            self.peer(socket.AF_UNIX, self.path, blocking=False)
+        # Out of descriptors, it neither spins nor grows.
+        before = cpu_seconds(listener.process.pid)
+        time.sleep(2)
+        self.assertLess(cpu_seconds(listener.process.pid) - before, 0.5)
+        with open("/proc/%d/status" % listener.process.pid) as f:
+            self.assertLess(int(re.search(r"VmHWM:\s+(\d+) kB", f.read()).group(1)), 32 * 1024)
+        [peer.close() for peer in self.peers]
+        # A sender's texts reach the terminal escaped, once the flood has drained.
+        for _ in range(100):
+            sender = self.peer(socket.AF_UNIX, self.path) or time.sleep(0.1)
+            if sender:
+                break
+        sender.sendall(frame(b"\x1b[2J\nRuleName: forged\xc2\x9b\\"))
+        self.assertIn(r"RuleName: \x1b[2J\x0aRuleName: forged\xc2\x9b\x5c, Key: ,", "".join(listener.take(1)))
+
+    def test_listener_touches_nothing_it_did_not_make(self):
+        with open(self.path, "w") as f:
+            f.write("kept")
+        for connection in ("unix:" + self.path, "tcp://0.0.0.0:%d" % harness.free_port()):
+            with self.subTest(connection), self.assertRaises(RuntimeError):
+                harness.StatsListener(connection).stop()
+        os.unlink(self.path)
+        listener = harness.StatsListener("unix:" + self.path)
+        os.unlink(self.path)
+        with open(self.path, "w") as f:
+            f.write("kept")
+        listener.stop()
+        with open(self.path) as f:
+            self.assertEqual("kept", f.read())
+
+    def test_hits_pay_nothing_for_a_daemon_that_never_reads_or_never_accepts(self):
+        silent = socket.socket(socket.AF_UNIX)
+        silent.bind(self.path)
+        listening = socket.socket()
+        listening.bind(("127.0.0.1", 0))
+        for endpoint in (silent, listening):
+            self.peers.append(endpoint)
+            endpoint.listen(0)
+        for _ in range(3):  # its queue full, the kernel drops further connections' first packet
+            self.peer(socket.AF_INET, listening.getsockname(), blocking=False)
+        for connection in ("unix:" + self.path, "tcp://127.0.0.1:%d" % listening.getsockname()[1]):
+            with self.subTest(connection):
+                server = self.serve(directives=self.directives(vesk__statsd_connection_string=connection))
+                started = time.monotonic()
+                for i in range(40):
+                    self.assertEqual(200, server.get("/page.php?n=%d" % (i % 20))[0])
+                    self.peers += [silent.accept()[0]] if i == 0 and "unix" in connection else []
+                # Waiting for the daemon would take 250 ms a request.
+                self.assertLess(time.monotonic() - started, 5)
+        # The second server found the pages the first had stored.
+        self.assertEqual(20, self.runs())
 
 
 class NoDaemon(harness.Case):

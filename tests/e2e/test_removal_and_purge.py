@@ -70,19 +70,20 @@ class Removal(harness.Case):
                 self.assertEqual(100, len(new))
                 self.assertEqual(new, self.sized(100))
 
-    def test_purged_url_misses_from_then_on(self):
+    def test_a_purge_holds_for_the_page_stored_before_it(self):
         self.start()
         self.assertStoredThenServed()
         url = "http://127.0.0.1:%d/page.php" % self.port
-        self.assertIs(True, self.call(self.port, "page_cache_purge", {"url": url, "created_ago": 0}))
-        for _ in range(3):
+        for _ in range(2):
+            self.assertIs(True, self.call(self.port, "page_cache_purge", {"url": url, "created_ago": 0}))
             runs = self.runs()
             self.page()
             self.assertEqual(runs + 1, self.runs())
+            self.assertStoredThenServed()
         self.assertLogged("Cache entry NOT found for :")
         # The rule is in the page cache's database as well.
         with sqlite3.connect(self.workspace.path("var", "db", "pagecache.db")) as db:
-            self.assertEqual([(0, url)], db.execute("SELECT rule_id, url FROM pagecache_purge_urls").fetchall())
+            self.assertEqual({(0, url)}, set(db.execute("SELECT rule_id, url FROM pagecache_purge_urls")))
 
     def test_rule_of_the_scripts_application(self):
         with sqlite3.connect(self.workspace.path("var", "db", "deployment.db")) as db:

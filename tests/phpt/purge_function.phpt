@@ -77,7 +77,7 @@ bool(false)
 bool(true)
 bool(true)
 ERROR Invalid element value for 'name' in page_cache_purge 
-0  4294967295 shop
+0  %d shop
 0 http://a.example/p?q=1 1
 0 http://a.example/p?q=1 1
 0 1

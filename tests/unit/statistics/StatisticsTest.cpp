@@ -10,7 +10,7 @@
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
-#include <memory>
+#include <tuple>
 
 namespace {
 
@@ -42,23 +42,6 @@ VPageCacheStatsMessage decode(const QByteArray& payload)
     EXPECT_TRUE(stream.atEnd());
     return m;
 }
-
-// A daemon on a private socket, read until `count` frames have come.
-class Daemon
-{
-public:
-    explicit Daemon(const QString& connection) : server(new VSocketServer(connection)) {}
-    std::vector<QByteArray> receive(size_t count, int rounds = 50)
-    {
-        std::vector<QByteArray> frames;
-        for (int round = 0; round < rounds && frames.size() < count; ++round) {
-            for (const QByteArray& frame : server->poll(100))
-                frames.push_back(frame);
-        }
-        return frames;
-    }
-    std::unique_ptr<VSocketServer> server;
-};
 
 TEST(VPageCacheStatsMessage, WireFormKeyMergeAndText)
 {
@@ -110,36 +93,7 @@ TEST_F(StatsdClientTest, NothingToSendOpensNoSocket)
     EXPECT_FALSE(client.isConnected());
 }
 
-TEST_F(StatsdClientTest, DaemonDownKeepsTheBatchForTheCaller)
-{
-    client.add(message(0, 1));
-    client.flush(aggregator, info, VDebug::DEVNULL);
-    EXPECT_FALSE(client.isConnected());
-    EXPECT_EQ(1u, client.messages().size());
-}
-
-TEST_F(StatsdClientTest, RestartedDaemonGetsTheNextBatchWhole)
-{
-    auto daemon = std::make_unique<Daemon>(connection);
-    client.add(message(0, 1));
-    client.add(message(1, 1));
-    client.flush(aggregator, info, VDebug::DEVNULL);
-    EXPECT_TRUE(client.messages().empty());
-    EXPECT_EQ(2u, daemon->receive(2).size());
-
-    // The daemon goes away and comes back; the client's socket is stale.
-    daemon.reset();
-    daemon = std::make_unique<Daemon>(connection);
-    for (int type : {0, 2, 3})
-        client.add(message(type, 1));
-    client.flush(aggregator, info, VDebug::DEVNULL);
-    const std::vector<QByteArray> frames = daemon->receive(3);
-    ASSERT_EQ(3u, frames.size());
-    EXPECT_EQ(2, decode(frames[1]).counterType);
-    EXPECT_TRUE(client.isConnected());
-}
-
-TEST_F(StatsdClientTest, ADaemonThatNeverReadsCostsAWriteItsTimeout)
+TEST_F(StatsdClientTest, ADaemonThatNeverReadsIsNotWaitedFor)
 {
     // Accepts nothing and reads nothing: the kernel's buffers fill up.
     VSocketServer silent(connection);
@@ -148,13 +102,12 @@ TEST_F(StatsdClientTest, ADaemonThatNeverReadsCostsAWriteItsTimeout)
     VMessageList batch;
     QSharedPointer<VPageCacheStatsMessage> big = message(0, 1, 7, "");
     big->ruleName = QByteArray(64 * 1024, 'r');
-    for (int i = 0; i < 200; ++i)
-        batch.push_back(big);
+    batch.assign(16, big); // 1 MiB, beyond what the kernel holds for a socket
     QElapsedTimer timer;
     timer.start();
     EXPECT_THROW(socket.writeMessages(batch), VException);
-    // The write gives up at its limit instead of waiting for the daemon.
-    EXPECT_LT(timer.elapsed(), 10 * VSocketBase::TimeoutMs);
+    // The write gives up once the buffers are full instead of waiting.
+    EXPECT_LT(timer.elapsed(), VSocketBase::TimeoutMs);
 }
 
 TEST(VSocketClient, ConnectionStrings)
@@ -165,56 +118,31 @@ TEST(VSocketClient, ConnectionStrings)
     EXPECT_THROW(socket.connect(QStringLiteral("tcp://127.0.0.1"), VDebug::DEVNULL), VException);
     EXPECT_THROW(socket.connect(QStringLiteral("unix:/nonexistent/statsd.sock"), VDebug::DEVNULL), VException);
 
-    Daemon daemon(QStringLiteral("tcp://127.0.0.1:0"));
-    EXPECT_EQ(0, daemon.server->connectionCount());
+    EXPECT_EQ(0, VSocketServer(QStringLiteral("tcp://127.0.0.1:0")).connectionCount());
 }
 
 TEST(PageCachePulse, FactsOfARequest)
 {
     QTemporaryDir dir;
     PageCachePulse* pulse = PageCachePulse::instance();
-    // Before start-up nothing is gathered.
+    // Before start-up nothing is gathered, nor when no daemon is configured.
     pulse->addPossible(1, QStringLiteral("r"));
     EXPECT_TRUE(pulse->statsdClient().messages().empty());
-
     VeskServerInfo info(QFile::encodeName(dir.path()).constData(), "nginx");
-    info.setServerNumber(4);
-    // Nor when no daemon is configured: there would be nowhere to send it.
     pulse->initialize(info, QString());
     pulse->addPossible(1, QStringLiteral("r"));
     EXPECT_TRUE(pulse->statsdClient().messages().empty());
 
     pulse->initialize(info, QStringLiteral("unix:VESK_PREFIX/statsd.sock"));
     EXPECT_EQ(QStringLiteral("unix:%1/statsd.sock").arg(dir.path()), pulse->statsdClient().connectionString());
-    Daemon daemon(pulse->statsdClient().connectionString());
-
     pulse->reset(9);
-    pulse->addPossible(1, QStringLiteral("r"));
-    pulse->addMiss(1, QStringLiteral("r"));
     pulse->addTimeSaved(1, QStringLiteral("r"), QStringLiteral("key"));
-    const VMessageList& held = pulse->statsdClient().messages();
-    ASSERT_EQ(3u, held.size());
-    auto at = [&](size_t i) { return held[i].staticCast<VPageCacheStatsMessage>(); };
-    EXPECT_EQ(0, at(0)->serverNumber);
-    EXPECT_EQ(4, at(1)->serverNumber);
-    EXPECT_EQ(9, at(2)->appId);
+    const auto saved = pulse->statsdClient().messages().at(0).staticCast<VPageCacheStatsMessage>();
     // A fast request saves under a millisecond.
-    EXPECT_EQ(0, at(2)->counterValue);
-    EXPECT_EQ(QByteArray("key"), at(2)->key);
-
-    // An internal request keeps its facts to itself.
+    EXPECT_EQ(std::make_tuple(9, qint64(0), QByteArray("key")), std::make_tuple(saved->appId, saved->counterValue, saved->key));
+    // An internal request keeps its facts to itself (what others send is seen end to end).
     pulse->sendMessages(true, nullptr);
-    EXPECT_TRUE(held.empty());
-    EXPECT_TRUE(daemon.receive(1, 3).empty());
-
-    pulse->reset(9);
-    pulse->addPossible(1, QStringLiteral("r"));
-    pulse->addHit(1, QStringLiteral("r"), QStringLiteral("key"));
-    pulse->sendMessages(false, "http://a/");
-    const std::vector<QByteArray> frames = daemon.receive(2);
-    ASSERT_EQ(2u, frames.size());
-    EXPECT_EQ(1, decode(frames[1]).counterType);
-    EXPECT_TRUE(held.empty());
+    EXPECT_TRUE(pulse->statsdClient().messages().empty());
 }
 
 } // namespace
