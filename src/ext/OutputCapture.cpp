@@ -118,7 +118,7 @@ void storeWhole(const char* output, size_t length, int responseCode)
         return;
     }
     addLastModified();
-    const quint32 lifetime = r.rule->d->storedLifetime();
+    const PageLifetime lifetime(r.rule->d->storedLifetime(), r.rule->d->freshLifetime());
     // Where an output handler of the engine compresses every response, a
     // hit goes out through it too: a gzip copy would be compressed twice.
     const bool compress = VHTMLCache::compressionWanted(qint64(length), r.compressionAllowed,

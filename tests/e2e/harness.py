@@ -66,6 +66,14 @@ class Workspace:
         with open(self.path("conf", "pagecache_rules.xml"), "w") as f:
             f.write(text)
 
+    def change_rules(self, text=None, seconds=60):
+        """Puts `text` in place (when given) with a date `seconds` later, so
+        that every worker reloads the rules at its next request."""
+        if text is not None:
+            self.use_rules(text)
+        later = time.time() + seconds
+        os.utime(self.path("conf", "pagecache_rules.xml"), (later, later))
+
     def path(self, *parts):
         return os.path.join(self.root, *parts)
 

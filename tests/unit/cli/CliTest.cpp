@@ -183,7 +183,8 @@ TEST(CliStoreListing, ListsLivePagesWithTheirRecords)
     ASSERT_TRUE(store.write("ns1", "key1.z", entry.toRecord(), &flag, 60, 0));
     // A write in progress is no page.
     writeFile(QString::fromLocal8Bit(store.root()) + "/.tmp-1-1-1", "VKDS");
-    QList<StoredPage> pages = listStore(store);
+    QList<StoredPage> pages;
+    ASSERT_TRUE(forEachStoredPage(store, [&](const StoredPage& page) { pages << page; }));
     ASSERT_EQ(2, pages.size());
     std::sort(pages.begin(), pages.end(), [](const StoredPage& a, const StoredPage& b) { return a.key < b.key; });
     EXPECT_EQ("ns1", pages[0].ns);
