@@ -37,6 +37,8 @@ class Tool(unittest.TestCase):
         self.statsd = "unix:" + self.workspace.path("run", "statsd.sock")
         self.directives = self.workspace.directives(vesk_pagecache__log_verbosity_level="3",
                                                     vesk__statsd_connection_string=self.statsd)
+        del self.directives["vesk.pid_dir"]  # the cleaner and the tool share a default
+        self.directives["vesk_pagecache.clean_frequency"] = "1"
         self.server = None
 
     def start_server(self, **extra):
@@ -94,7 +96,11 @@ class Tool(unittest.TestCase):
 
     def test_status_list_and_inspect_show_what_the_workers_stored(self):
         self.store_pages()
-        status = self.ok("status")
+        for _ in range(50):  # the cleaner's first round after the store was made writes its pid file
+            status = self.ok("status")
+            if "cleaner: running" in status:
+                break
+            time.sleep(0.1)
         self.assertIn('rule "Pages": 2 pages, 0 gzip copies', status)
         self.assertIn('rule "Sized": 1 pages, 1 gzip copies', status)
         self.assertIn("cleaner: running, pid", status)
@@ -186,16 +192,32 @@ class Tool(unittest.TestCase):
         self.assertEqual(0, stats.returncode)
         self.assertRegex(out, r"7 +-1 +Pages +2 +1 +1 +50\.0% +\d+")
 
-    @unittest.skipUnless(os.geteuid() == 0, "needs root")
-    def test_started_by_root_it_works_as_the_workers_user(self):
-        nobody = 65534
-        self.directives.update({"vesk.httpd_uid": str(nobody), "vesk.httpd_gid": str(nobody)})
+    def as_nobody(self):
+        """The workers' user is nobody, with the directories it needs opened up."""
+        self.directives.update({"vesk.httpd_uid": "65534", "vesk.httpd_gid": "65534"})
         for name in ("", "log", "tmp", "conf"):
             os.chmod(self.workspace.path(name), 0o777 if name in ("log", "tmp") else 0o755)
+
+    @unittest.skipUnless(os.geteuid() == 0, "needs root")
+    def test_started_by_root_it_works_as_the_workers_user(self):
+        self.as_nobody()
         self.ok("remove", "all")
         # Root's file there would shut the workers out of their own log.
         owner = os.stat(self.workspace.path("log", "pagecache.log"))
-        self.assertEqual((nobody, nobody), (owner.st_uid, owner.st_gid))
+        self.assertEqual((65534, 65534), (owner.st_uid, owner.st_gid))
+
+    def test_a_store_it_cannot_read_and_an_unknown_rule_are_errors_not_emptiness(self):
+        self.store_pages()
+        unknown = self.tool("list", "--rule", "NoSuchRule")
+        self.assertEqual((1, 'vesk-pagecache: no rule "NoSuchRule" in the rules file\n'),
+                         (unknown.returncode, unknown.stderr))
+        if os.geteuid() == 0:
+            self.as_nobody()  # root reads any directory
+        os.chmod(self.workspace.path("tmp", "pagecache", "HTML-Cache"), 0)
+        for args in (["status"], ["list"], ["inspect", "http://127.0.0.1:%d/page.php" % self.server.port]):
+            result = self.tool(*args)
+            self.assertEqual(1, result.returncode, args)
+            self.assertRegex(result.stderr, r"^vesk-pagecache: cannot read .*HTML-Cache: Permission denied\n$")
 
     def test_bad_arguments_get_one_line_and_exit_code_2(self):
         for args in (["frobnicate"], [], ["list", "--rul", "x"], ["inspect"], ["inspect", "ftp://x/"],
