@@ -114,6 +114,24 @@ class Workspace:
         return workspace, docroot
 
 
+def runs(site, page="page.php"):
+    """How often `page` of `site` has run: each page notes its runs."""
+    try:
+        with open(os.path.join(site, "runs.log")) as f:
+            return f.read().split().count(page)
+    except FileNotFoundError:
+        return 0
+
+
+def run_tool(workspace, directives, *args):
+    """The operators' tool over `directives`, written to an ini file of the workspace."""
+    ini = workspace.path("tool.ini")
+    with open(ini, "w") as f:
+        f.write("[PHP]\n" + "".join('%s = "%s"\n' % item for item in directives.items()))
+    return subprocess.run([TOOL, "--ini", ini] + list(args), capture_output=True, text=True, timeout=600,
+                          env=dict(os.environ, PHP_INI_SCAN_DIR=""))
+
+
 def http_get(port, path, headers=None, method="GET"):
     """One request to 127.0.0.1: status, headers (lower-case names), body."""
     connection = http.client.HTTPConnection("127.0.0.1", port, timeout=10)
@@ -595,12 +613,7 @@ class Case(unittest.TestCase):
         return server
 
     def runs(self, page="page.php"):
-        """How often `page` of the site has run: each page notes its runs."""
-        try:
-            with open(os.path.join(self.site, "runs.log")) as f:
-                return f.read().split().count(page)
-        except FileNotFoundError:
-            return 0
+        return runs(self.site, page)
 
     def records(self):
         """The page records in the workspace's store, without the files

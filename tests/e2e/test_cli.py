@@ -4,7 +4,6 @@ that the next request is a miss, and shows their statistics."""
 import os
 import sqlite3
 import subprocess
-import time
 import unittest
 import urllib.request
 
@@ -31,9 +30,9 @@ def ini_text(values):
     return "".join('%s = "%s"\n' % item for item in values.items())
 
 
-class Tool(unittest.TestCase):
+class Tool(harness.Case):
     def setUp(self):
-        self.workspace, self.site = harness.Workspace.with_site(self, RULES)
+        self.use_site(RULES)
         self.statsd = "unix:" + self.workspace.path("run", "statsd.sock")
         self.directives = self.workspace.directives(vesk_pagecache__log_verbosity_level="3",
                                                     vesk__statsd_connection_string=self.statsd)
@@ -73,13 +72,6 @@ class Tool(unittest.TestCase):
         self.assertEqual(200, status)
         return body
 
-    def runs(self, name="page.php"):
-        try:
-            with open(os.path.join(self.site, "runs.log")) as f:
-                return f.read().split().count(name)
-        except FileNotFoundError:
-            return 0
-
     def assertServedFromStore(self, path, expected):
         runs = self.runs()
         self.assertEqual(expected, expected and self.page(path))
@@ -96,11 +88,9 @@ class Tool(unittest.TestCase):
 
     def test_status_list_and_inspect_show_what_the_workers_stored(self):
         self.store_pages()
-        for _ in range(50):  # the cleaner's first round after the store was made writes its pid file
-            status = self.ok("status")
-            if "cleaner: running" in status:
-                break
-            time.sleep(0.1)
+        # The cleaner's first round after the store was made writes its pid file.
+        self.wait_until(lambda: "cleaner: running, pid" in self.ok("status"), 5, "the cleaner wasn't found")
+        status = self.ok("status")
         self.assertIn('rule "Pages": 2 pages, 0 gzip copies', status)
         self.assertIn('rule "Sized": 1 pages, 1 gzip copies', status)
         self.assertIn("cleaner: running, pid", status)

@@ -47,13 +47,6 @@ class Node:
         self.test.wait_until(lambda: self.workspace.log().count("Cluster agent reads the task queue") > joined,
                              10, "the node's agent didn't join the queue")
 
-    def runs(self):
-        try:
-            with open(os.path.join(self.site, "runs.log")) as f:
-                return f.read().split().count("page.php")
-        except FileNotFoundError:
-            return 0
-
     def get(self, path="/page.php"):
         status, _, body = harness.http_get(self.server.port, path, HOST)
         self.test.assertEqual(200, status)
@@ -61,17 +54,13 @@ class Node:
 
     def hit(self, path="/page.php"):
         """Whether a request for `path` is served from the store."""
-        runs = self.runs()
+        runs = harness.runs(self.site)
         self.get(path)
-        return self.runs() == runs
+        return harness.runs(self.site) == runs
 
     def status(self):
         """What `vesk-pagecache status` says of the node's queue."""
-        ini = self.workspace.path("tool.ini")
-        with open(ini, "w") as f:
-            f.write("[PHP]\n" + "".join('%s = "%s"\n' % item for item in self.directives.items()))
-        result = subprocess.run([harness.TOOL, "--ini", ini, "status"], capture_output=True, text=True, timeout=60,
-                                env=dict(os.environ, PHP_INI_SCAN_DIR=""))
+        result = harness.run_tool(self.workspace, self.directives, "status")
         self.test.assertEqual(0, result.returncode, result.stderr)
         return [line for line in result.stdout.splitlines() if line.startswith("queue: ")][0]
 
@@ -192,6 +181,8 @@ class Farm(FarmCase):
         for node in self.nodes:
             self.wait_until(lambda: node.workspace.log().count("Cluster agent reads the task queue") > 1, 10,
                             "the node's agent didn't come back")
+        # Nothing tells the others what was removed meanwhile: their pages are gone.
+        self.assertFalse(self.nodes[1].hit())
         self.store_everywhere()
         self.assertIs(True, self.call(self.nodes[0], "page_cache_remove_all_cached_contents"))
         self.assertReached(self.nodes[1:])
@@ -202,6 +193,17 @@ class Farm(FarmCase):
             self.assertAloneButServing("Redis at")
         finally:
             os.kill(self.redis.process.pid, signal.SIGCONT)
+
+    def test_a_node_whose_group_redis_lost_serves_no_removed_page(self):
+        self.store_everywhere()
+        self.redis_cli("FLUSHDB")
+        self.assertIs(True, self.call(self.nodes[0], "page_cache_remove_all_cached_contents"))
+        self.wait_until(lambda: not self.nodes[1].hit(), 10, "a removed page was served")
+
+    def test_two_nodes_with_one_id_are_logged_on_both(self):
+        for node in (self.nodes[0], Node(self, 1, self.redis.url)):
+            self.wait_until(lambda: "Cluster agent: node id 1 is used by another node too" in node.workspace.log(),
+                            10, "two nodes with one id went unnoticed")
 
     def test_a_node_that_was_down_catches_up(self):
         first, second, _ = self.nodes
