@@ -714,7 +714,8 @@ bool VDiskStorage::readRecordInfo(const QByteArray& path, RecordInfo* info, int*
     *error = 0;
     const int fd = open(path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
-        *error = errno == ENOENT ? 0 : errno;
+        // Gone meanwhile, or a link, which the store never makes: no record.
+        *error = errno == ENOENT || errno == ELOOP ? 0 : errno;
         return false;
     }
     char bytes[HeaderSize];
