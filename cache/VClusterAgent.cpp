@@ -101,7 +101,7 @@ void VClusterAgent::checkNodeIdIsOurs()
         return;
     duplicateLogged = true;
     VLOG(PageCacheLogStream, 0) << "Cluster agent: node id" << nodeId << "is used by another node too:" << other
-                                << "and" << identity << "; each node needs an id of its own (vesk.node_id)";
+                                << "besides" << identity << "(each node needs a vesk.node_id of its own)";
 }
 
 // The removal of every page that a new group calls for, until it is done:
