@@ -165,6 +165,10 @@ void VCacheCleaner::clean()
     if (storage) {
         s_cleaning = 1;
         armTimer(true);
+        // Published files take room under the bound too: the store keeps
+        // less, and the sweep below ends the files of what it evicts.
+        if (published && maxStoreSize > 0)
+            storage->setSizeBound(qMax<qint64>(1, maxStoreSize - published->bytes()), pageOf);
         storage->cleanExpired();
         // The web server can't ask the purge rules: after a purge every
         // published file goes.

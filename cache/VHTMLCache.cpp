@@ -16,6 +16,8 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <typeinfo>
+
 #include <cstring>
 #include <ctime>
 #include <QDir>
@@ -152,6 +154,11 @@ void VHTMLCache::setPublishDir(const QByteArray& dir)
 {
     delete publishedPages;
     publishedPages = dir.isEmpty() ? nullptr : new VPublishedPages(dir);
+    if (publishedPages && !publishedPages->claim()) {
+        VLOG(PageCacheLogStream, 0) << "Not publishing to" << dir << ":" << publishedPages->lastError;
+        delete publishedPages;
+        publishedPages = nullptr;
+    }
 }
 
 void VHTMLCache::setPurgeDatabase(const QByteArray& path)
@@ -168,6 +175,45 @@ void VHTMLCache::unpublishAll()
 {
     if (publishedPages)
         publishedPages->unpublishNamespace(QByteArray());
+}
+
+namespace {
+
+QByteArray globalName(const VPHPGlobal* global)
+{
+    const auto* element = dynamic_cast<const VPHPGlobalElement*>(global);
+    return global->name() + (element ? '[' + element->key().keys.join("][") + ']' : QByteArray());
+}
+
+} // namespace
+
+QByteArray VHTMLCache::publishDescription(const CacheRuleData& rule)
+{
+    QByteArray text = "publish\n";
+    for (const ConditionsBlock& block : rule.conditionBlocks) {
+        text += "or\n";
+        for (const QSharedPointer<VCondition>& condition : block.conditions) {
+            const auto* value = dynamic_cast<const VConditionExists*>(condition.data());
+            const auto* equals = dynamic_cast<const VConditionEquals*>(condition.data());
+            text += QByteArray(typeid(*condition).name()) + ' ' + globalName(condition->global) + ' '
+                    + (value ? value->value : equals ? equals->value : QString()).toUtf8() + '\n';
+        }
+    }
+    for (const QSharedPointer<VCondition>& split : rule.splitBlock.conditions)
+        text += "split " + globalName(split->global) + '\n';
+    return VMD5::hash(text);
+}
+
+void VHTMLCache::unpublishChangedRules()
+{
+    if (!publishedPages)
+        return;
+    QHash<QByteArray, QByteArray> published;
+    for (const CacheRule& rule : orderedRules) {
+        if (rule.d->publish && rule.d->enable)
+            published.insert(ruleNamespace(rule), publishDescription(*rule.d));
+    }
+    publishedPages->keepRules(published);
 }
 
 void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& productDir)
@@ -414,11 +460,13 @@ void VHTMLCache::publishStored(const QByteArray& ns, const QByteArray& key, cons
 {
     const VDebug::StreamId log = PageCacheLogStream;
     QByteArray why;
+    publishedPages->noteRule(ns, target.ruleDescription);
     const QByteArray file = VPublishedPages::fileFor(ns, target.url, &why);
     if (file.isNull() || !VPublishedPages::sendsAsStored(status, headers, target.contentType, &why)) {
         VLOG(log, 3) << "Not publishing" << target.url << ":" << why;
-        // The record no longer holds what an older page of it published.
-        publishedPages->unpublish(ns, key);
+        // The record no longer holds what an older page of it published,
+        // and its hits need not try again.
+        publishedPages->refuse(ns, key, target.expiresAt);
         return;
     }
     const QByteArray lastModified = VHeaderLines::value(headers, "Last-Modified");
@@ -437,6 +485,29 @@ void VHTMLCache::publishStored(const QByteArray& ns, const QByteArray& key, cons
         return;
     }
     VLOG(log, 4) << "Published" << target.url << "as" << file;
+}
+
+void VHTMLCache::republish(const QByteArray& ns, const QByteArray& key, const CacheRuleData& rule,
+                           const QByteArray& defaultType)
+{
+    CacheEntry clear;
+    readEntry(ns, key, clear);
+    if (!publishedPages || clear.formatTag() == 0)
+        return;
+    CacheEntry packed;
+    readCompressedEntry(ns, key, packed);
+    PublishTarget target;
+    target.url = clear.url();
+    target.contentType = VHeaderLines::value(clear.m_headers, "Content-Type");
+    if (target.contentType.isNull())
+        target.contentType = defaultType;
+    // The store keeps the page through its grace; its own lifetime ends before.
+    const qint64 keptUntil = entryLastModified(ns, key);
+    target.expiresAt = rule.lifetime == 0 ? 0 : keptUntil - qint64(rule.storedLifetime() - rule.lifetime);
+    target.ruleDescription = publishDescription(rule);
+    VLOG(PageCacheLogStream, 3) << "Publishing again" << target.url;
+    publishStored(ns, key, target, clear.status(), clear.m_headers, clear.body(),
+                  packed.formatTag() != 0 ? packed.body() : QByteArray());
 }
 
 bool VHTMLCache::compressionWanted(qint64 size, bool allowed, const char* tidyCleanOutput)

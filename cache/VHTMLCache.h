@@ -56,7 +56,9 @@ public:
     // cleaner carries out on this store as node `nodeId`; empty for none.
     static void setClusterQueue(const QByteArray& url, qint64 nodeId);
     // Where pages of rules that publish are mirrored as static files; empty
-    // for nowhere, and nothing is then written outside the store.
+    // for nowhere, and nothing is then written outside the store. A folder
+    // that holds what the cache did not write is refused (logged): nothing
+    // is published then.
     static void setPublishDir(const QByteArray& dir);
     // The mirror, or null when there is no publish directory.
     static VPublishedPages* published();
@@ -92,9 +94,17 @@ public:
 
     // Removal. The null namespace is every page.
     bool clearNamespace(const QByteArray& ns);
-    // Ends every published file, the store left as it is: after a change
-    // of the rules, or a purge, that the files can't follow one by one.
+    // Ends every published file, the store left as it is: after a purge,
+    // that the files can't follow one by one.
     static void unpublishAll();
+    // After a load of the rules: ends the files of the rules whose
+    // publishing, conditions or splits changed, or that are gone.
+    void unpublishChangedRules();
+    // Publishes a stored page again from its record, for a hit whose files
+    // went (a restart, a change of the rules): `rule` its rule, which
+    // publishes; `defaultType` the Content-Type sent when the page set none.
+    void republish(const QByteArray& ns, const QByteArray& key, const CacheRuleData& rule,
+                   const QByteArray& defaultType);
     bool removeByRuleId(qint64 id);
     bool removeByRuleName(const char* name);
     // Names are UTF-8. A rule split by anything but the request URI alone
@@ -103,6 +113,8 @@ public:
     // The namespace of the rules whose URL pattern was written as `pattern`.
     static QByteArray patternNamespace(const QString& pattern);
     static QByteArray ruleNamespace(const CacheRule& rule);
+    // What decides a published rule's files: its conditions and splits.
+    static QByteArray publishDescription(const CacheRuleData& rule);
 
     VDiskStorage* store() const { return storage; }
 

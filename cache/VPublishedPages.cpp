@@ -3,9 +3,12 @@
 #include "VHeaderLines.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 
+#include <algorithm>
 #include <cerrno>
+#include <ctime>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,6 +20,13 @@ namespace {
 const char FileSuffix[] = ".vesk.html";
 const char GzipSuffix[] = ".gz";
 const char IndexDir[] = ".index";
+// Marks the folder as the cache's own; it says so to whoever looks.
+const char MarkerName[] = ".vesk-published";
+const char MarkerText[] = "The Vesk Page Cache's published pages: the cache removes what it wrote here.\n";
+const char RuleName[] = ".rule";
+// A file being written is renamed into place within this time; one older is
+// what a writer that died left.
+const qint64 LeftoverAge = 60;
 const int MaxPath = 1024;
 const int MaxSegment = 200;
 
@@ -92,12 +102,63 @@ QByteArray directoryOf(const QByteArray& path)
     return path.left(path.lastIndexOf('/'));
 }
 
+// The names the cache writes at the top of the folder: namespaces, the
+// index, and what interrupted endings and writes leave.
+bool ownName(const QByteArray& name)
+{
+    return hexName(name) || name == IndexDir || name.startsWith(".trash-") || name.startsWith(".tmp-");
+}
+
+QByteArray readSmall(const QByteArray& path)
+{
+    QFile file(QFile::decodeName(path));
+    return file.open(QIODevice::ReadOnly) ? file.read(4096) : QByteArray();
+}
+
+QStringList entriesOf(const QByteArray& path, QDir::Filters filters)
+{
+    return QDir(QFile::decodeName(path)).entryList(filters | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System);
+}
+
+// By the change time: a file being written is dated as its page already.
+bool olderThan(const QByteArray& path, qint64 seconds, qint64 now)
+{
+    struct stat st;
+    return lstat(path.constData(), &st) == 0 && now - qint64(st.st_ctime) >= seconds;
+}
+
 } // namespace
 
 VPublishedPages::VPublishedPages(const QByteArray& root) : m_root(root)
 {
     while (m_root.size() > 1 && m_root.endsWith('/'))
         m_root.chop(1);
+}
+
+bool VPublishedPages::claim()
+{
+    // A folder that isn't there yet is made and marked by the first worker
+    // that publishes.
+    if (m_marked || access(m_root.constData(), F_OK) != 0 || access((m_root + '/' + MarkerName).constData(), F_OK) == 0)
+        return true;
+    for (const QString& entry : entriesOf(m_root, QDir::AllEntries)) {
+        if (!ownName(QFile::encodeName(entry))) {
+            lastError = "it holds " + QFile::encodeName(entry) + ", which the cache did not write";
+            return false;
+        }
+    }
+    return true;
+}
+
+void VPublishedPages::noteRule(const QByteArray& ns, const QByteArray& description)
+{
+    const QByteArray marker = m_root + '/' + MarkerName;
+    const qint64 now = qint64(time(nullptr));
+    if (!m_marked)
+        m_marked = access(marker.constData(), F_OK) == 0 || writeFile(marker, MarkerText, now);
+    const QByteArray rule = m_root + '/' + IndexDir + '/' + ns + '/' + RuleName;
+    if (!description.isEmpty() && access(rule.constData(), F_OK) != 0)
+        writeFile(rule, description, now);
 }
 
 QByteArray VPublishedPages::fileFor(const QByteArray& ns, const QByteArray& url, QByteArray* why)
@@ -171,7 +232,7 @@ bool VPublishedPages::readEntry(const QByteArray& path, qint64* expiresAt, QByte
     bool ok = false;
     *expiresAt = lines.value(0).toLongLong(&ok);
     *file = lines.value(1);
-    return ok && !file->isEmpty();
+    return ok;
 }
 
 bool VPublishedPages::stillNames(const QByteArray& ns, const QByteArray& key, const QByteArray& file) const
@@ -223,6 +284,8 @@ bool VPublishedPages::publish(const QByteArray& ns, const QByteArray& key, const
     // The entry is there before any file it names.
     if (!writeFile(index, QByteArray::number(expiresAt) + '\n' + file + '\n', mtime))
         return false;
+    if (file.isEmpty())
+        return true;
     const QByteArray path = m_root + '/' + file;
     if (gzipBody.isNull())
         unlink((path + GzipSuffix).constData());
@@ -231,11 +294,33 @@ bool VPublishedPages::publish(const QByteArray& ns, const QByteArray& key, const
     return writeFile(path, clearBody, mtime);
 }
 
+void VPublishedPages::refuse(const QByteArray& ns, const QByteArray& key, qint64 expiresAt)
+{
+    publish(ns, key, QByteArray(), QByteArray(), QByteArray(), qint64(time(nullptr)), expiresAt);
+}
+
+bool VPublishedPages::hasEntry(const QByteArray& ns, const QByteArray& key) const
+{
+    return access(indexPath(ns, key).constData(), F_OK) == 0;
+}
+
 void VPublishedPages::removeFiles(const QByteArray& file)
 {
+    if (file.isEmpty())
+        return;
     const QByteArray path = m_root + '/' + file;
     unlink(path.constData());
     unlink((path + GzipSuffix).constData());
+    removeEmptyFolders(file);
+}
+
+void VPublishedPages::removeEmptyFolders(const QByteArray& file)
+{
+    // A writer that loses its folder to this makes it again (writeFile).
+    for (QByteArray dir = directoryOf(m_root + '/' + file); dir.size() > m_root.size(); dir = directoryOf(dir)) {
+        if (rmdir(dir.constData()) != 0)
+            break;
+    }
 }
 
 void VPublishedPages::unpublish(const QByteArray& ns, const QByteArray& key)
@@ -269,13 +354,26 @@ void VPublishedPages::unpublishNamespace(const QByteArray& ns)
         removeTree(m_root + '/' + IndexDir + '/' + ns);
         return;
     }
-    const QStringList entries = QDir(QFile::decodeName(m_root)).entryList(QDir::AllEntries | QDir::NoDotAndDotDot
-                                                                          | QDir::Hidden | QDir::System);
-    for (const QString& entry : entries) {
-        if (entry != QLatin1String(IndexDir) && !entry.startsWith(QLatin1String(".trash-")))
+    // Only what the cache writes: an operator's file stays where it is.
+    for (const QString& entry : entriesOf(m_root, QDir::Dirs)) {
+        if (hexName(QFile::encodeName(entry)))
             removeTree(m_root + '/' + QFile::encodeName(entry));
     }
     removeTree(m_root + '/' + IndexDir);
+}
+
+void VPublishedPages::keepRules(const QHash<QByteArray, QByteArray>& rules)
+{
+    const QByteArray index = m_root + '/' + IndexDir;
+    QStringList namespaces = entriesOf(index, QDir::Dirs) + entriesOf(m_root, QDir::Dirs);
+    namespaces.removeDuplicates();
+    // A namespace whose description is missing is one of an older version,
+    // or one being made: ended all the same, it is published again.
+    for (const QString& name : namespaces) {
+        const QByteArray ns = QFile::encodeName(name);
+        if (hexName(ns) && (!rules.contains(ns) || rules.value(ns) != readSmall(index + '/' + ns + '/' + RuleName)))
+            unpublishNamespace(ns);
+    }
 }
 
 void VPublishedPages::sweepNamespace(const QByteArray& ns, qint64 now,
@@ -292,8 +390,9 @@ void VPublishedPages::sweepNamespace(const QByteArray& ns, qint64 now,
             if (read)
                 removeFiles(file);
             unlink((dir + '/' + key).constData());
-        } else if (key.startsWith(".tmp-")) {
-            continue;
+        } else if (key.startsWith('.')) {
+            if (key.startsWith(".tmp-") && olderThan(dir + '/' + key, LeftoverAge, now))
+                unlink((dir + '/' + key).constData());
         } else if (!read || (expiresAt > 0 && now >= expiresAt) || !live(ns, key)) {
             unpublish(ns, key);
         }
@@ -302,11 +401,41 @@ void VPublishedPages::sweepNamespace(const QByteArray& ns, qint64 now,
 
 void VPublishedPages::sweep(qint64 now, const std::function<bool(const QByteArray&, const QByteArray&)>& live)
 {
-    const QDir root(QFile::decodeName(m_root));
-    for (const QString& trash : root.entryList({QStringLiteral(".trash-*")}, QDir::Dirs | QDir::Hidden))
-        QDir(root.filePath(trash)).removeRecursively();
-    const QStringList namespaces = QDir(root.filePath(QLatin1String(IndexDir))).entryList(QDir::Dirs
-                                                                                          | QDir::NoDotAndDotDot);
-    for (const QString& ns : namespaces)
+    for (const QString& entry : entriesOf(m_root, QDir::AllEntries)) {
+        const QByteArray path = m_root + '/' + QFile::encodeName(entry);
+        if (entry.startsWith(QLatin1String(".trash-")))
+            QDir(QFile::decodeName(path)).removeRecursively();
+        else if (entry.startsWith(QLatin1String(".tmp-")) && olderThan(path, LeftoverAge, now))
+            unlink(path.constData());
+    }
+    for (const QString& ns : entriesOf(m_root + '/' + IndexDir, QDir::Dirs))
         sweepNamespace(QFile::encodeName(ns), now, live);
+    sweepLeftovers(now);
+}
+
+void VPublishedPages::sweepLeftovers(qint64 now)
+{
+    m_bytes = 0;
+    for (const QString& ns : entriesOf(m_root, QDir::Dirs)) {
+        if (!hexName(QFile::encodeName(ns)))
+            continue;
+        QList<QByteArray> folders;
+        QDirIterator it(QFile::decodeName(m_root + '/' + QFile::encodeName(ns)),
+                        QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
+                        QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            const QByteArray path = QFile::encodeName(it.next());
+            m_bytes += it.fileInfo().size();
+            if (it.fileInfo().isDir() && !it.fileInfo().isSymLink())
+                folders.prepend(path);
+            else if (it.fileName().startsWith(QLatin1String(".tmp-")) && olderThan(path, LeftoverAge, now))
+                unlink(path.constData());
+        }
+        // Deepest first: a folder emptied by the one below it goes too.
+        std::sort(folders.begin(), folders.end(),
+                  [](const QByteArray& a, const QByteArray& b) { return a.count('/') > b.count('/'); });
+        for (const QByteArray& folder : folders)
+            rmdir(folder.constData());
+        rmdir((m_root + '/' + QFile::encodeName(ns)).constData());
+    }
 }

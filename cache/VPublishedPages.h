@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QHash>
 #include <QLinkedList>
 #include <QtGlobal>
 
@@ -17,6 +18,8 @@ struct PublishTarget
     // The end of the page's own lifetime (grace left out), in seconds since
     // 1970; 0 for a page that never expires.
     qint64 expiresAt = 0;
+    // What decides the rule's files (VHTMLCache::publishDescription).
+    QByteArray ruleDescription;
 };
 
 // Stored pages mirrored as static files that the web server sends without
@@ -25,6 +28,8 @@ struct PublishTarget
 //   <dir>/<namespace>/<scheme>/<host><path>.vesk.html    the clear copy
 //   <dir>/<namespace>/<scheme>/<host><path>.vesk.html.gz the gzip copy
 //   <dir>/.index/<namespace>/<key>                       which files a record has
+//   <dir>/.index/<namespace>/.rule                       what the rule was
+//   <dir>/.vesk-published                                the folder is the cache's
 //
 // The store stays the one source of truth: every file has its index entry
 // before it appears, and whatever ends a record ends the files its entry
@@ -37,6 +42,10 @@ public:
     explicit VPublishedPages(const QByteArray& root);
 
     QByteArray root() const { return m_root; }
+    // Makes the folder the cache's own, or finds it so: false, with the
+    // reason in lastError, for a folder that holds anything the cache did
+    // not write. Nothing is written or removed in a folder refused.
+    bool claim();
     // The Content-Type the web server sends for a published file.
     static const char* contentType() { return "text/html; charset=UTF-8"; }
     // The file, relative to the directory, for the page of `url` under the
@@ -54,6 +63,20 @@ public:
     // An older page of the record published under another name goes first.
     bool publish(const QByteArray& ns, const QByteArray& key, const QByteArray& file, const QByteArray& clearBody,
                  const QByteArray& gzipBody, qint64 mtime, qint64 expiresAt);
+    // Before a page is published: marks the folder as the cache's, and notes
+    // what the rule of namespace `ns` was, when not done yet. Made by the
+    // first writer, a worker, so that they belong to the workers' user.
+    void noteRule(const QByteArray& ns, const QByteArray& description);
+    // Notes that the record has no file: the web server can't send its page
+    // as stored. A hit then has nothing to publish again.
+    void refuse(const QByteArray& ns, const QByteArray& key, qint64 expiresAt);
+    // Whether the record has an entry, published or refused: one existence
+    // test, for a hit to know that its files went (a restart, a change).
+    bool hasEntry(const QByteArray& ns, const QByteArray& key) const;
+    // Ends the files of every namespace but those `rules` names with the
+    // same description as when they were published. `rules` maps namespace
+    // to description.
+    void keepRules(const QHash<QByteArray, QByteArray>& rules);
     // Whether the record's entry still names `file`: one that an ending
     // removed while the files were being written does not.
     bool stillNames(const QByteArray& ns, const QByteArray& key, const QByteArray& file) const;
@@ -64,6 +87,9 @@ public:
     // Ends the files of pages past their lifetime and of records that `live`
     // no longer finds, and what interrupted writes and endings left.
     void sweep(qint64 now, const std::function<bool(const QByteArray& ns, const QByteArray& key)>& live);
+    // What the files and their folders took at the end of the last sweep,
+    // in bytes: they count toward the store's bound.
+    qint64 bytes() const { return m_bytes; }
 
     QByteArray lastError;
 
@@ -73,6 +99,10 @@ private:
     bool readEntry(const QByteArray& path, qint64* expiresAt, QByteArray* file) const;
     bool writeFile(const QByteArray& path, const QByteArray& data, qint64 mtime);
     void removeFiles(const QByteArray& file);
+    // Removes the empty folders from `file`'s own up to its namespace's own.
+    void removeEmptyFolders(const QByteArray& file);
+    // What interrupted writes and endings left in the files' folders.
+    void sweepLeftovers(qint64 now);
     // Renames `path` aside in one step, then deletes it: the web server
     // sees the whole tree or nothing of it.
     void removeTree(const QByteArray& path);
@@ -80,4 +110,6 @@ private:
                         const std::function<bool(const QByteArray&, const QByteArray&)>& live);
 
     QByteArray m_root;
+    qint64 m_bytes = 0;
+    bool m_marked = false;
 };

@@ -1,7 +1,10 @@
 <?php
 // Vesk Page Cache removal for MediaWiki: add
-//     require_once '/etc/vesk/recipes/mediawiki-vesk-pagecache.php';
-// at the end of LocalSettings.php. A page's change shows on other pages too
+//     if (is_readable('/usr/share/vesk-pagecache/recipes/mediawiki-vesk-pagecache.php')) {
+//         require_once '/usr/share/vesk-pagecache/recipes/mediawiki-vesk-pagecache.php';
+//     }
+// at the end of LocalSettings.php: the wiki keeps running once the package
+// is removed. A page's change shows on other pages too
 // (links to it turn from red to blue, categories list it), so all the pages
 // stored under the "MediaWiki" rule go, once per request.
 $vesk_pagecache_forget_pages = static function () {

@@ -12,13 +12,15 @@
 int commandPublishConfig(CliContext& context, const QStringList& args)
 {
     QCommandLineParser parser;
-    parser.addPositionalArgument(QStringLiteral("SERVER"), QStringLiteral("nginx or apache."));
+    parser.addPositionalArgument(QStringLiteral("SERVER"),
+                                 QStringLiteral("nginx, apache (the virtual host's part) or apache-rules (the "
+                                                "site directory's part)."));
     int code = ExitOk;
-    if (!parseCommand(parser, args, 1, 1, QStringLiteral("nginx|apache"), &code))
+    if (!parseCommand(parser, args, 1, 1, QStringLiteral("nginx|apache|apache-rules"), &code))
         return code;
     const QString server = parser.positionalArguments().first();
-    if (server != QLatin1String("nginx") && server != QLatin1String("apache"))
-        return fail(ExitUsage, QStringLiteral("usage: vesk-pagecache publish-config nginx|apache"));
+    if (server != QLatin1String("nginx") && server != QLatin1String("apache") && server != QLatin1String("apache-rules"))
+        return fail(ExitUsage, QStringLiteral("usage: vesk-pagecache publish-config nginx|apache|apache-rules"));
     const QByteArray dir = context.directives.publishDir();
     if (dir.isEmpty())
         return fail(ExitFailed, QStringLiteral("vesk_pagecache.publish_dir is not set: nothing is published"));
@@ -26,9 +28,9 @@ int commandPublishConfig(CliContext& context, const QStringList& args)
     if (!cache)
         return ExitFailed;
     const QList<CacheRule>& rules = cache->rules();
-    fputs((server == QLatin1String("nginx") ? nginxPublishConfig(rules, dir) : apachePublishConfig(rules, dir))
-              .toLocal8Bit()
-              .constData(),
-          stdout);
+    const QString text = server == QLatin1String("nginx")    ? nginxPublishConfig(rules, dir)
+                         : server == QLatin1String("apache") ? apachePublishConfig(dir)
+                                                             : apacheRewriteConfig(rules, dir);
+    fputs(text.toLocal8Bit().constData(), stdout);
     return ExitOk;
 }

@@ -92,6 +92,12 @@ QString nginxCookieTest(const CookieTest& test)
     return QString();
 }
 
+// The marker segment of the URI a published request is rewritten to: that
+// URI begins and ends with the request's own, so that it falls again into
+// the location the block is included in, under its access rules, and into
+// the nested location that sends the file.
+const char NginxMarker[] = "/vesk-published/";
+
 QString nginxRule(const CacheRule& rule, const QByteArray& dir)
 {
     const QList<Block> blocks = blocksOf(rule);
@@ -106,10 +112,10 @@ QString nginxRule(const CacheRule& rule, const QByteArray& dir)
         text += QStringLiteral("    if ($vesk_block) { set $vesk_rule 1; }\n");
     }
     const QString ns = QString::fromLatin1(VHTMLCache::ruleNamespace(rule));
-    text += QStringLiteral("    set $vesk_file \"/%1/$scheme/$host${uri}.vesk.html\";\n"
-                           "    if (!-f \"%2$vesk_file\") { set $vesk_rule \"\"; }\n"
-                           "    if ($vesk_rule) { rewrite ^ /.vesk-published$vesk_file last; }\n")
-                .arg(ns, QString::fromLocal8Bit(dir));
+    text += QStringLiteral("    set $vesk_file \"/%1/$scheme/$host${uri}\";\n"
+                           "    if (!-f \"%2${vesk_file}.vesk.html\") { set $vesk_rule \"\"; }\n"
+                           "    if ($vesk_rule) { rewrite ^ \"${uri}%3${vesk_file}\" last; }\n")
+                .arg(ns, QString::fromLocal8Bit(dir), QLatin1String(NginxMarker).chopped(1));
     return text;
 }
 
@@ -120,7 +126,10 @@ QString nginxPublishConfig(const QList<CacheRule>& rules, const QByteArray& publ
     QString text = QStringLiteral(
         "# Published pages of the Vesk Page Cache, sent without PHP. Made by\n"
         "# 'vesk-pagecache publish-config nginx' for the rules in force: make it\n"
-        "# again when they change. Include it in the server block.\n"
+        "# again when they change. Include it inside each location that runs the\n"
+        "# pages' PHP (a prefix or regular expression location), after the\n"
+        "# location's own access rules: a file goes out only where they let the\n"
+        "# request through.\n"
         "    set $vesk_ok \"\";\n"
         "    if ($request_method = GET) { set $vesk_ok 1; }\n"
         "    if ($request_method = HEAD) { set $vesk_ok 1; }\n"
@@ -132,10 +141,12 @@ QString nginxPublishConfig(const QList<CacheRule>& rules, const QByteArray& publ
         if (rule.d->publish && rule.d->enable)
             text += nginxRule(rule, publishDir);
     }
+    // Nested, it takes the enclosing location's access rules (auth_basic,
+    // allow and deny, satisfy), which run again for the rewritten URI.
     text += QStringLiteral(
-                "    location ^~ /.vesk-published/ {\n"
+                "    location ~ \"%3([0-9a-f]{32}/https?/[^/]+/.*)$\" {\n"
                 "        internal;\n"
-                "        alias %1/;\n"
+                "        alias %1/$1.vesk.html;\n"
                 "        types { }\n"
                 "        default_type \"%2\";\n"
                 "        charset off;\n"
@@ -144,7 +155,8 @@ QString nginxPublishConfig(const QList<CacheRule>& rules, const QByteArray& publ
                 "        etag off;\n"
                 "        if_modified_since before;\n"
                 "    }\n")
-                .arg(QString::fromLocal8Bit(publishDir), QLatin1String(VPublishedPages::contentType()));
+                .arg(QString::fromLocal8Bit(publishDir), QLatin1String(VPublishedPages::contentType()),
+                     QLatin1String(NginxMarker));
     return text;
 }
 
@@ -167,6 +179,10 @@ QStringList apacheCookieTests(const CookieTest& test)
     return {};
 }
 
+// The URL under which the server part maps the publish directory; only a
+// rewrite inside the site's directory reaches it.
+const char ApacheMarker[] = "/vesk-published/";
+
 // One rewrite per block, and per copy: the gzip one for clients that take it.
 QString apacheRule(const CacheRule& rule, const QByteArray& dir)
 {
@@ -174,8 +190,10 @@ QString apacheRule(const CacheRule& rule, const QByteArray& dir)
     QString text = ruleTitle(rule);
     if (blocks.isEmpty())
         return text + QStringLiteral("#   its conditions never hold without a query: nothing to send\n");
-    const QString file = QStringLiteral("%1/%2/%{REQUEST_SCHEME}/%{SERVER_NAME}%{REQUEST_URI}.vesk.html")
-                             .arg(QString::fromLocal8Bit(dir), QString::fromLatin1(VHTMLCache::ruleNamespace(rule)));
+    const QString file = QStringLiteral("%1/%{REQUEST_SCHEME}/%{SERVER_NAME}%{REQUEST_URI}.vesk.html")
+                             .arg(QString::fromLatin1(VHTMLCache::ruleNamespace(rule)));
+    const QString path = QString::fromLocal8Bit(dir) + QLatin1Char('/') + file;
+    const QString url = QLatin1String(ApacheMarker) + file;
     for (const Block& block : blocks) {
         QStringList conditions = {
             QStringLiteral("RewriteCond %{REQUEST_METHOD} ^(GET|HEAD)$"),
@@ -187,39 +205,57 @@ QString apacheRule(const CacheRule& rule, const QByteArray& dir)
         for (const CookieTest& test : block.cookies)
             conditions << apacheCookieTests(test);
         text += conditions.join(QLatin1Char('\n')) + QStringLiteral("\nRewriteCond %{HTTP:Accept-Encoding} gzip\n")
-                + QStringLiteral("RewriteCond %1.gz -f\nRewriteRule ^ %1.gz [L]\n").arg(file);
+                + QStringLiteral("RewriteCond %1.gz -f\nRewriteRule ^ %2.gz [L]\n").arg(path, url);
         text += conditions.join(QLatin1Char('\n'))
-                + QStringLiteral("\nRewriteCond %1 -f\nRewriteRule ^ %1 [L]\n").arg(file);
+                + QStringLiteral("\nRewriteCond %1 -f\nRewriteRule ^ %2 [L]\n").arg(path, url);
     }
     return text;
 }
 
 } // namespace
 
-QString apachePublishConfig(const QList<CacheRule>& rules, const QByteArray& publishDir)
+QString apacheRewriteConfig(const QList<CacheRule>& rules, const QByteArray& publishDir)
 {
     QString text = QStringLiteral(
         "# Published pages of the Vesk Page Cache, sent without PHP. Made by\n"
-        "# 'vesk-pagecache publish-config apache' for the rules in force: make it\n"
-        "# again when they change. Include it in the virtual host.\n"
+        "# 'vesk-pagecache publish-config apache-rules' for the rules in force:\n"
+        "# make it again when they change. Include it in the site's <Directory>\n"
+        "# (or copy it into its .htaccess): its rewrites run after the site's own\n"
+        "# access rules let the request through. 'publish-config apache' makes\n"
+        "# the server's part.\n"
         "RewriteEngine On\n");
     for (const CacheRule& rule : rules) {
         if (rule.d->publish && rule.d->enable)
             text += apacheRule(rule, publishDir);
     }
-    text += QStringLiteral("<Directory %1>\n"
-                           "    Require all granted\n"
-                           "    Options None\n"
-                           "    AllowOverride None\n"
-                           "    ForceType text/html\n"
-                           // ForceType lowercases the charset; the header as PHP sent it.
-                           "    Header set Content-Type \"%2\"\n"
-                           "    FileETag None\n"
-                           "    <FilesMatch \"\\.vesk\\.html\\.gz$\">\n"
-                           "        Header set Content-Encoding gzip\n"
-                           "        Header merge Vary Accept-Encoding\n"
-                           "    </FilesMatch>\n"
-                           "</Directory>\n")
-                .arg(QString::fromLocal8Bit(publishDir), QLatin1String(VPublishedPages::contentType()));
     return text;
+}
+
+QString apachePublishConfig(const QByteArray& publishDir)
+{
+    return QStringLiteral(
+               "# The server's part of the Vesk Page Cache's published pages, made by\n"
+               "# 'vesk-pagecache publish-config apache': include it in the virtual\n"
+               "# host. A file goes out only by a rewrite of 'publish-config\n"
+               "# apache-rules' in the site's directory, after its access rules; a\n"
+               "# request for the folder itself is refused.\n"
+               "Alias %3 %1/\n"
+               "<Directory %1>\n"
+               "    Require expr \"-n %{ENV:REDIRECT_STATUS}\"\n"
+               "    Options None\n"
+               "    AllowOverride None\n"
+               "    ForceType text/html\n"
+               // ForceType lowercases the charset; the header as PHP sent it.
+               "    Header set Content-Type \"%2\"\n"
+               "    FileETag None\n"
+               // mod_deflate (on for text/html in Debian) would compress the
+               // gzip copy once more: the files go out as they lie.
+               "    SetEnv no-gzip 1\n"
+               "    <FilesMatch \"\\.vesk\\.html\\.gz$\">\n"
+               "        Header set Content-Encoding gzip\n"
+               "    </FilesMatch>\n"
+               "    Header merge Vary Accept-Encoding\n"
+               "</Directory>\n")
+        .arg(QString::fromLocal8Bit(publishDir), QLatin1String(VPublishedPages::contentType()),
+             QLatin1String(ApacheMarker));
 }

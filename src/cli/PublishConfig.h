@@ -12,8 +12,11 @@
 // them; every other request goes on to PHP as before. Rules are tried in
 // the workers' order of trial; a URL has a file under one rule at most.
 
-// Lines to include in nginx's server block, ahead of its locations.
+// Lines to include inside each of the site's locations that run the pages'
+// PHP, after its access rules.
 QString nginxPublishConfig(const QList<CacheRule>& rules, const QByteArray& publishDir);
-// Lines to include in Apache's virtual host (mod_rewrite, mod_headers and
-// mod_alias loaded).
-QString apachePublishConfig(const QList<CacheRule>& rules, const QByteArray& publishDir);
+// Apache (mod_rewrite, mod_headers, mod_alias and mod_env loaded): the
+// rewrites, for the site's <Directory> or .htaccess, and the server's part,
+// for the virtual host.
+QString apacheRewriteConfig(const QList<CacheRule>& rules, const QByteArray& publishDir);
+QString apachePublishConfig(const QByteArray& publishDir);

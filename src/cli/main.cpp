@@ -25,7 +25,7 @@ const char* const Summary =
     "  remove WHAT            pattern PATTERN | uri RULE URI | rule NAME | ids ID... | all\n"
     "  check-rules [FILE]     validate a rules file and show its rules in order of trial\n"
     "  stats                  hits, misses and time saved per rule, live\n"
-    "  publish-config nginx|apache\n"
+    "  publish-config nginx|apache|apache-rules\n"
     "                         the web server's side of published pages\n\n"
     "Run 'vesk-pagecache COMMAND --help' for a command's options.";
 

@@ -1,9 +1,10 @@
 // The stored page's answer for a request: its key, conditional requests, the
-// purge and response rules, the copy the client gets; and the pieces that
-// send a stored page.
+// purge and response rules, the copy the client gets; the pieces that send
+// a stored page; and whether a page may be published.
 
 #include "RequestPath.h"
 
+#include "GlobalDirectives.h"
 #include "ModuleState.h"
 #include "PageCacheConfig.h"
 #include "RequestState.h"
@@ -43,6 +44,32 @@ void sendHeader(const QByteArray& line, bool replace)
 {
     VLOG(moduleState.logStream, 5) << "Sending header:" << line;
     vesk_add_header(line.constData(), size_t(line.size()), replace);
+}
+
+QByteArray engineContentType()
+{
+    const char* type = iniFromEngine("default_mimetype", strlen("default_mimetype"));
+    const char* charset = iniFromEngine("default_charset", strlen("default_charset"));
+    QByteArray contentType = type ? type : "";
+    if (charset && *charset && contentType.startsWith("text/"))
+        contentType += QByteArray("; charset=") + charset;
+    return contentType;
+}
+
+bool pagePublishable()
+{
+    if (!requestState.rule->d->publish || !VHTMLCache::published())
+        return false;
+    // Servers pass REMOTE_USER empty for a request without credentials.
+    for (const char* name : {"HTTP_AUTHORIZATION", "REMOTE_USER", "PHP_AUTH_USER"}) {
+        const VeskKey key{name, strlen(name)};
+        std::string value;
+        if (vesk_global_element_text("_SERVER", strlen("_SERVER"), &key, 1, &value) && !value.empty()) {
+            VLOG(moduleState.logStream, 3) << "Not publishing a page built for a request with credentials";
+            return false;
+        }
+    }
+    return true;
 }
 
 namespace {
@@ -294,6 +321,18 @@ bool rebuildsAfterResponse()
     return r.holdsPageLock && !r.waitingForSession && !vesk_output_compressing() && vesk_can_finish_response_early();
 }
 
+// A page whose files went (a restart, a change of the rules) is published
+// again at its next hit; any other hit pays one existence test, and only
+// under a rule that publishes.
+void republishIfMissing()
+{
+    const RequestState& r = requestState;
+    VPublishedPages* pages = VHTMLCache::published();
+    if (!r.rule->d->publish || !pages || pages->hasEntry(r.namespaceKey, r.matchKey) || !pagePublishable())
+        return;
+    VHTMLCache::instance()->republish(r.namespaceKey, r.matchKey, *r.rule->d, engineContentType());
+}
+
 } // namespace
 
 CacheAnswer lookUp(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
@@ -328,5 +367,8 @@ CacheAnswer lookUp(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
     lookup.compressedHit = readServedCopy(lookup.served, ruleId, ruleName);
     if (lookup.compressedHit < 0)
         return CacheAnswer::Empty;
-    return stillServable(lookup.served) ? CacheAnswer::Serve : CacheAnswer::Pass;
+    if (!stillServable(lookup.served))
+        return CacheAnswer::Pass;
+    republishIfMissing();
+    return CacheAnswer::Serve;
 }

@@ -83,13 +83,9 @@ PublishTarget publishTarget()
     PublishTarget target;
     target.url = r.url.whole();
     target.contentType = VHeaderLines::value(r.storedHeaders, "Content-Type");
-    if (target.contentType.isNull()) {
-        const char* type = iniFromEngine("default_mimetype", strlen("default_mimetype"));
-        const char* charset = iniFromEngine("default_charset", strlen("default_charset"));
-        target.contentType = type ? type : "";
-        if (charset && *charset && target.contentType.startsWith("text/"))
-            target.contentType += QByteArray("; charset=") + charset;
-    }
+    if (target.contentType.isNull())
+        target.contentType = engineContentType();
+    target.ruleDescription = VHTMLCache::publishDescription(*r.rule->d);
     const quint32 lifetime = r.rule->d->lifetime;
     target.expiresAt = lifetime == 0 ? 0 : qint64(time(nullptr)) + lifetime;
     return target;
@@ -124,7 +120,7 @@ void storeWhole(const char* output, size_t length, int responseCode)
     const bool compress = VHTMLCache::compressionWanted(qint64(length), r.compressionAllowed,
                                                         iniFromEngine("tidy.clean_output", strlen("tidy.clean_output")))
                           && !vesk_output_compressing();
-    const bool publish = r.rule->d->publish && VHTMLCache::published();
+    const bool publish = pagePublishable();
     const PublishTarget target = publish ? publishTarget() : PublishTarget();
     if (!cache->storeOutput(r.namespaceKey, r.matchKey, r.url.whole(), output, qint64(length), responseCode,
                             r.storedHeaders, lifetime, compress, r.responseCompressed, publish ? &target : nullptr)) {

@@ -71,6 +71,13 @@ void sayPass(const char* reason = nullptr);
 // Keeps the first reason a covered request won't be stored for.
 void notePass(const char* reason);
 
+// Whether this request's page may be published: its rule publishes, there
+// is a publish directory, and the request carried no credentials (a page
+// built for them must not go out to whoever asks the web server).
+bool pagePublishable();
+// The Content-Type the engine sends for a page that sets none.
+QByteArray engineContentType();
+
 // Puts the capture's handler on top of the output stack.
 void startOutputCapture();
 void disableCaching();

@@ -44,6 +44,11 @@ def engine_settings(sapi, bare=False):
     return options, "/etc/php/8.2/%s/conf.d" % sapi
 
 
+def write(path, text):
+    with open(path, "w") as f:
+        f.write(text)
+
+
 def free_port():
     with socket.socket() as s:
         s.bind(("127.0.0.1", 0))
@@ -63,15 +68,13 @@ class Workspace:
     def use_rules(self, text):
         """Puts `text` in place as the rules file, with the schema beside it."""
         shutil.copy(os.path.join(SOURCE_ROOT, "conf", "pagecache_rules_schema.xsd"), self.path("conf"))
-        with open(self.path("conf", "pagecache_rules.xml"), "w") as f:
-            f.write(text)
+        write(self.path("conf", "pagecache_rules.xml"), text)
 
-    def change_rules(self, text=None, seconds=60):
-        """Puts `text` in place (when given) with a date `seconds` later, so
-        that every worker reloads the rules at its next request."""
+    def change_rules(self, text=None):
+        """`text` (when given) as the rules, dated later: every worker reloads them at its next request."""
         if text is not None:
             self.use_rules(text)
-        later = time.time() + seconds
+        later = time.time() + 60
         os.utime(self.path("conf", "pagecache_rules.xml"), (later, later))
 
     def path(self, *parts):
@@ -126,8 +129,7 @@ def runs(site, page="page.php"):
 def run_tool(workspace, directives, *args):
     """The operators' tool over `directives`, written to an ini file of the workspace."""
     ini = workspace.path("tool.ini")
-    with open(ini, "w") as f:
-        f.write("[PHP]\n" + "".join('%s = "%s"\n' % item for item in directives.items()))
+    write(ini, "[PHP]\n" + "".join('%s = "%s"\n' % item for item in directives.items()))
     return subprocess.run([TOOL, "--ini", ini] + list(args), capture_output=True, text=True, timeout=600,
                           env=dict(os.environ, PHP_INI_SCAN_DIR=""))
 
@@ -377,23 +379,23 @@ class FpmBehindNginx:
         return os.access(cls.FPM, os.X_OK) and os.access(cls.NGINX, os.X_OK)
 
     def __init__(self, workspace, docroot, directives, daemonize=False, bare=False, workers=2,
-                 extension=EXTENSION, scan_dir=None, user=None, env=None, server_config=""):
+                 extension=EXTENSION, scan_dir=None, user=None, env=None, server_config="", pool=""):
         """With `daemonize`, php-fpm forks its master and the first process
         exits; `master` is the pid of the process that serves either way.
         `extension` None loads none on the command line (an installed one
         comes through `scan_dir`, PHP_INI_SCAN_DIR's value); `user` runs the
         pool as that user, as a system's php-fpm does; `env` adds variables
         to the workers' environment; `server_config` goes into nginx's
-        server block ahead of its locations."""
+        server block ahead of its locations, `pool` at the pool's end."""
         self.port = free_port()
         self.socket_path = socket_path = workspace.path("fpm.sock")
         self.daemonize = daemonize
         with open(workspace.path("fpm.conf"), "w") as f:
             f.write("[global]\npid = %s\nerror_log = %s\ndaemonize = %s\n\n[www]\n"
                     "listen = %s\nlisten.mode = 0666\npm = static\npm.max_children = %d\n"
-                    "clear_env = no\ncatch_workers_output = yes\n"
+                    "clear_env = no\ncatch_workers_output = yes\n%s\n"
                     % (workspace.path("fpm.pid"), workspace.path("fpm.log"), "yes" if daemonize else "no",
-                       socket_path, workers))
+                       socket_path, workers, pool))
             if user:
                 f.write("user = %s\ngroup = %s\n" % (user, user))
             elif os.geteuid() == 0:
@@ -534,8 +536,7 @@ class ApacheWithPhp:
             lines += ["User nobody", "Group nogroup"]
         if server_config:
             lines.append(server_config)
-        with open(workspace.path("apache.conf"), "w") as f:
-            f.write("\n".join(lines) + "\n")
+        write(workspace.path("apache.conf"), "\n".join(lines) + "\n")
         self.output = open(workspace.path("apache.out"), "wb")
         env = php_environment("apache2", bare)
         env["PHP_INI_SCAN_DIR"] = ":".join(filter(None, [env["PHP_INI_SCAN_DIR"], ext_dir]))
@@ -560,6 +561,15 @@ def url_rule(path, name="Pages", splits=("_SERVER[REQUEST_URI]",), conditions=()
     if splits:
         body += "<split_by>%s</split_by>" % "".join('<split_condition global="%s"/>' % value for value in splits)
     return '<url schema="http" host="&lt;default-server&gt;" path="%s"%s>%s</url>' % (path, extra, body)
+
+
+def removals(rule, name, rule_id, uri=None):
+    """Each removal function, with what covers the pages of rule `(rule)\\.php` named `name`, of id `rule_id`."""
+    return [("page_cache_remove_cached_contents", "http://<default-server>/(%s)\\.php" % rule),
+            ("page_cache_remove_cached_contents_by_uri", name, uri or "/%s.php" % rule),
+            ("page_cache_remove_cached_contents_by_rule", name),
+            ("page_cache_remove_cached_contents_by_rules_ids", [rule_id]),
+            ("page_cache_remove_all_cached_contents",)]
 
 
 def rules_file(*rules):

@@ -50,12 +50,10 @@ class Tool(harness.Case):
         Answers the command's start and its environment."""
         items = sorted(self.directives.items())
         ini = self.workspace.path("cli-php.ini")
-        with open(ini, "w") as f:
-            f.write("[PHP]\n" + ini_text(dict(items[::2])))
+        harness.write(ini, "[PHP]\n" + ini_text(dict(items[::2])))
         scan = self.workspace.path("cli-conf.d")
         os.makedirs(scan, exist_ok=True)
-        with open(os.path.join(scan, "50-vesk.ini"), "w") as f:
-            f.write(ini_text(dict(items[1::2])))
+        harness.write(os.path.join(scan, "50-vesk.ini"), ini_text(dict(items[1::2])))
         return [harness.TOOL, "--ini", ini], dict(os.environ, PHP_INI_SCAN_DIR=scan)
 
     def tool(self, *args):
@@ -81,8 +79,7 @@ class Tool(harness.Case):
         self.start_server()
         for path in ("/page.php?a=1", "/page.php?a=2"):
             self.assertServedFromStore(path, self.page(path))
-        with open(os.path.join(self.site, "size.txt"), "w") as f:
-            f.write("5000")
+        harness.write(os.path.join(self.site, "size.txt"), "5000")
         sized = self.page("/sized.php")
         self.assertEqual(sized, self.page("/sized.php"))
 
@@ -157,8 +154,7 @@ class Tool(harness.Case):
         self.assertIn("warning: Rule Pages ( http://<default-server>/(?:page)\\.php ) shares its pages across hosts",
                       checked)
         broken = self.workspace.path("conf", "broken.xml")
-        with open(broken, "w") as f:
-            f.write(RULES.replace('match_type="regex_match"', 'match_type="fuzzy"'))
+        harness.write(broken, RULES.replace('match_type="regex_match"', 'match_type="fuzzy"'))
         result = self.tool("check-rules", broken)
         self.assertEqual(1, result.returncode)
         self.assertEqual(1, len(result.stderr.splitlines()), result.stderr)
@@ -183,7 +179,6 @@ class Tool(harness.Case):
         self.assertRegex(out, r"7 +-1 +Pages +2 +1 +1 +50\.0% +\d+")
 
     def as_nobody(self):
-        """The workers' user is nobody, with the directories it needs opened up."""
         self.directives.update({"vesk.httpd_uid": "65534", "vesk.httpd_gid": "65534"})
         for name in ("", "log", "tmp", "conf"):
             os.chmod(self.workspace.path(name), 0o777 if name in ("log", "tmp") else 0o755)

@@ -16,13 +16,7 @@ REACH = 1.0
 # The most a request waits on Redis (TKDTaskInserter::TimeoutMs), in seconds.
 QUEUE_LIMIT = 0.1
 
-REMOVALS = [
-    ("page_cache_remove_cached_contents", "http://<default-server>/(page)\\.php"),
-    ("page_cache_remove_cached_contents_by_uri", "Pages", "/page.php"),
-    ("page_cache_remove_cached_contents_by_rule", "Pages"),
-    ("page_cache_remove_cached_contents_by_rules_ids", [7]),
-    ("page_cache_remove_all_cached_contents",),
-]
+REMOVALS = harness.removals("page", "Pages", 7)
 
 
 class Node:
@@ -202,8 +196,7 @@ class Farm(FarmCase):
 
     def test_two_nodes_with_one_id_are_logged_on_both(self):
         for node in (self.nodes[0], Node(self, 1, self.redis.url)):
-            self.wait_until(lambda: "Cluster agent: node id 1 is used by another node too" in node.workspace.log(),
-                            10, "two nodes with one id went unnoticed")
+            self.wait_until(lambda: "node id 1 is used by another node too" in node.workspace.log(), 10, "not logged")
 
     def test_a_node_that_was_down_catches_up(self):
         first, second, _ = self.nodes

@@ -198,7 +198,7 @@ class MediaWikiRecipe(RecipeCase):
         pages = {"Page_%d" % i: "Text of page %d, see [[Page_%d]]. [[Category:Test]]" % (i, i % 3 + 1)
                  for i in range(1, 4)}
         pages["Category:Test"] = "The pages of the test."
-        removal = "require_once '%s';" % os.path.join(RECIPES, "mediawiki-vesk-pagecache.php")
+        removal = "if (is_readable('{0}')) {{ require_once '{0}'; }}".format(RECIPES + "/mediawiki-vesk-pagecache.php")
         site = webapps.MediaWiki(cls.workspace.root, cls.host, pages, settings=removal)
         cls.password = site.password
         cls.start(webapps.MEDIAWIKI_ROOT, env=site.environment)

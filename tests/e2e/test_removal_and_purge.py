@@ -13,18 +13,6 @@ RULES = harness.rules_file(harness.url_rule("(page)\\.php", id="7"),
                            harness.url_rule("(sized)\\.php", "Pagès", id="8"))
 
 
-def removals(rule, name, rule_id):
-    """Each removal function, with the arguments that cover `rule`'s pages."""
-    return [
-        # A plain group stands for the rule's non-capturing one.
-        ("page_cache_remove_cached_contents", "http://<default-server>/(%s)\\.php" % rule),
-        ("page_cache_remove_cached_contents_by_uri", name, "/%s.php" % rule),
-        ("page_cache_remove_cached_contents_by_rule", name),
-        ("page_cache_remove_cached_contents_by_rules_ids", [rule_id]),
-        ("page_cache_remove_all_cached_contents",),
-    ]
-
-
 class Removal(harness.Case):
     def setUp(self):
         self.use_site(RULES)
@@ -46,7 +34,7 @@ class Removal(harness.Case):
 
     def test_each_removal_makes_the_next_request_a_miss(self):
         self.start()
-        for removal in removals("page", "Pages", 7):
+        for removal in harness.removals("page", "Pages", 7):
             with self.subTest(removal[0]):
                 self.assertStoredThenServed()
                 self.assertIs(True, self.call(self.port, *removal))
@@ -61,8 +49,7 @@ class Removal(harness.Case):
         self.assertEqual(runs, self.runs())
 
     def sized(self, size):
-        with open(os.path.join(self.site, "size.txt"), "w") as f:
-            f.write(str(size))
+        harness.write(os.path.join(self.site, "size.txt"), str(size))
         status, headers, body = self.server.get("/sized.php", {"Accept-Encoding": "gzip"})
         self.assertEqual(200, status)
         return gzip.decompress(body) if headers.get("Content-Encoding") == "gzip" else body
@@ -74,7 +61,7 @@ class Removal(harness.Case):
         os.environ["LC_ALL"] = "C"
         self.addCleanup(lambda: os.environ.pop("LC_ALL") if locale is None else os.environ.update(LC_ALL=locale))
         self.start()
-        for removal in removals("sized", "Pagès", 8):
+        for removal in harness.removals("sized", "Pagès", 8):
             with self.subTest(removal[0]):
                 old = self.sized(2000)
                 self.assertEqual(old, self.sized(2000))

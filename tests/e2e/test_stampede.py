@@ -48,8 +48,7 @@ def whole(body):
 class Stampede(harness.Case):
     def start(self, rules=RULES, **directives):
         self.use_site(rules)
-        with open(os.path.join(self.site, "slow.php"), "w") as f:
-            f.write(SLOW)
+        harness.write(os.path.join(self.site, "slow.php"), SLOW)
         # The statistics tell of the stale hits and of the waits.
         socket = "unix:" + self.workspace.path("run", "statsd.sock")
         self.listener = harness.StatsListener(socket)

@@ -27,8 +27,7 @@ class Verdict(harness.Case):
             with self.subTest(server=kind):
                 self.use_site(RULES)
                 for name, text in PAGES.items():
-                    with open(os.path.join(self.site, name), "w") as f:
-                        f.write(text)
+                    harness.write(os.path.join(self.site, name), text)
                 port = self.serve(kind, self.directives(vesk_pagecache__enable_qa_info="1")).port
                 for page in ("/page.php?size=2000", "/shutdown.php"):
                     self.assertEqual("miss", self.verdict(port, page))

@@ -234,10 +234,9 @@ void reloadRules(bool isStartup)
                      pageCacheConfig.max_cached_rules, isStartup, isStartup)) {
         VLOG(log, 0) << cache->lastError();
     }
-    // What was published under the rules before may not be what these
-    // rules publish, nor where the web server's configuration looks now:
-    // pages are published afresh as they are stored again.
-    VHTMLCache::unpublishAll();
+    // What was published under rules that changed may not be what these
+    // rules publish: those pages are published afresh at their next hit.
+    cache->unpublishChangedRules();
 }
 
 void failureEscaped(const char* where, const char* what, bool startup)

@@ -231,9 +231,9 @@ include /etc/passwd;</name></url>
     EXPECT_TRUE(nginx.contains("    if ($http_cookie !~ \"(^|;)\\s*seen=\") { set $vesk_block \"\"; }\n"));
     EXPECT_FALSE(nginx.contains("never"));
     EXPECT_EQ(3, nginx.count("if ($vesk_block) { set $vesk_rule 1; }")); // two of A, one of B
-    EXPECT_TRUE(nginx.contains("    set $vesk_file \"/" + ns + "/$scheme/$host${uri}.vesk.html\";\n"
-                               "    if (!-f \"/srv/pub$vesk_file\") { set $vesk_rule \"\"; }\n"));
-    EXPECT_TRUE(nginx.contains("        alias /srv/pub/;\n"));
+    EXPECT_TRUE(nginx.contains("    set $vesk_file \"/" + ns + "/$scheme/$host${uri}\";\n"
+                               "    if (!-f \"/srv/pub${vesk_file}.vesk.html\") { set $vesk_rule \"\"; }\n"));
+    EXPECT_TRUE(nginx.contains("        alias /srv/pub/$1.vesk.html;\n"));
     EXPECT_TRUE(nginx.contains("        default_type \"text/html; charset=UTF-8\";\n"));
     // In the workers' order of trial; the rule that doesn't publish is absent.
     EXPECT_LT(nginx.indexOf("# Rule \"A\""), nginx.indexOf("# Rule \"B include /etc/passwd;\""));
@@ -241,13 +241,13 @@ include /etc/passwd;</name></url>
     EXPECT_FALSE(nginx.contains("\ninclude"));
     EXPECT_FALSE(nginx.contains("# Rule \"C\""));
 
-    const QString apache = apachePublishConfig(rules.rules(), "/srv/pub");
+    const QString apache = apacheRewriteConfig(rules.rules(), "/srv/pub");
     EXPECT_TRUE(apache.contains("RewriteCond %{HTTP_COOKIE} !(^|;)\\s*user=\n"));
     EXPECT_TRUE(apache.contains("RewriteCond %{HTTP_COOKIE} (?:^|;)\\s*lang=([^;]*)\nRewriteCond %1 ^en\\.gb$\n"));
     EXPECT_FALSE(apache.contains("never"));
     // Two blocks that can hold, a gzip and a clear rewrite each, and B's two.
-    EXPECT_EQ(6, apache.count("RewriteRule ^ /srv/pub/"));
-    EXPECT_TRUE(apache.contains("RewriteRule ^ /srv/pub/" + ns
+    EXPECT_EQ(6, apache.count("RewriteRule ^ /vesk-published/"));
+    EXPECT_TRUE(apache.contains("-f\nRewriteRule ^ /vesk-published/" + ns
                                 + "/%{REQUEST_SCHEME}/%{SERVER_NAME}%{REQUEST_URI}.vesk.html.gz [L]\n"));
     EXPECT_FALSE(apache.contains("# Rule \"C\""));
 }

@@ -118,6 +118,11 @@ const char* vesk_sapi_getenv(const char* name)
     return it == host().serverVariables.end() ? nullptr : it->second.c_str();
 }
 
+bool vesk_global_element_text(const char*, size_t, const VeskKey*, size_t, std::string*)
+{
+    return false;
+}
+
 const char* vesk_request_query_string()
 {
     return host().hasQueryString ? host().queryString.c_str() : nullptr;
