@@ -28,16 +28,6 @@ quint64 VCleanerWatch::identity(pid_t pid)
     return (VProcess::startTime(pid) << 22) | (quint64(pid) & PidMask);
 }
 
-void VCleanerWatch::setCleaner(pid_t pid)
-{
-    m_cleaner = identity(pid);
-}
-
-pid_t VCleanerWatch::cleaner() const
-{
-    return pidOf(m_cleaner);
-}
-
 pid_t VCleanerWatch::master() const
 {
     return pidOf(m_master);
@@ -48,8 +38,7 @@ void VCleanerWatch::handOver(pid_t newMaster)
     m_master = identity(newMaster);
 }
 
-bool VCleanerWatch::running(const std::atomic<quint64>& who)
+bool VCleanerWatch::running(quint64 id)
 {
-    const quint64 id = who;
     return pidOf(id) > 0 && VProcess::running(pidOf(id), id >> 22);
 }

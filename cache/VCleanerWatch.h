@@ -11,6 +11,9 @@
 // and the cleaner itself. The cleaner ends when its master ends. A master
 // that daemonizes, forking the process that goes on as master and then
 // exiting, hands the cleaner over to that process first.
+// Workers can write the page: it names the master for the cleaner's sake
+// only. The master keeps the cleaner's identity in its own memory (see
+// identity()), and signals nothing the page names.
 class VCleanerWatch
 {
 public:
@@ -19,26 +22,24 @@ public:
     // Unmaps the page in this process; others keep theirs.
     void release();
 
-    void setCleaner(pid_t pid);
-    pid_t cleaner() const;
     pid_t master() const;
     bool isMaster() const { return master() == getpid(); }
     void handOver(pid_t newMaster);
 
-    // Both answer from /proc alone, so the cleaner's signal handler may ask.
+    // Answers from /proc alone, so the cleaner's signal handler may ask.
     bool masterRunning() const { return running(m_master); }
-    bool cleanerRunning() const { return running(m_cleaner); }
+
+    // A pid and its start time in one word, so that a reader never sees the
+    // pid of one process with the start time of another, and a pid taken
+    // over by a later process is not taken for the one it named. Pids are
+    // below 2^22 on Linux.
+    static quint64 identity(pid_t pid);
+    static bool running(quint64 identity);
+    static pid_t pidOf(quint64 identity) { return pid_t(identity & PidMask); }
 
 private:
     VCleanerWatch() = default;
-    // A pid and its start time in one word, so that a reader never sees the
-    // pid of one process with the start time of another. Pids are below
-    // 2^22 on Linux.
-    static quint64 identity(pid_t pid);
-    static bool running(const std::atomic<quint64>& who);
-    static pid_t pidOf(quint64 identity) { return pid_t(identity & PidMask); }
     static const quint64 PidMask = (1u << 22) - 1;
 
     std::atomic<quint64> m_master{0};
-    std::atomic<quint64> m_cleaner{0};
 };

@@ -8,6 +8,7 @@
 #include "VCacheCleaner.h"
 #include "VCleanerWatch.h"
 #include "VClusterAgent.h"
+#include "VPrivilegesDropper.h"
 #include "VProcess.h"
 #include "VException.h"
 #include "VPHPGlobalsEvaluator.h"
@@ -31,7 +32,10 @@
 namespace {
 
 VHTMLCache* s_instance = nullptr;
-pid_t cleanerPid = -1;
+// The cleaner this process forked, or inherited from the process that did:
+// pid and start time, in this process's own memory, the one source of what
+// the master signals.
+quint64 cleanerIdentity = 0;
 pid_t cleanerLauncherPid = -1;
 bool waitForCleaner = false;
 bool handOverCleaner = false;
@@ -223,16 +227,15 @@ void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& prod
         return;
     // One cleaner per master: a process whose master runs one already (a
     // second start-up, a forked worker) starts none.
-    if (cleanerWatch && cleanerWatch->cleanerRunning()) {
-        VLOG(log, 3) << "Cache cleaner already running at pid" << qint64(cleanerWatch->cleaner());
+    if (cleanerWatch && VCleanerWatch::running(cleanerIdentity)) {
+        VLOG(log, 3) << "Cache cleaner already running at pid" << qint64(VCleanerWatch::pidOf(cleanerIdentity));
         return;
     }
     VCleanerWatch* watch = VCleanerWatch::create();
     const pid_t pid = watch ? fork() : -1;
     if (pid > 0) {
-        cleanerPid = pid;
+        cleanerIdentity = VCleanerWatch::identity(pid);
         cleanerLauncherPid = getpid();
-        watch->setCleaner(pid);
         cleanerWatch = watch;
         return;
     }
@@ -241,6 +244,13 @@ void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& prod
         if (watch)
             watch->release();
         return;
+    }
+    // The cleaner reads what the workers and the farm write: it keeps
+    // nothing of root, and goes on as the user the store belongs to (the
+    // one start-up took on) or not at all.
+    if (!VPrivilegesDropper::dropForGood(geteuid(), getegid())) {
+        VLOG(log, 0) << "Cache cleaner could not give up root's privileges:" << strerror(errno);
+        _exit(1);
     }
     signal(SIGHUP, VCacheCleaner::stopBySignal);
     signal(SIGTERM, VCacheCleaner::stopBySignal);
@@ -286,12 +296,12 @@ void stopCleaner()
     // Workers inherit the watch, and are never its master.
     if (!cleanerWatch || !cleanerWatch->isMaster())
         return;
-    const pid_t cleaner = cleanerWatch->cleaner();
+    const pid_t cleaner = VCleanerWatch::pidOf(cleanerIdentity);
     const pid_t heir = handOverCleaner && getpid() == cleanerLauncherPid ? daemonHeir(cleaner) : -1;
     if (heir > 0) {
         VLOG(log, 3) << "Cache cleaner at pid" << qint64(cleaner) << "stays with the master at pid" << qint64(heir);
         cleanerWatch->handOver(heir);
-    } else if (cleanerWatch->cleanerRunning()) {
+    } else if (cleaner > 0 && VCleanerWatch::running(cleanerIdentity)) {
         VLOG(log, 5) << "Sending SIGTERM to cache cleaner at pid" << qint64(cleaner);
         kill(cleaner, SIGTERM);
         if (waitForCleaner) {
@@ -301,12 +311,13 @@ void stopCleaner()
             } while (result < 0 && errno == EINTR);
             // A master that took the cleaner over isn't its parent: it
             // watches it go, for ten seconds at most.
-            for (int wait = 0; result < 0 && wait < 1000 && cleanerWatch->cleanerRunning(); ++wait)
+            for (int wait = 0; result < 0 && wait < 1000 && VCleanerWatch::running(cleanerIdentity); ++wait)
                 usleep(10000);
         }
     }
     cleanerWatch->release();
     cleanerWatch = nullptr;
+    cleanerIdentity = 0;
     cleanerLauncherPid = -1;
 }
 

@@ -1,5 +1,6 @@
 #include "VPublishedPages.h"
 
+#include "VFileMode.h"
 #include "VHeaderLines.h"
 
 #include <QDir>
@@ -174,14 +175,16 @@ QByteArray VPublishedPages::fileFor(const QByteArray& ns, const QByteArray& url,
         *why = "a query string";
         return QByteArray();
     }
+    // The port stays: the store keeps the pages of each port apart, and so
+    // does the web server's look-up ($host:$server_port, SERVER_NAME:SERVER_PORT).
     QByteArray host = url.mid(schemeEnd + 3, pathStart - schemeEnd - 3).toLower();
+    if (!host.contains(':'))
+        host += scheme == "https" ? ":443" : ":80";
     const int colon = host.lastIndexOf(':');
-    bool numericPort = true;
-    if (colon >= 0)
+    bool numericPort = colon > 0;
+    if (colon > 0)
         host.mid(colon + 1).toUShort(&numericPort);
-    if (colon >= 0 && numericPort)
-        host.truncate(colon);
-    if (!plainHost(host)) {
+    if (!numericPort || !plainHost(host.left(colon))) {
         *why = "a host that isn't a plain host name";
         return QByteArray();
     }
@@ -249,9 +252,10 @@ bool VPublishedPages::writeFile(const QByteArray& path, const QByteArray& data, 
     for (int attempt = 0; attempt < 2; ++attempt) {
         QDir().mkpath(QFile::decodeName(dir));
         const QByteArray temp = dir + '/' + uniqueName(".tmp-");
-        const int fd = open(temp.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        const int fd = open(temp.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, VFileMode::files());
         if (fd < 0 && errno == ENOENT)
             continue;
+        VFileMode::apply(fd);
         bool written = fd >= 0;
         for (qint64 done = 0; written && done < data.size();) {
             const ssize_t n = write(fd, data.constData() + done, size_t(data.size() - done));

@@ -25,8 +25,8 @@ struct PublishTarget
 // Stored pages mirrored as static files that the web server sends without
 // PHP, under the publish directory:
 //
-//   <dir>/<namespace>/<scheme>/<host><path>.vesk.html    the clear copy
-//   <dir>/<namespace>/<scheme>/<host><path>.vesk.html.gz the gzip copy
+//   <dir>/<namespace>/<scheme>/<host>:<port><path>.vesk.html    the clear copy
+//   <dir>/<namespace>/<scheme>/<host>:<port><path>.vesk.html.gz the gzip copy
 //   <dir>/.index/<namespace>/<key>                       which files a record has
 //   <dir>/.index/<namespace>/.rule                       what the rule was
 //   <dir>/.vesk-published                                the folder is the cache's

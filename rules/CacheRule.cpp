@@ -15,19 +15,26 @@ bool ConditionsBlock::holds() const
 
 namespace {
 
+bool readsServerVariable(const VPHPGlobal* global, const char* name)
+{
+    const auto* element = dynamic_cast<const VPHPGlobalElement*>(global);
+    return element && element->type() == PHP_SERVER && element->key().keys == QList<QByteArray>{name};
+}
+
 // Joins the split values; `withNul` receives the name of the first value
 // that holds a NUL byte. A value goes in as it is when nothing can mistake
 // where it ends: it has no NUL byte, and the first place where the next
 // name occurs behind its start is right after it. Any other value goes in
 // behind a NUL byte, which no value put in as it is holds, with its length.
-QByteArray joinSplitValues(const ConditionsBlock& block, QByteArray* withNul)
+QByteArray joinSplitValues(const ConditionsBlock& block, QByteArray* withNul, const QByteArray& site)
 {
     QByteArray key;
     const int count = block.conditions.size();
     if (count > 0)
         key += block.conditions.first()->global->name();
     for (int i = 0; i < count; ++i) {
-        const QByteArray value = block.conditions.at(i)->global->value();
+        const VPHPGlobal* global = block.conditions.at(i)->global;
+        const QByteArray value = site.isEmpty() || !readsServerVariable(global, "HTTP_HOST") ? global->value() : site;
         const QByteArray next = i + 1 < count ? block.conditions.at(i + 1)->global->name() : QByteArray();
         const bool hasNul = value.contains('\0');
         if (hasNul && withNul && withNul->isNull())
@@ -51,10 +58,10 @@ QByteArray joinSplitValues(const ConditionsBlock& block, QByteArray* withNul)
 
 QByteArray splitKey(const ConditionsBlock& block)
 {
-    return joinSplitValues(block, nullptr);
+    return joinSplitValues(block, nullptr, QByteArray());
 }
 
-bool faithfulSplitKey(const ConditionsBlock& block, const QByteArray& url, QByteArray& key)
+bool faithfulSplitKey(const ConditionsBlock& block, const QByteArray& url, QByteArray& key, const QByteArray& site)
 {
     if (url.contains('\0')) {
         VLOG(PageCacheLogStream, 3) << "Not using the cache: the URL holds a NUL byte";
@@ -62,12 +69,26 @@ bool faithfulSplitKey(const ConditionsBlock& block, const QByteArray& url, QByte
         return false;
     }
     QByteArray withNul;
-    key = joinSplitValues(block, &withNul);
+    key = joinSplitValues(block, &withNul, site);
     if (withNul.isNull())
         return true;
     VLOG(PageCacheLogStream, 3) << "Not using the cache: a split value of" << withNul << "holds a NUL byte";
     key.clear();
     return false;
+}
+
+QByteArray requestSite(const QByteArray& httpHost, const QByteArray& serverPort, bool https, bool* portConflict)
+{
+    // An IPv6 address in brackets holds colons of its own.
+    const int bracket = httpHost.startsWith('[') ? httpHost.indexOf(']') : -1;
+    const int colon = httpHost.indexOf(':', qMax(bracket, 0));
+    const QByteArray host = (colon < 0 ? httpHost : httpHost.left(colon)).toLower();
+    QByteArray named = colon < 0 ? QByteArray() : httpHost.mid(colon + 1);
+    if (named == (https ? "443" : "80"))
+        named.clear();
+    *portConflict = !named.isEmpty() && !serverPort.isEmpty() && named != serverPort;
+    const QByteArray port = serverPort.isEmpty() ? named : serverPort;
+    return port.isEmpty() ? host : host + ':' + port;
 }
 
 CacheRule::CacheRule() : d(new CacheRuleData), regex(QString())
@@ -94,6 +115,31 @@ bool CacheRule::conditionsHoldWithoutSession() const
             return true;
     }
     return false;
+}
+
+QByteArray CacheRule::unaccountedCookie(const QList<QByteArray>& names, const QByteArray& sessionName) const
+{
+    if (d->storeAnyCookie || d->readsAllCookies)
+        return QByteArray();
+    const bool readsSession = d->conditionsNeedSession || d->splitNeedsSession;
+    for (const QByteArray& name : names) {
+        if (d->readCookies.contains(name) || (readsSession && name == sessionName))
+            continue;
+        bool ignored = false;
+        for (const QByteArray& pattern : d->ignoredCookies) {
+            if (pattern.endsWith('*'))
+                ignored = name.startsWith(pattern.left(pattern.size() - 1));
+            else if (pattern.startsWith('*'))
+                ignored = name.endsWith(pattern.mid(1));
+            else
+                ignored = name == pattern;
+            if (ignored)
+                break;
+        }
+        if (!ignored)
+            return name;
+    }
+    return QByteArray();
 }
 
 CacheRule CacheRule::dontCacheRule()

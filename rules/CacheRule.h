@@ -5,6 +5,7 @@
 
 #include <QList>
 #include <QRegExp>
+#include <QSet>
 #include <QSharedData>
 #include <QSharedDataPointer>
 #include <QSharedPointer>
@@ -30,8 +31,18 @@ public:
 QByteArray splitKey(const ConditionsBlock& block);
 // The same for a request, false when a split value or `url` holds a NUL
 // byte: conditions and matching read text only up to it, so such a request
-// is neither served from the store nor stored. Says why at level 3.
-bool faithfulSplitKey(const ConditionsBlock& block, const QByteArray& url, QByteArray& key);
+// is neither served from the store nor stored. Says why at level 3. A split
+// by _SERVER[HTTP_HOST] takes `site` (see requestSite) for its value when
+// one is given: the site the server answered for, not the header as sent.
+bool faithfulSplitKey(const ConditionsBlock& block, const QByteArray& url, QByteArray& key,
+                      const QByteArray& site = QByteArray());
+// The site a request is for: the host of `httpHost` in lower case, ":" and
+// the port the server answered on (`serverPort`, else the one the host
+// names). `portConflict` says whether the host names a port other than the
+// server's and the scheme's own: the client chose it, and a page built for
+// it is nobody else's. The scheme's own port is the one a host without a
+// port stands for, as a balancer in front may name it.
+QByteArray requestSite(const QByteArray& httpHost, const QByteArray& serverPort, bool https, bool* portConflict);
 
 class CacheRuleData : public QSharedData
 {
@@ -64,6 +75,18 @@ public:
     // them (see publishRefusal).
     bool publish = false;
     qint32 appId = -1;
+    // A page built for a request with credentials (HTTP authentication)
+    // is stored only when the rule says so.
+    bool storeCredentials = false;
+    // Off, a page is stored whatever cookies its request carried.
+    bool storeAnyCookie = false;
+    // The cookies the conditions and the split read; a split by the whole
+    // cookie list reads them all.
+    QSet<QByteArray> readCookies;
+    bool readsAllCookies = false;
+    // Cookies the rule says don't change its pages: names, prefixes ending
+    // in "*" or suffixes beginning with it.
+    QList<QByteArray> ignoredCookies;
 };
 
 // One rule of the rules file, as a value. Copies share their data until one
@@ -84,6 +107,13 @@ public:
     // The same, passing over blocks that read the session, which doesn't
     // exist yet when this is asked.
     bool conditionsHoldWithoutSession() const;
+    // The first of a request's cookies (`names`) that the rule doesn't
+    // account for: one its conditions and split don't read, that isn't the
+    // session's (`sessionName`, when the rule reads the session), and that
+    // the rule doesn't list as not changing its pages. Null when there is
+    // none: a page is stored only from a request whose cookies the rule
+    // accounts for, as any other cookie may have changed it.
+    QByteArray unaccountedCookie(const QList<QByteArray>& names, const QByteArray& sessionName) const;
     // A rule standing for a URL that must not be cached.
     static CacheRule dontCacheRule();
 

@@ -18,6 +18,30 @@ void rewriteGroups(QString& text)
     text.replace(QLatin1String("(?:?"), QLatin1String("(?"));
 }
 
+bool isOn(const QString& word)
+{
+    return word == QLatin1String("true") || word == QLatin1String("1");
+}
+
+// The same URL with the scheme's default port named if it names none, and
+// without it if it names it: a request reaches the rules in either form.
+QByteArray otherPortForm(const QByteArray& url)
+{
+    const int hostStart = url.indexOf("://");
+    if (hostStart < 0)
+        return QByteArray();
+    const QByteArray port = url.startsWith("https:") ? ":443" : ":80";
+    int hostEnd = url.indexOf('/', hostStart + 3);
+    if (hostEnd < 0)
+        hostEnd = url.size();
+    const QByteArray host = url.mid(hostStart + 3, hostEnd - hostStart - 3);
+    if (host.endsWith(port))
+        return url.left(hostEnd - port.size()) + url.mid(hostEnd);
+    if (host.contains(':'))
+        return QByteArray();
+    return url.left(hostEnd) + port + url.mid(hostEnd);
+}
+
 } // namespace
 
 QString RulesFileReader::attribute(QLatin1String name) const
@@ -61,8 +85,13 @@ void RulesFileReader::parse()
 void RulesFileReader::parseDontCache()
 {
     while (nextStartWithin(QLatin1String("dont_cache"))) {
-        if (name() == QLatin1String("url"))
-            blacklist.insert(attribute(QLatin1String("path")).toLocal8Bit());
+        if (name() != QLatin1String("url"))
+            continue;
+        const QByteArray url = attribute(QLatin1String("path")).toLocal8Bit();
+        blacklist.insert(url);
+        const QByteArray other = otherPortForm(url);
+        if (!other.isEmpty())
+            blacklist.insert(other);
     }
 }
 
@@ -109,8 +138,11 @@ void RulesFileReader::parseUrl()
     rule.id = ok ? qint64(qint32(id)) : 0;
     rule.d->compress = !isOff(attribute(QLatin1String("compress")));
     rule.d->enable = !isOff(attribute(QLatin1String("enable")));
-    const QString publish = attribute(QLatin1String("publish"));
-    rule.d->publish = publish == QLatin1String("true") || publish == QLatin1String("1");
+    rule.d->publish = isOn(attribute(QLatin1String("publish")));
+    rule.d->storeCredentials = isOn(attribute(QLatin1String("store_credentials")));
+    rule.d->storeAnyCookie = isOn(attribute(QLatin1String("store_any_cookie")));
+    for (const QString& cookie : attribute(QLatin1String("ignore_cookies")).split(QLatin1Char(' '), Qt::SkipEmptyParts))
+        rule.d->ignoredCookies.append(cookie.toUtf8());
     const QString appId = attribute(QLatin1String("app_id"));
     rule.d->appId = appId.isEmpty() ? -1 : appId.toInt();
     const QString priority = attribute(QLatin1String("priority"));
@@ -208,6 +240,7 @@ void RulesFileReader::parseCondition(const QByteArray& key, bool split)
     }
     if (session)
         block->hasSessionCondition = true;
+    noteCookiesRead(*data, *global, split);
     block->conditions.append(QSharedPointer<VCondition>(condition));
     if (session) {
         if (split)
@@ -215,6 +248,20 @@ void RulesFileReader::parseCondition(const QByteArray& key, bool split)
         else
             data->conditionsNeedSession = true;
     }
+}
+
+void RulesFileReader::noteCookiesRead(CacheRuleData& data, const VPHPGlobal& global, bool split)
+{
+    const auto* element = dynamic_cast<const VPHPGlobalElement*>(&global);
+    if (global.type() == PHP_COOKIE && element)
+        data.readCookies.insert(element->key().keys.first());
+    // A split by every cookie keeps each set of them apart; a condition on
+    // them all names none that the page may depend on.
+    const bool wholeList = (global.type() == PHP_COOKIE && !element)
+                           || (global.type() == PHP_SERVER && element
+                               && element->key().keys == QList<QByteArray>{"HTTP_COOKIE"});
+    if (split && wholeList)
+        data.readsAllCookies = true;
 }
 
 void RulesFileReader::parseResponseRule()

@@ -43,5 +43,7 @@ private:
     // pages the web server couldn't decide by itself.
     void checkPublish(CacheRule& rule);
     void parseCondition(const QByteArray& key, bool split);
+    // Which cookies a condition or split on `global` lets the page vary by.
+    static void noteCookiesRead(CacheRuleData& data, const VPHPGlobal& global, bool split);
     void parseResponseRule();
 };

@@ -40,6 +40,22 @@ bool splitsBy(const CacheRule& rule, const char* serverVariable)
     return false;
 }
 
+// Whether the rule covers "/" of any host a request may name, as the
+// matcher below tests a host and a path.
+bool coversEveryRoot(const CacheRule& rule)
+{
+    QByteArray host = rule.url.host();
+    const bool anyHost = host.contains("<default-server>");
+    if (rule.regex.pattern().isEmpty())
+        return anyHost && rule.url.path().isEmpty();
+    if (anyHost)
+        host = ".*";
+    const Qt::CaseSensitivity sensitivity = rule.regex.caseSensitivity();
+    QRegExp hostExpr(QString::fromLatin1(host.constData()), sensitivity);
+    QRegExp pathExpr(QString::fromLatin1(rule.url.path().constData()), sensitivity);
+    return hostExpr.indexIn(QStringLiteral("any-host.invalid")) == 0 && pathExpr.exactMatch(QString());
+}
+
 } // namespace
 
 void VRuleMatcher::warnAboutSharedPages() const
@@ -60,6 +76,9 @@ void VRuleMatcher::warnAboutSharedPages() const
         if (!splitsBy(rule, "HTTPS") && !splitsBy(rule, "REQUEST_SCHEME"))
             VLOG(log, 1) << "Rule" << rule.name << "(" << rule.url.toString() << ")"
                          << "shares its pages across http and https: add a split by _SERVER[HTTPS]";
+        if (coversEveryRoot(rule))
+            VLOG(log, 1) << "Rule" << rule.name << "(" << rule.url.toString() << ")"
+                         << "covers / of every host: give it the host and path of its own application";
         if (pattern && !splitsBy(rule, "REQUEST_URI"))
             VLOG(log, 1) << "Rule" << rule.name << "(" << rule.url.toString() << ")"
                          << "shares its pages across paths: add a split by _SERVER[REQUEST_URI]";

@@ -25,6 +25,8 @@ public:
     // negative ones too, are remembered per URL. The rule stays valid for
     // the rest of the request.
     CacheRule* getOrderedMatchingRuleForUrl(const QByteArray& url);
+    // Whether <dont_cache> lists the URL.
+    bool isBlacklisted(const QByteArray& url) const { return blacklistInForce.contains(url); }
     // The patterns whose first match in `url` begins at its start.
     QList<QRegExp> matchingPatterns(const QByteArray& url) const;
 

@@ -1,5 +1,6 @@
 #include "VDebug.h"
 #include "VException.h"
+#include "VFileMode.h"
 
 #include <cerrno>
 #include <cstring>
@@ -40,9 +41,46 @@ void appendDefaultTimestamp(QByteArray& line)
     line.append(text, length);
 }
 
+// The log's directory is writable by the workers, and root processes open
+// the log too: a link planted there is never followed, and a pipe never
+// holds the opener up. A file made here gets the mode of the cache's files.
 int openForAppend(const char* path)
 {
-    return ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    const int flags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    int fd = ::open(path, flags | O_CREAT | O_EXCL, VFileMode::files());
+    if (fd >= 0)
+        VFileMode::apply(fd);
+    else if (errno == EEXIST)
+        fd = ::open(path, flags);
+    return fd;
+}
+
+// Control bytes of a logged value (a request's header, a split value) are
+// written as \xHH: no value can end a line or forge one, nor reach an
+// operator's terminal as an escape sequence. A string's final line feed is
+// the statement's own line break and stays.
+QByteArray escapedControlBytes(const QByteArray& text, bool keepFinalLineFeed)
+{
+    const int end = keepFinalLineFeed ? text.size() - 1 : text.size();
+    int i = 0;
+    while (i < end && uchar(text[i]) >= 0x20 && uchar(text[i]) != 0x7f)
+        ++i;
+    if (i == end)
+        return text;
+    QByteArray escaped = text.left(i);
+    static const char hex[] = "0123456789abcdef";
+    for (; i < end; ++i) {
+        const uchar c = uchar(text[i]);
+        if (c >= 0x20 && c != 0x7f) {
+            escaped += char(c);
+            continue;
+        }
+        const char code[] = {'\\', 'x', hex[c >> 4], hex[c & 15]};
+        escaped.append(code, 4);
+    }
+    if (keepFinalLineFeed)
+        escaped += '\n';
+    return escaped;
 }
 
 } // namespace
@@ -163,7 +201,7 @@ void VDebug::item(const QByteArray& text, bool endsInLineFeed)
         line += QByteArray::number(lineNumber).rightJustified(5, '0') + ": ";
         needLineNumber = false;
     }
-    line += text;
+    line += escapedControlBytes(text, endsInLineFeed);
     if (endsInLineFeed)
         needHeader = true;
     if (autoSpace)
@@ -244,20 +282,33 @@ void VDebug::Sink::write(const QByteArray& text)
     }
 }
 
+// A root process (a server's master, a command-line run) writes into the
+// workers' log through the descriptor it opened as their user, but never
+// rotates it: the fresh file would be root's, and the workers shut out.
+bool VDebug::Sink::mayRotate() const
+{
+    return rotationBytes > 0 && !path.isEmpty() && (geteuid() != 0 || owner == 0);
+}
+
 void VDebug::Sink::rotateIfDue(qint64 incoming)
 {
-    if (rotationBytes <= 0 || path.isEmpty())
+    if (!mayRotate())
         return;
     struct stat own;
     if (fstat(fd, &own) != 0 || own.st_size + incoming <= rotationBytes)
         return;
-    // Several workers append to one file: whoever holds the lock and still
-    // finds its descriptor on the live name does the renaming, the others
-    // only follow to the fresh file.
-    flock(fd, LOCK_EX);
+    // Workers share the master's descriptor, and with it any lock taken on
+    // it: the lock is a file of its own, opened afresh by each process.
+    // Whoever holds it and still finds its descriptor on the live name does
+    // the renaming, the others only follow to the fresh file.
+    const int lock = openForAppend((path + ".lock").constData());
+    if (lock < 0 || flock(lock, LOCK_EX) != 0) {
+        if (lock >= 0)
+            ::close(lock);
+        return;
+    }
     struct stat live;
-    if (::stat(path.constData(), &live) == 0 && live.st_ino == own.st_ino
-        && live.st_dev == own.st_dev) {
+    if (::lstat(path.constData(), &live) == 0 && live.st_ino == own.st_ino && live.st_dev == own.st_dev) {
         for (int i = RotatedFilesKept - 1; i >= 1; --i) {
             ::rename((path + '.' + QByteArray::number(i)).constData(),
                      (path + '.' + QByteArray::number(i + 1)).constData());
@@ -266,7 +317,7 @@ void VDebug::Sink::rotateIfDue(qint64 incoming)
     }
     const int old = fd;
     reopen();
-    flock(old, LOCK_UN);
+    ::close(lock);
     if (old != fd)
         ::close(old);
 }
@@ -301,6 +352,7 @@ VDebug::StreamId VDebug::registerStream(const QByteArray& name, const char* file
     sink->fd = fd;
     sink->ownsFd = true;
     sink->path = file;
+    sink->owner = geteuid();
     _sinkList[id] = sink;
     return id;
 }

@@ -5,6 +5,8 @@
 #include <QString>
 #include <QVector>
 
+#include <sys/types.h>
+
 // One log statement. Every statement has the same shape:
 //
 //     VLOG(stream, level) << "text" << value;
@@ -48,15 +50,18 @@ public:
         bool ownsFd = false;  // a file of ours, as opposed to stdout/stderr
         QByteArray path;      // empty for stdout/stderr
         qint64 rotationBytes = 0;
+        uid_t owner = 0;      // the effective user that opened the file
         QByteArray ring;      // recent text, when circularBuffer is set
 
         void write(const QByteArray& text);
         void rotateIfDue(qint64 incoming);
         bool reopen();
+        bool mayRotate() const;
     };
 
-    // Opens `file` for appending under the stream `name`. Throws VException
-    // when there is no file or it can't be opened. The caller keeps `file`.
+    // Opens `file` for appending under the stream `name`, never through a
+    // symbolic link. Throws VException when there is no file or it can't be
+    // opened. The caller keeps `file`.
     static StreamId registerStream(const QByteArray& name, const char* file);
     static void unregisterStream(StreamId id);
     // The descriptors of the files that streams write to: what a forked

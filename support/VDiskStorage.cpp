@@ -1,6 +1,7 @@
 #include "VDiskStorage.h"
 
 #include "VCrc32c.h"
+#include "VFileMode.h"
 
 #include <QCryptographicHash>
 #include <QDirIterator>
@@ -357,11 +358,13 @@ void VDiskStorageEnv::reached(WriteStep)
 bool VDiskStorageEnv::writeNewFile(const QByteArray& path, const QByteArray& header, const QByteArray& value,
                                    QByteArray* error)
 {
-    const int fd = open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    const int fd = open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, VFileMode::files());
     if (fd < 0) {
         *error = strerror(errno);
         return false;
     }
+    // A record holds a visitor's page: for the workers only, unless widened.
+    VFileMode::apply(fd);
     reached(TempOpened);
     const int half = value.size() / 2;
     const QByteArray first = QByteArray::fromRawData(value.constData(), half);

@@ -16,6 +16,13 @@ public:
 
     bool dropped() const { return m_dropped; }
 
+    // Becomes the given user and group for the rest of the process's life:
+    // its groups, then real, effective and saved group and user ids, which
+    // leaves no permitted capability. A process that runs under no root id
+    // keeps what it has. False when root's ids could not all be given up;
+    // the caller must not go on as root then.
+    static bool dropForGood(long uid, long gid);
+
 private:
     uid_t m_savedUid;
     gid_t m_savedGid;

@@ -1,9 +1,11 @@
 #include "VeskDB.h"
 
 #include "VException.h"
+#include "VFileMode.h"
 #include "VeskSchemas.h"
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QSqlDriver>
 #include <QSqlError>
@@ -11,6 +13,7 @@
 #include <QThread>
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -115,11 +118,16 @@ QSqlDatabase VeskDB::get(DB_NAME which, const QString& connectionName,
     if (!db.isValid())
         throw VException(QStringLiteral("The SQLite driver of Qt is missing"));
     if (!db.isOpen()) {
+        const bool made = !QFileInfo::exists(path);
         db.setDatabaseName(path);
         db.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=%1").arg(BusyTimeoutMs));
         if (!db.open())
             throw VException(QStringLiteral("Cannot open database %1: %2")
                                  .arg(path, db.lastError().text()));
+        // SQLite makes the file as the umask says, and its journals after
+        // the file's own mode: the workers' user and group only.
+        if (made)
+            chmod(QFile::encodeName(path).constData(), VFileMode::files());
     }
     ensureTables(db, which, path);
     return db;

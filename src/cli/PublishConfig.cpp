@@ -112,7 +112,7 @@ QString nginxRule(const CacheRule& rule, const QByteArray& dir)
         text += QStringLiteral("    if ($vesk_block) { set $vesk_rule 1; }\n");
     }
     const QString ns = QString::fromLatin1(VHTMLCache::ruleNamespace(rule));
-    text += QStringLiteral("    set $vesk_file \"/%1/$scheme/$host${uri}\";\n"
+    text += QStringLiteral("    set $vesk_file \"/%1/$scheme/$host:$server_port${uri}\";\n"
                            "    if (!-f \"%2${vesk_file}.vesk.html\") { set $vesk_rule \"\"; }\n"
                            "    if ($vesk_rule) { rewrite ^ \"${uri}%3${vesk_file}\" last; }\n")
                 .arg(ns, QString::fromLocal8Bit(dir), QLatin1String(NginxMarker).chopped(1));
@@ -190,7 +190,7 @@ QString apacheRule(const CacheRule& rule, const QByteArray& dir)
     QString text = ruleTitle(rule);
     if (blocks.isEmpty())
         return text + QStringLiteral("#   its conditions never hold without a query: nothing to send\n");
-    const QString file = QStringLiteral("%1/%{REQUEST_SCHEME}/%{SERVER_NAME}%{REQUEST_URI}.vesk.html")
+    const QString file = QStringLiteral("%1/%{REQUEST_SCHEME}/%{SERVER_NAME}:%{SERVER_PORT}%{REQUEST_URI}.vesk.html")
                              .arg(QString::fromLatin1(VHTMLCache::ruleNamespace(rule)));
     const QString path = QString::fromLocal8Bit(dir) + QLatin1Char('/') + file;
     const QString url = QLatin1String(ApacheMarker) + file;

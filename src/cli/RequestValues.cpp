@@ -11,7 +11,8 @@ RequestValues::RequestValues(const QString& url, const QStringList& cookies, con
     const bool https = parsed.scheme() == QLatin1String("https");
     const int port = parsed.port(https ? 443 : 80);
     QByteArray host = parsed.host(QUrl::FullyEncoded).toUtf8();
-    if (parsed.port() != -1)
+    // A client names no default port in its Host header.
+    if (parsed.port() != -1 && port != (https ? 443 : 80))
         host += ':' + QByteArray::number(port);
     // The request line's target as the client sent it: the path and query
     // of the URL text, untouched.

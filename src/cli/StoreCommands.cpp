@@ -180,7 +180,7 @@ namespace {
 
 // This request's verdict: whether the conditions let the page be served
 // and stored, and the key of its copy. Answers that key, or an empty one.
-QByteArray showRequest(const CacheRule& rule, const QByteArray& url)
+QByteArray showRequest(const CacheRule& rule, const QByteArray& url, RequestValues& values)
 {
     bool holds = false;
     for (const QString& line : testConditions(rule, &holds))
@@ -191,8 +191,17 @@ QByteArray showRequest(const CacheRule& rule, const QByteArray& url)
         out(QStringLiteral("this request: conditions fail: the page is neither served from the store nor stored"));
         return QByteArray();
     }
+    bool portConflict = false;
+    const QByteArray https = values.elementValue("_SERVER", {"HTTPS"}).toLower();
+    const QByteArray site = requestSite(values.elementValue("_SERVER", {"HTTP_HOST"}),
+                                        values.elementValue("_SERVER", {"SERVER_PORT"}),
+                                        !https.isEmpty() && https != "off", &portConflict);
+    if (portConflict) {
+        out(QStringLiteral("this request: its Host names another port than the server's: neither served nor stored"));
+        return QByteArray();
+    }
     QByteArray split;
-    if (!faithfulSplitKey(rule.d->splitBlock, url, split)) {
+    if (!faithfulSplitKey(rule.d->splitBlock, url, split, site)) {
         out(QStringLiteral("this request: a split value holds a NUL byte: never served from the store"));
         return QByteArray();
     }
@@ -270,7 +279,7 @@ int commandInspect(CliContext& context, const QStringList& args)
             .arg(coverage.rule->id)
             .arg(coverage.reason));
     out(describeRule(*coverage.rule, QStringLiteral("  ")));
-    const QByteArray key = showRequest(*coverage.rule, url);
+    const QByteArray key = showRequest(*coverage.rule, url, values);
     QString error;
     return showCopies(*cache, *coverage.rule, url, key, &error) ? ExitOk : fail(ExitFailed, error);
 }

@@ -6,12 +6,12 @@
 
 #include "PageCacheLogStream.h"
 #include "VException.h"
+#include "VFileMode.h"
 #include "VPrivilegesDropper.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
 
-#include <memory>
 #include <unistd.h>
 
 namespace {
@@ -51,15 +51,14 @@ Command commandNamed(const QString& name)
 }
 
 // The store and the log belong to the workers' user: a root shell works as
-// that user, so that nothing it writes becomes root's.
-bool becomeWorkersUser(const CliDirectives& directives, std::unique_ptr<VPrivilegesDropper>& dropper)
+// that user for good, so that nothing it writes becomes root's and nothing
+// it reads (rules, databases the workers can write) runs with root's rights.
+bool becomeWorkersUser(const CliDirectives& directives)
 {
     if (geteuid() != 0)
         return true;
-    if (directives.httpdUid() < 0)
-        return false;
-    dropper.reset(new VPrivilegesDropper(directives.httpdUid(), directives.httpdGid()));
-    return dropper->dropped();
+    return directives.httpdUid() >= 0
+           && VPrivilegesDropper::dropForGood(long(directives.httpdUid()), long(directives.httpdGid()));
 }
 
 // The workers' log file, where the core's own statements go as they would
@@ -116,14 +115,14 @@ int main(int argc, char** argv)
         return command(context, rest);
     if (!context.directives.load(iniSourcesFor(parser.value(confRoot), parser.value(sapi), parser.value(ini))))
         return fail(ExitFailed, context.directives.lastError());
-    std::unique_ptr<VPrivilegesDropper> dropper;
-    if (!becomeWorkersUser(context.directives, dropper)) {
+    if (!becomeWorkersUser(context.directives)) {
         const QString phpIni = context.directives.filesRead().value(0);
         return fail(ExitFailed, context.directives.httpdUid() < 0
                                     ? QStringLiteral("vesk.httpd_uid is set neither in %1 nor in its scan directories: "
                                                      "the workers' user is unknown").arg(phpIni)
                                     : QStringLiteral("cannot become the workers' user %1").arg(context.directives.httpdUid()));
     }
+    VFileMode::set(context.directives.value("vesk.file_mode"));
     openLog(context);
     try {
         return command(context, rest);

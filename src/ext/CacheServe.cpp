@@ -7,6 +7,7 @@
 #include "GlobalDirectives.h"
 #include "ModuleState.h"
 #include "PageCacheConfig.h"
+#include "RequestPrivacy.h"
 #include "RequestState.h"
 #include "StatisticsRecords.h"
 #include "host/vesk_host.h"
@@ -60,14 +61,11 @@ bool pagePublishable()
 {
     if (!requestState.rule->d->publish || !VHTMLCache::published())
         return false;
-    // Servers pass REMOTE_USER empty for a request without credentials.
-    for (const char* name : {"HTTP_AUTHORIZATION", "REMOTE_USER", "PHP_AUTH_USER"}) {
-        const VeskKey key{name, strlen(name)};
-        std::string value;
-        if (vesk_global_element_text("_SERVER", strlen("_SERVER"), &key, 1, &value) && !value.empty()) {
-            VLOG(moduleState.logStream, 3) << "Not publishing a page built for a request with credentials";
-            return false;
-        }
+    // A rule that stores pages built for credentials never publishes them:
+    // the web server sends a published file to whoever asks.
+    if (hasCredentials()) {
+        VLOG(moduleState.logStream, 3) << "Not publishing a page built for a request with credentials";
+        return false;
     }
     return true;
 }
@@ -341,7 +339,7 @@ CacheAnswer lookUp(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
     const VDebug::StreamId log = moduleState.logStream;
     r.buffering = false;
     QByteArray split;
-    if (!faithfulSplitKey(r.rule->d->splitBlock, r.requestUrl, split)) {
+    if (!faithfulSplitKey(r.rule->d->splitBlock, r.requestUrl, split, r.site)) {
         notePass("key");
         return CacheAnswer::Pass;
     }
@@ -353,7 +351,8 @@ CacheAnswer lookUp(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
     if (!usable || !VHTMLCache::instance()->entryExists(r.namespaceKey, r.matchKey, false))
         return CacheAnswer::Miss;
     lookup.stale = !r.holdsPageLock && pageIsStale();
-    if (lookup.stale && rebuildsStalePage()) {
+    // Only a request whose page may be stored rebuilds a stale one.
+    if (lookup.stale && r.storeRefusal.isNull() && rebuildsStalePage()) {
         if (!rebuildsAfterResponse())
             return CacheAnswer::Miss;
         lookup.rebuildAfter = true;

@@ -1,4 +1,5 @@
 #include "RequestPath.h"
+#include "RequestPrivacy.h"
 
 #include "GlobalDirectives.h"
 #include "HostProbes.h"
@@ -156,6 +157,10 @@ void storeToCache(const char* output, size_t length, const VeskOutputPass& pass)
         VLOG(log, 5) << "Current request is not cached";
         refuse(r.passReason ? r.passReason : "disabled");
         r.flushedOutput.clear();
+        return;
+    }
+    if (!r.storeRefusal.isNull()) {
+        refuse(r.storeRefusal.constData());
         return;
     }
     if (holdEndedCapture(output, length, pass))

@@ -22,6 +22,7 @@
 #include "ModuleState.h"
 #include "PageCacheConfig.h"
 #include "PageCachePurgeRules.h"
+#include "RequestPrivacy.h"
 #include "RequestState.h"
 #include "StatisticsRecords.h"
 #include "host/vesk_host.h"
@@ -57,6 +58,7 @@ void beginRequest()
     r.seenHeaders.clear();
     r.verdictSaid = false;
     r.passReason = nullptr;
+    r.storeRefusal = QByteArray();
 }
 
 // Each worker picks up a newer rules file by itself, at its next request.
@@ -144,6 +146,10 @@ bool requestQualifies(qint32 appId)
         VLOG(log, 5) << "Cache is not active since internal request is in progress";
         return false;
     }
+    if (isFpmOwnPage()) {
+        VLOG(log, 5) << "Cache is not active for a status or ping page of php-fpm";
+        return false;
+    }
     resetResponseState();
     if (!cacheableMethod()) {
         notePass("method");
@@ -169,8 +175,14 @@ bool matchRule()
     if (!r.requestUrl.isEmpty()) {
         VHTMLCache* cache = VHTMLCache::instance();
         r.rule = cache->getOrderedMatchingRuleForUrl(r.requestUrl);
-        if (!r.rule && r.url.hasAddedPort())
-            r.rule = cache->getOrderedMatchingRuleForUrl(r.url.ruleUrl(true));
+        if (r.url.hasAddedPort()) {
+            // <dont_cache> holds for either form of the URL.
+            const QByteArray withPort = r.url.ruleUrl(true);
+            if (cache->isBlacklisted(r.requestUrl) || cache->isBlacklisted(withPort))
+                r.rule = nullptr;
+            else if (!r.rule)
+                r.rule = cache->getOrderedMatchingRuleForUrl(withPort);
+        }
     }
     if (!r.rule) {
         VLOG(moduleState.logStream, 5) << r.requestUrl << "should not be cached";
@@ -205,6 +217,7 @@ void setUpRule()
     r.ruleActive = true;
     r.compressionAllowed = pageCacheConfig.compression_enable;
     r.namespaceKey = namespaceKeyFor(r.ruleUrl);
+    r.storeRefusal = unaccountedCookie(*r.rule);
     if (r.rule->d->splitNeedsSession) {
         r.waitingForSession = true;
     } else if (r.rule->conditionsHoldWithoutSession()) {
@@ -409,6 +422,20 @@ bool rebuildAfterResponse(const CacheLookup& lookup, qint64 ruleId, const QStrin
     return true;
 }
 
+// A request whose page is not to be stored goes without one where the
+// store holds none for it: it neither builds nor waits for a build.
+CacheAnswer unlessRefused(CacheAnswer answer, const CacheLookup& lookup)
+{
+    RequestState& r = requestState;
+    if (r.storeRefusal.isNull())
+        return answer;
+    if (answer == CacheAnswer::Empty)
+        setResponseCode(lookup.previousCode);
+    VLOG(moduleState.logStream, 3) << "Page of" << r.requestUrl << "not stored from this request:" << r.storeRefusal;
+    notePass(r.storeRefusal.constData());
+    return CacheAnswer::Pass;
+}
+
 // Acts on the stored page's answer. True when the request is answered (a
 // page, a 304 or a 412) and the script must not run on. Every value it
 // made is gone when it returns, so the caller may unwind the script
@@ -419,6 +446,8 @@ bool answerFromCache(const QString& ruleName, qint64 ruleId)
     if (pageCacheConfig.pulse_enable)
         PageCachePulse::instance()->addPossible(ruleId, ruleName);
     CacheAnswer answer = lookUp(lookup, ruleName, ruleId);
+    if (answer == CacheAnswer::Miss || answer == CacheAnswer::Empty)
+        answer = unlessRefused(answer, lookup);
     if (answer == CacheAnswer::Miss && pageCacheConfig.lock_timeout > 0 && !requestState.holdsPageLock)
         answer = awaitPage(lookup, ruleName, ruleId);
     switch (answer) {
@@ -467,7 +496,7 @@ int requestStartup()
             sayPass();
         return 0;
     }
-    if (!matchRule())
+    if (!matchRule() || keptPrivate(*requestState.rule))
         return 0;
     setUpRule();
     evaluate();

@@ -61,6 +61,12 @@ struct RequestState
     bool verdictSaid = false;
     bool sayingVerdict = false;
     const char* passReason = nullptr;
+    // The site the page is for (host and the server's port), which the
+    // split by host reads, whatever the Host header said.
+    QByteArray site;
+    // Why no page is stored from this request though one may be served to
+    // it ("cookie NAME"), null when nothing keeps it from the store.
+    QByteArray storeRefusal;
     // Facts for the host's statistics function, reported at request end.
     QList<PageCacheStatRecord> statisticsQueue;
 };

@@ -1,6 +1,7 @@
 #include "RequestUrl.h"
 
 #include "HostProbes.h"
+#include "CacheRule.h"
 #include "host/vesk_host.h"
 
 #include <QString>
@@ -67,6 +68,17 @@ QByteArray RequestUrl::ruleUrl(bool withPort) const
     }
     url.resize(int(out - url.constData()));
     return url;
+}
+
+QByteArray RequestUrl::site(bool* portConflict) const
+{
+    *portConflict = false;
+    if (m_emptyHost)
+        return QByteArray();
+    const int hostStart = m_whole.indexOf("://") + 3;
+    const char* port = vesk_sapi_getenv("SERVER_PORT");
+    return requestSite(m_whole.mid(hostStart, m_hostEnd - hostStart), QByteArray(port), m_whole.startsWith("https:"),
+                       portConflict);
 }
 
 bool RequestUrl::onPort(const char* ports) const

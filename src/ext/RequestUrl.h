@@ -25,6 +25,9 @@ public:
     // against. `withPort` adds the server's port where the host names none.
     // Empty without a host, or with an empty one.
     QByteArray ruleUrl(bool withPort = false) const;
+    // The site the request is for: its host and the port the server
+    // answered on; `portConflict` when the host names another port.
+    QByteArray site(bool* portConflict) const;
     // The length of REQUEST_URI, known with or without a host.
     int uriLength() const { return m_uriLength; }
     // Whether the port form differs from the plain one.

@@ -144,6 +144,15 @@ def http_get(port, path, headers=None, method="GET"):
     return result
 
 
+def run_tool(workspace, directives, *args):
+    """The operators' tool with `directives` (the workers') in its ini file."""
+    ini = workspace.path("tool.ini")
+    with open(ini, "w") as f:
+        f.write("".join('%s = "%s"\n' % item for item in directives.items()))
+    return subprocess.run([TOOL, "--ini", ini] + list(args), capture_output=True, text=True, timeout=60,
+                          env=dict(os.environ, PHP_INI_SCAN_DIR=""))
+
+
 def php_command(directives, bare=True):
     """The CLI with the extension; bare (-n) unless asked otherwise, as the
     CLI isn't a web server API anyway. Run it with php_environment(bare)."""
@@ -379,23 +388,26 @@ class FpmBehindNginx:
         return os.access(cls.FPM, os.X_OK) and os.access(cls.NGINX, os.X_OK)
 
     def __init__(self, workspace, docroot, directives, daemonize=False, bare=False, workers=2,
-                 extension=EXTENSION, scan_dir=None, user=None, env=None, server_config="", pool=""):
+                 extension=EXTENSION, scan_dir=None, user=None, env=None, server_config="", pool_config="",
+                 host_as_sent=False, port=None):
         """With `daemonize`, php-fpm forks its master and the first process
         exits; `master` is the pid of the process that serves either way.
         `extension` None loads none on the command line (an installed one
         comes through `scan_dir`, PHP_INI_SCAN_DIR's value); `user` runs the
         pool as that user, as a system's php-fpm does; `env` adds variables
         to the workers' environment; `server_config` goes into nginx's
-        server block ahead of its locations, `pool` at the pool's end."""
-        self.port = free_port()
+        server block ahead of its locations, `pool_config` into the pool's;
+        `host_as_sent` passes HTTP_HOST as nginx's own fastcgi_params do,
+        not as Debian's ($host, without a port)."""
+        self.port = port or free_port()
         self.socket_path = socket_path = workspace.path("fpm.sock")
         self.daemonize = daemonize
         with open(workspace.path("fpm.conf"), "w") as f:
             f.write("[global]\npid = %s\nerror_log = %s\ndaemonize = %s\n\n[www]\n"
                     "listen = %s\nlisten.mode = 0666\npm = static\npm.max_children = %d\n"
-                    "clear_env = no\ncatch_workers_output = yes\n%s\n"
+                    "clear_env = no\ncatch_workers_output = yes\n"
                     % (workspace.path("fpm.pid"), workspace.path("fpm.log"), "yes" if daemonize else "no",
-                       socket_path, workers, pool))
+                       socket_path, workers) + pool_config)
             if user:
                 f.write("user = %s\ngroup = %s\n" % (user, user))
             elif os.geteuid() == 0:
@@ -429,6 +441,11 @@ class FpmBehindNginx:
                 self.stop()
                 raise RuntimeError("php-fpm did not start: see %s" % workspace.path("fpm.out"))
             time.sleep(0.05)
+        params = "/etc/nginx/fastcgi_params"
+        if host_as_sent:
+            with open(params) as f, open(workspace.path("fastcgi_params"), "w") as own:
+                own.write(f.read().replace("fastcgi_param  HTTP_HOST", "#"))
+            params = workspace.path("fastcgi_params")
         temp = workspace.path("nginx")
         os.makedirs(temp, exist_ok=True)
         with open(workspace.path("nginx.conf"), "w") as f:
@@ -451,15 +468,14 @@ http {
     index index.php;
 %(extra)s
     location ~ \\.php$ {
-      include /etc/nginx/fastcgi_params;
+      include %(params)s;
       fastcgi_param SCRIPT_FILENAME $document_root$fastcgi_script_name;
-      fastcgi_param SERVER_PORT %(port)d;
       fastcgi_pass unix:%(sock)s;
     }
   }
 }
 """ % {"ws": workspace.root, "tmp": temp, "port": self.port, "root": docroot, "sock": socket_path,
-       "extra": server_config})
+       "extra": server_config, "params": params})
         self.nginx_output = open(workspace.path("nginx.out"), "wb")
         self.nginx = _spawn([self.NGINX, "-c", workspace.path("nginx.conf"), "-p", workspace.root],
                             self.nginx_output)
@@ -495,10 +511,10 @@ class ApacheWithPhp:
     def available(cls):
         return os.access(cls.APACHE, os.X_OK) and os.path.exists(os.path.join(cls.MODULES, "libphp8.2.so"))
 
-    def __init__(self, workspace, docroot, directives, bare=False, server_config=""):
+    def __init__(self, workspace, docroot, directives, bare=False, server_config="", port=None):
         """`server_config` goes at the end of the server's configuration,
         with the modules it may need (rewrite, headers) loaded."""
-        self.port = free_port()
+        self.port = port or free_port()
         ini_dir = workspace.path("apache-php")
         os.makedirs(ini_dir, exist_ok=True)
         # Like a module of Debian's in conf.d: the extension loads after opcache.

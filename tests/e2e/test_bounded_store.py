@@ -7,7 +7,6 @@ import random
 import re
 import threading
 import time
-import unittest
 
 import harness
 
@@ -142,7 +141,3 @@ class BoundedStore(harness.Case):
         for n in written[:20]:
             self.assertTrue(whole(harness.http_get(self.server.port, url(n))[2]))
         self.assertEqual(runs + 20, self.runs(), "a page of the first round was kept")
-
-
-if __name__ == "__main__":
-    unittest.main()

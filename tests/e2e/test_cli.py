@@ -183,14 +183,6 @@ class Tool(harness.Case):
         for name in ("", "log", "tmp", "conf"):
             os.chmod(self.workspace.path(name), 0o777 if name in ("log", "tmp") else 0o755)
 
-    @unittest.skipUnless(os.geteuid() == 0, "needs root")
-    def test_started_by_root_it_works_as_the_workers_user(self):
-        self.as_nobody()
-        self.ok("remove", "all")
-        # Root's file there would shut the workers out of their own log.
-        owner = os.stat(self.workspace.path("log", "pagecache.log"))
-        self.assertEqual((65534, 65534), (owner.st_uid, owner.st_gid))
-
     def test_a_store_it_cannot_read_and_an_unknown_rule_are_errors_not_emptiness(self):
         self.store_pages()
         unknown = self.tool("list", "--rule", "NoSuchRule")

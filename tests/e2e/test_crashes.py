@@ -5,7 +5,6 @@ import random
 import signal
 import threading
 import time
-import unittest
 
 import harness
 
@@ -26,19 +25,6 @@ def cut_short(body, size):
         return head.startswith(body)
     end = body.find(b"</p>")
     return body.startswith(head) and (end == -1 or body[end + 4:].strip(b".") == b"")
-
-
-def children(pid):
-    with open("/proc/%d/task/%d/children" % (pid, pid)) as f:
-        return [int(p) for p in f.read().split()]
-
-
-def cmdline(pid):
-    try:
-        with open("/proc/%d/cmdline" % pid, "rb") as f:
-            return f.read().replace(b"\0", b" ")
-    except OSError:
-        return b""
 
 
 class Crashes(harness.Case):
@@ -80,7 +66,7 @@ class Crashes(harness.Case):
         deadline = time.monotonic() + 8
         while time.monotonic() < deadline:
             time.sleep(rng.uniform(0.05, 0.25))
-            workers = [p for p in children(server.fpm.pid) if b"php-fpm: pool" in cmdline(p)]
+            workers = harness.processes(name="php-fpm8.2", parent=server.fpm.pid)
             if workers:
                 os.kill(rng.choice(workers), signal.SIGKILL)
                 killed += 1
@@ -112,7 +98,7 @@ class Crashes(harness.Case):
         size = 200000
         path = "/page.php?size=%d" % size
         self.assertEqual(200, harness.http_get(server.port, path)[0])
-        workers = sorted(p for p in children(server.fpm.pid) if b"php-fpm: pool" in cmdline(p))
+        workers = sorted(harness.processes(name="php-fpm8.2", parent=server.fpm.pid))
         params = {"GATEWAY_INTERFACE": "CGI/1.1", "REQUEST_METHOD": "GET", "REQUEST_URI": path,
                   "QUERY_STRING": path.split("?")[1], "SCRIPT_NAME": "/page.php",
                   "SCRIPT_FILENAME": os.path.join(self.site, "page.php"), "DOCUMENT_ROOT": self.site,
@@ -127,7 +113,7 @@ class Crashes(harness.Case):
         self.assertEqual(1, self.runs(), "the page was not served from the store")
         with open(self.workspace.path("fpm.log")) as f:
             self.assertNotIn("exited", f.read())
-        self.assertEqual(workers, sorted(p for p in children(server.fpm.pid) if b"php-fpm: pool" in cmdline(p)))
+        self.assertEqual(workers, sorted(harness.processes(name="php-fpm8.2", parent=server.fpm.pid)))
 
     def test_damaged_records_are_misses_and_are_replaced(self):
         server = self.serve()
@@ -159,7 +145,3 @@ class Crashes(harness.Case):
             self.assertEqual(1, self.runs() - before)
             for record in self.records():
                 os.unlink(record)
-
-
-if __name__ == "__main__":
-    unittest.main()

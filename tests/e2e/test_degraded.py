@@ -5,7 +5,6 @@ import os
 import socket
 import subprocess
 import time
-import unittest
 
 import harness
 
@@ -69,7 +68,3 @@ class Degraded(harness.Case):
         # far longer if it waited for the daemon.
         self.assertLess(time.monotonic() - started, 60)
         self.assertEqual(20, self.runs())
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -114,7 +114,3 @@ class FlatWorker(unittest.TestCase):
         if "libasan" not in os.environ.get("LD_PRELOAD", ""):
             self.assertLess(traffic.rss_kib() - rss, 3 * 1024)
         self.assertNotIn("ERROR]", traffic.workspace.log())
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -166,7 +166,3 @@ class DebianPackage(unittest.TestCase):
         status, _, body = harness.http_get(server.port, "/")
         self.assertEqual(200, status)
         self.assertRegex(body, rb"^<p>[0-9a-f]{16}</p>$")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -6,7 +6,6 @@ and body, compressed at most once."""
 import gzip
 import http.client
 import os
-import unittest
 
 import harness
 
@@ -162,7 +161,3 @@ class ProductionPhp(harness.Case):
                 with open(workspace.path("fpm.log")) as log:
                     self.assertNotIn("SIGABRT", log.read())
         self.each_server(check)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -13,7 +13,8 @@ import unittest
 
 import harness
 
-RULE = harness.url_rule("(page|sized|off)\\.php", "Published", id="7", publish="true",
+RULE = harness.url_rule("(page|sized|off|host)\\.php", "Published", ("_SERVER[HTTP_HOST]", "_SERVER[REQUEST_URI]"),
+                        id="7", publish="true",
                         conditions=('global="_COOKIE[logged_in]" type="not_exists" value=""',))
 SHORT = harness.url_rule("(.*short)\\.php", "Short", id="8", publish="true", lifetime="2")
 BIG = harness.url_rule("(big)\\.php", "Big", id="9", publish="true", compress="false")
@@ -33,7 +34,8 @@ class Published:
         self.use_site(RULES)
         self.publish_dir = self.workspace.path("tmp", "published")
         pages = {"short": "", "off": "page_cache_disable_caching();\n", "d1/d2/d3/short": "", "private/page": "",
-                 "big": "echo bin2hex(random_bytes(300000));\n", "members/page": ""}
+                 "big": "echo bin2hex(random_bytes(300000));\n", "members/page": "",
+                 "host": "echo $_SERVER['HTTP_HOST'];\n"}
         for name, code in pages.items():
             os.makedirs(os.path.dirname(os.path.join(self.site, name)), exist_ok=True)
             harness.write(os.path.join(self.site, name + ".php"), "<?php require '%s/_record.php';\n%secho '<p>%s ' . "
@@ -41,14 +43,16 @@ class Published:
         harness.write(os.path.join(self.site, "size.txt"), "3000")
         self.values = self.directives(vesk_pagecache__log_verbosity_level="4", vesk_pagecache__enable_qa_info="1",
                                       vesk_pagecache__clean_frequency="1", vesk_pagecache__max_store_size="1",
-                                      vesk_pagecache__publish_dir=self.publish_dir)
+                                      vesk_pagecache__publish_dir=self.publish_dir, vesk__file_mode="0644")
         self.start()
 
     def start(self, guarded=False, pool=""):
+        options = {"pool_config": pool} if self.KIND == "php-fpm" else {}
         if hasattr(self, "server"):
+            # The same site: a host split keeps the port the server answers on.
             self.server.stop()
-        self.server = self.serve(self.KIND, directives=self.values, server_config=self.configure(guarded),
-                                 **{"pool": pool} if self.KIND == "php-fpm" else {})
+            options["port"] = self.server.port
+        self.server = self.serve(self.KIND, directives=self.values, server_config=self.configure(guarded), **options)
 
     def tool(self, *args):
         result = harness.run_tool(self.workspace, self.values, *args)
@@ -142,7 +146,7 @@ class Published:
 
     def test_each_ending_removes_the_files_and_only_theirs(self):
         endings = [(f[0], lambda f=f: self.assertIs(True, self.call(self.server.port, *f)))
-                   for f in harness.removals("page|sized|off", "Published", 7, "/page.php")]
+                   for f in harness.removals("page|sized|off|host", "Published", 7, "/page.php")]
         # The operators' tool removes as the workers do.
         endings.append(("vesk-pagecache remove all", lambda: self.tool("remove", "all")))
         # Last: the cleaner ends every file once more after the purge.
@@ -249,6 +253,12 @@ class Published:
         self.workspace.use_rules(RULES.replace('publish="true"', ""))
         self.wait_until(lambda: self.get("/off.php") and not self.published_files(), 10,
                         "a reload left files published")
+
+    def test_a_host_port_the_client_chose_reaches_no_other_visitor(self):
+        for headers in ({"Host": "127.0.0.1:1234"}, {"Host": "127.0.0.1:1234"}, {}, {}):
+            body = self.get("/host.php", **headers)[2]
+        self.assertIn(b"127.0.0.1:%d<p>" % self.server.port if self.KIND == "apache" else b"127.0.0.1<p>", body)
+
 
 class PublishedUnderNginx(Published, harness.Case):
     KIND = "php-fpm"

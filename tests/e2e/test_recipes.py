@@ -7,6 +7,7 @@ import gzip
 import http.client
 import json
 import os
+import re
 import shutil
 import unittest
 import urllib.parse
@@ -64,7 +65,9 @@ class RecipeCase(unittest.TestCase):
     def start(cls, docroot, env=None):
         workspace = cls.workspace
         with open(os.path.join(RECIPES, cls.recipe)) as f:
-            workspace.use_rules(f.read())
+            # As the recipe tells: the application's own host, at its root.
+            host = 'host="%s"' % cls.host.replace(".", "\\.")
+            workspace.use_rules(re.sub(r'host="[^"]*"', host, f.read()).replace('path="mediawiki/', 'path="'))
         directives = workspace.directives(vesk_pagecache__enable_qa_info="1",
                                           vesk_pagecache__log_verbosity_level="1")
         harness.make_shared(workspace)

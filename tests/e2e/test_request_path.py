@@ -1,10 +1,12 @@
 """Miss, then hit, under the built-in web server: what is stored, what is
-served, and what is refused."""
+served, and what is refused; with vesk_pagecache.enable_qa_info every
+response of a covered URL says so ("X-PageCache: miss", "hit", "pass
+(reason)"), an uncovered one says nothing."""
 import datetime
 import email.utils
 import gzip
 import http.client
-import unittest
+import socket
 
 import harness
 
@@ -31,20 +33,14 @@ class RequestPath(harness.Case):
     def tearDownClass(cls):
         cls.server.stop()
 
-    def request(self, method, path, headers=None, http10=False):
-        if not http10:
-            return harness.http_get(self.server.port, path, headers, method)
-        # HTTP/1.0 without a Host header.
-        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=10)
-        connection._http_vsn, connection._http_vsn_str = 10, "HTTP/1.0"
-        connection.putrequest(method, path, skip_host=True)
-        for name, value in (headers or {}).items():
-            connection.putheader(name, value)
-        connection.endheaders()
-        response = connection.getresponse()
-        body = response.read()
-        connection.close()
-        return response.status, {k.lower(): v for k, v in response.getheaders()}, body
+    def request(self, method, path, headers=None):
+        return harness.http_get(self.server.port, path, headers, method)
+
+    def without_host(self, path):
+        """An HTTP/1.0 request without a Host header: the whole response."""
+        with socket.create_connection(("127.0.0.1", self.server.port), timeout=10) as connection:
+            connection.sendall(b"GET %s HTTP/1.0\r\n\r\n" % path.encode())
+            return connection.makefile("rb").read()
 
     def test_miss_then_hit_serves_the_same_page_without_running_it(self):
         before = self.runs("page.php")
@@ -52,11 +48,12 @@ class RequestPath(harness.Case):
         self.assertEqual(200, status)
         self.assertEqual(before + 1, self.runs("page.php"))
         self.assertIn("last-modified", headers)
+        self.assertEqual("miss", headers["x-pagecache"])
         for _ in range(3):
             status2, headers2, body2 = self.request("GET", "/page.php?id=1")
             self.assertEqual((200, body), (status2, body2))
             self.assertEqual(headers["last-modified"], headers2["last-modified"])
-            self.assertEqual("0", headers2["x-pagecache-compression"])
+            self.assertEqual(("0", "hit"), (headers2["x-pagecache-compression"], headers2["x-pagecache"]))
         self.assertEqual(before + 1, self.runs("page.php"))
         # HEAD takes the same path: a hit.
         status, _, _ = self.request("HEAD", "/page.php?id=1")
@@ -71,11 +68,12 @@ class RequestPath(harness.Case):
     def test_other_methods_and_requests_without_host_run_uncached(self):
         before = self.runs("page.php")
         self.request("POST", "/page.php?post=1", headers={"Content-Length": "0"})
-        self.request("POST", "/page.php?post=1", headers={"Content-Length": "0"})
+        _, headers, _ = self.request("POST", "/page.php?post=1", headers={"Content-Length": "0"})
+        self.assertEqual("pass (method)", headers["x-pagecache"])
         self.assertEqual(before + 2, self.runs("page.php"))
         self.assertLogged("Uncacheable request method -  POST /page.php?post=1")
-        self.request("GET", "/page.php?nohost=1", http10=True)
-        self.request("GET", "/page.php?nohost=1", http10=True)
+        self.without_host("/page.php?nohost=1")
+        self.assertNotIn(b"X-PageCache", self.without_host("/page.php?nohost=1"))
         self.assertEqual(before + 4, self.runs("page.php"))
 
     def test_conditional_requests(self):
@@ -123,11 +121,12 @@ class RequestPath(harness.Case):
         self.assertLogged("Unsupported compression format of response. Output will not be cached.")
 
     def test_refused_pages_reach_the_client_as_the_script_made_them(self):
-        for page in ("fatal.php", "empty.php", "cookie.php", "status.php"):
+        for page, verdict in (("fatal.php", "fatal error"), ("empty.php", "empty"), ("cookie.php", "header rule"),
+                              ("status.php", "status rule")):
             first = self.request("GET", "/" + page)
             second = self.request("GET", "/" + page)
             self.assertEqual(2, self.runs(page), page)
-            self.assertEqual(first[0], second[0])
+            self.assertEqual((first[0], "pass (%s)" % verdict), (second[0], second[1]["x-pagecache"]))
         self.assertIn(b"before the error", self.request("GET", "/fatal.php")[2])
         self.assertEqual("visitor", self.request("GET", "/cookie.php")[1]["set-cookie"].split("=")[0])
         self.assertEqual(404, self.request("GET", "/status.php")[0])
@@ -139,7 +138,3 @@ class RequestPath(harness.Case):
         self.request("GET", "/page.php?after=fatal")
         self.request("GET", "/page.php?after=fatal")
         self.assertLogged("Stored entry")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,7 +1,6 @@
 """Workers pick up a changed rules file at their next request, once each."""
 import os
 import re
-import unittest
 
 import harness
 
@@ -45,7 +44,3 @@ class RulesReload(harness.Case):
         status, _, body = self.server.get("/info.php")
         self.assertEqual(200, status)
         self.assertIn(b"Enable => Yes", body)
-
-
-if __name__ == "__main__":
-    unittest.main()

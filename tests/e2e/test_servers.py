@@ -3,7 +3,6 @@ php-fpm (two workers) and Apache with its PHP module. Rules that read
 $_SESSION decide when the script starts its session."""
 import os
 import shutil
-import unittest
 
 import harness
 
@@ -123,7 +122,3 @@ class NginxWithFpm(CoreScenarios, harness.Case):
 
 class Apache(CoreScenarios, harness.Case):
     kind = "apache"
-
-
-if __name__ == "__main__":
-    unittest.main()

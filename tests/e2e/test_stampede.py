@@ -10,7 +10,6 @@ import re
 import signal
 import threading
 import time
-import unittest
 import zlib
 
 import harness
@@ -215,7 +214,3 @@ class Stampede(harness.Case):
         # The killed run and the one that took over from it.
         self.assertEqual(2, self.runs("slow.php"))
         self.assertNoneWaitedTheLimit(results)
-
-
-if __name__ == "__main__":
-    unittest.main()

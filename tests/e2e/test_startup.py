@@ -34,17 +34,6 @@ class BuiltinServerStartup(harness.Case):
         # Start-up runs once, before the workers are forked.
         self.assertEqual(1, self.workspace.log().count("Rules File:"))
 
-    @unittest.skipUnless(os.geteuid() == 0, "changing identity needs root")
-    def test_log_is_created_as_the_web_servers_user(self):
-        os.chmod(self.workspace.root, 0o755)
-        os.chmod(self.workspace.path("log"), 0o777)
-        server = self.start(vesk__httpd_uid="65534", vesk__httpd_gid="65534")
-        self.assertEqual(200, server.get("/info.php")[0])
-        owner = os.stat(self.workspace.path("log", "pagecache.log"))
-        self.assertEqual((65534, 65534), (owner.st_uid, owner.st_gid))
-        # The server itself keeps running as root.
-        self.assertEqual(0, os.stat("/proc/%d" % server.process.pid).st_uid)
-
     def test_missing_log_directory_refuses_the_cache_but_serves_pages(self):
         errors = self.workspace.path("php-errors.log")
         server = self.start(vesk__log_dir=self.workspace.path("no-such-dir"), error_log=errors)
@@ -65,7 +54,3 @@ class CommandLine(unittest.TestCase):
         modules, engine = output.split("[Zend Modules]")
         self.assertIn("\nVesk Page Cache\n", modules)
         self.assertIn("\nVesk Page Cache\n", engine)
-
-
-if __name__ == "__main__":
-    unittest.main()

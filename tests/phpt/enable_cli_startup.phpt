@@ -29,7 +29,7 @@ DEBUG Cannot find /deployment.db
 INFO Rules File: %s/conf/pagecache_rules.xml 
 TRACE Validating dependencies file %s/conf/pagecache_rules.xml with schema file at %s/conf/pagecache_rules_schema.xsd 
 TRACE XML validation OK 
-DEBUG Adding case sensitive regex - http://<default-server>/(?:index\.php)? 
+DEBUG Adding case sensitive regex - http://127\.0\.0\.1/(?:index\.php)? 
 INFO New rules list: 
 INFO         Home page 
 DEBUG current script url is:  

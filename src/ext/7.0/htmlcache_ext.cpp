@@ -14,6 +14,7 @@
 #include "VDebug.h"
 #include "VException.h"
 #include "VFileDate.h"
+#include "VFileMode.h"
 #include "VGlobals.h"
 #include "TKDTaskInserter.h"
 #include "VHTMLCache.h"
@@ -26,6 +27,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <memory>
+#include <unistd.h>
 
 const char* const PageCacheName = "Vesk Page Cache";
 const char* const PageCacheVersion = "2021.4.6";
@@ -37,6 +39,8 @@ const char* const NoUidMessage =
 const char* const NoGidMessage =
     "Unable to locate the httpd gid from ini files. Vesk Page Cache is disabled";
 const char* const CliMessage = "Vesk Page Cache is disabled in CLI/CGI run";
+const char* const RootCliMessage =
+    "Vesk Page Cache is disabled in a CLI/CGI run as root: it works as the workers' user %1 only";
 
 void refuse(const QString& text, int level)
 {
@@ -61,12 +65,12 @@ void refuseAndReport(const QString& text, int level)
 }
 
 // The log file and the store are made as the web server's user, so that
-// workers that run as that user can write them later.
+// workers that run as that user can write them later, and so that nothing
+// a worker planted there (a link) leads a root process anywhere the workers
+// can't go themselves: command-line runs too.
 std::unique_ptr<VPrivilegesDropper> dropPrivileges(long uid, long gid)
 {
-    if (webSapiCheck() == 0 && !isPlainCgi())
-        return std::unique_ptr<VPrivilegesDropper>(new VPrivilegesDropper(uid, gid));
-    return nullptr;
+    return std::unique_ptr<VPrivilegesDropper>(new VPrivilegesDropper(uid, gid));
 }
 
 // Null for a path that didn't resolve, as the store and log expect.
@@ -98,9 +102,29 @@ bool openLog()
         dropper.reset();
     } catch (const VException& e) {
         dropper.reset();
-        refuseAndReport(QStringLiteral("Vesk Page Cache is disabled: ") + QString::fromLatin1(e.what()), 3);
+        // A log the workers can't open leaves the cache off with no log of
+        // its own to say so: it is a failure, told where the operator looks.
+        refuseAndReport(QStringLiteral("Vesk Page Cache is disabled: ") + QString::fromLatin1(e.what()), 0);
         return false;
     }
+    return true;
+}
+
+// Whether a run that isn't a web run stops here, with the cache off.
+bool refusedOutsideWebRuns()
+{
+    if (webSapiCheck() != -1)
+        return false;
+    if (!pageCacheConfig.enable_cli)
+        refuse(QString::fromLatin1(CliMessage), 3);
+    // A command-line script keeps its user's identity, which the cache
+    // can't set aside for a whole request: run by root for other workers,
+    // it would store and remove the workers' files as root.
+    else if (geteuid() == 0 && httpdUid() != 0)
+        refuse(QString::fromLatin1(RootCliMessage).arg(httpdUid()), 1);
+    else
+        return false;
+    pageCacheConfig.pulse_enable = false;
     return true;
 }
 
@@ -151,6 +175,9 @@ int moduleStartup()
     delete moduleState.purgeRules;
     moduleState.purgeRules = nullptr;
     QLocale::setDefault(QLocale(QLocale::English, QLocale::system().country()));
+    const char* fileMode = nullptr;
+    if (findDirective("vesk.file_mode", strlen("vesk.file_mode"), &fileMode) == 0 && fileMode)
+        VFileMode::set(fileMode);
 
     if (!openLog())
         return 0;
@@ -162,11 +189,8 @@ int moduleStartup()
     moduleState.serverInfo.setServerNumber(int(nodeId()));
     TKDTaskInserter::setClusterQueue(clusterQueue());
     VHTMLCache::setClusterQueue(clusterQueue(), nodeId());
-    if (!pageCacheConfig.enable_cli && webSapiCheck() == -1) {
-        refuse(QString::fromLatin1(CliMessage), 3);
-        pageCacheConfig.pulse_enable = false;
+    if (refusedOutsideWebRuns())
         return 0;
-    }
     logParameters();
     resolvePaths();
     PageCachePulse::instance()->initialize(

@@ -199,3 +199,18 @@ bool vesk_global_serialized(const char* name, size_t nameLength, std::string* te
     serialize(value, text);
     return true;
 }
+
+void vesk_cookie_names(std::vector<std::string>* names)
+{
+    names->clear();
+    zval* cookies = fetchGlobal("_COOKIE", strlen("_COOKIE"));
+    if (!cookies || Z_TYPE_P(cookies) != IS_ARRAY)
+        return;
+    zend_ulong index;
+    zend_string* key;
+    ZEND_HASH_FOREACH_KEY(Z_ARRVAL_P(cookies), index, key)
+    {
+        names->push_back(key ? std::string(ZSTR_VAL(key), ZSTR_LEN(key)) : std::to_string(index));
+    }
+    ZEND_HASH_FOREACH_END();
+}

@@ -104,8 +104,15 @@ bool vesk_global_element_exists(const char* name, size_t nameLength, const VeskK
 bool vesk_global_serialized(const char* name, size_t nameLength, std::string* text);
 bool vesk_global_exists(const char* name, size_t nameLength);
 
+// The top-level keys of $_COOKIE, as PHP made them of the Cookie header.
+void vesk_cookie_names(std::vector<std::string>* names);
 // The request and its response.
 const char* vesk_request_method();
+// The request URI as the server API keeps it (php-fpm: the script name).
+const char* vesk_request_uri();
+// Whether the server API took credentials from the request (HTTP
+// authentication) or was told of an authenticated user.
+bool vesk_request_has_credentials();
 int vesk_response_code();
 // Sets the response code, dropping a status line the engine already made
 // so that it composes a new one.

@@ -127,6 +127,17 @@ const char* vesk_request_method()
     return SG(request_info).request_method;
 }
 
+const char* vesk_request_uri()
+{
+    return SG(request_info).request_uri;
+}
+
+bool vesk_request_has_credentials()
+{
+    const sapi_request_info& info = SG(request_info);
+    return info.auth_user || info.auth_password || info.auth_digest;
+}
+
 int vesk_response_code()
 {
     return SG(sapi_headers).http_response_code;

@@ -49,10 +49,10 @@ TEST_P(FileNames, OnlySafeUrlsGetAFile)
 INSTANTIATE_TEST_SUITE_P(
     Urls, FileNames,
     ::testing::Values(
-        FileCase{"http://h/a/b", "0123abcd/http/h/a/b.vesk.html", ""},
-        FileCase{"http://h/a/b/", "0123abcd/http/h/a/b/.vesk.html", ""},
-        FileCase{"https://Www.Example.org:8443/", "0123abcd/https/www.example.org/.vesk.html", ""},
-        FileCase{"http://127.0.0.1:8080/x-y_z~1.2", "0123abcd/http/127.0.0.1/x-y_z~1.2.vesk.html", ""},
+        FileCase{"http://h/a/b", "0123abcd/http/h:80/a/b.vesk.html", ""},
+        FileCase{"http://h/a/b/", "0123abcd/http/h:80/a/b/.vesk.html", ""},
+        FileCase{"https://Www.Example.org:8443/", "0123abcd/https/www.example.org:8443/.vesk.html", ""},
+        FileCase{"http://127.0.0.1:8080/x-y_z~1.2", "0123abcd/http/127.0.0.1:8080/x-y_z~1.2.vesk.html", ""},
         FileCase{"http://h/a?b=1", nullptr, "a query string"},
         FileCase{"http://h/a?", nullptr, "a query string"},
         FileCase{"http://h/a#f", nullptr, "a query string"},
@@ -158,27 +158,27 @@ TEST_F(PublishTest, StoredPageIsPublishedClearAndGzipDatedAsSent)
 {
     const QByteArray body = QByteArray(2000, 'x') + "<p>end</p>";
     ASSERT_TRUE(store("http://h:8080/p/a", "k", body));
-    EXPECT_EQ(body, published("p", "http/h/p/a.vesk.html"));
-    const QByteArray gz = published("p", "http/h/p/a.vesk.html.gz");
+    EXPECT_EQ(body, published("p", "http/h:8080/p/a.vesk.html"));
+    const QByteArray gz = published("p", "http/h:8080/p/a.vesk.html.gz");
     EXPECT_EQ(body, decompress(gz.constData(), gz.size()));
-    const QFileInfo info(QFile::decodeName(publishDir + '/' + ns("p") + "/http/h/p/a.vesk.html"));
+    const QFileInfo info(QFile::decodeName(publishDir + '/' + ns("p") + "/http/h:8080/p/a.vesk.html"));
     EXPECT_EQ(DatedSecs, info.lastModified().toSecsSinceEpoch());
     EXPECT_TRUE(log().contains("Published http://h:8080/p/a as"));
 
     // A small page has no gzip copy: an older one goes.
     ASSERT_TRUE(store("http://h:8080/p/a", "k", "<p>small</p>"));
-    EXPECT_EQ("<p>small</p>", published("p", "http/h/p/a.vesk.html"));
-    EXPECT_FALSE(QFile::exists(QFile::decodeName(publishDir + '/' + ns("p") + "/http/h/p/a.vesk.html.gz")));
+    EXPECT_EQ("<p>small</p>", published("p", "http/h:8080/p/a.vesk.html"));
+    EXPECT_FALSE(QFile::exists(QFile::decodeName(publishDir + '/' + ns("p") + "/http/h:8080/p/a.vesk.html.gz")));
 }
 
 TEST_F(PublishTest, PageTheWebServerCantSendAsStoredIsStoredButNotPublished)
 {
     ASSERT_TRUE(store("http://h/p/a", "k", "<p>1</p>"));
-    ASSERT_FALSE(published("p", "http/h/p/a.vesk.html").isEmpty());
+    ASSERT_FALSE(published("p", "http/h:80/p/a.vesk.html").isEmpty());
     // Stored anew with its own cookie: the record changed, the file goes.
     ASSERT_TRUE(store("http://h/p/a", "k", "<p>2</p>", Headers{Html, "Set-Cookie: s=1"}));
     EXPECT_TRUE(cache->entryExists(ns("p"), "k", false));
-    EXPECT_TRUE(published("p", "http/h/p/a.vesk.html").isEmpty());
+    EXPECT_TRUE(published("p", "http/h:80/p/a.vesk.html").isEmpty());
     EXPECT_TRUE(log().contains("Not publishing http://h/p/a : the header Set-Cookie"));
 }
 
@@ -202,11 +202,11 @@ TEST_F(PublishTest, RecordStoredFromAnotherUrlMovesItsFileAndNoPublishDirectoryP
 {
     ASSERT_TRUE(store("http://h/other", "k", "<p>1</p>", {Html}, 0, "o"));
     ASSERT_TRUE(store("http://h2/other", "k", "<p>2</p>", {Html}, 0, "o"));
-    EXPECT_TRUE(published("o", "http/h/other.vesk.html").isEmpty());
-    EXPECT_EQ("<p>2</p>", published("o", "http/h2/other.vesk.html"));
+    EXPECT_TRUE(published("o", "http/h:80/other.vesk.html").isEmpty());
+    EXPECT_EQ("<p>2</p>", published("o", "http/h2:80/other.vesk.html"));
     VHTMLCache::setPublishDir(QByteArray());
     ASSERT_TRUE(store("http://h/p/a", "k", "<p>1</p>"));
-    EXPECT_TRUE(published("p", "http/h/p/a.vesk.html").isEmpty());
+    EXPECT_TRUE(published("p", "http/h:80/p/a.vesk.html").isEmpty());
 }
 
 // The cleaner's sweep: a page past its own lifetime (its grace left out),
@@ -224,14 +224,14 @@ TEST_F(PublishTest, SweepEndsFilesOfEndedPages)
     ASSERT_TRUE(QFile::rename(QFile::decodeName(index + "cut"), QFile::decodeName(index + ".gone-1-1")));
     VPublishedPages* pages = VHTMLCache::published();
     pages->sweep(now, [&](const QByteArray& n, const QByteArray& k) { return cache->store()->contains(n, k, false); });
-    EXPECT_EQ("<p>1</p>", published("p", "http/h/p/live.vesk.html"));
-    EXPECT_TRUE(published("p", "http/h/p/old.vesk.html").isEmpty());
-    EXPECT_TRUE(published("p", "http/h/p/evicted.vesk.html").isEmpty());
-    EXPECT_TRUE(published("p", "http/h/p/cut.vesk.html").isEmpty());
+    EXPECT_EQ("<p>1</p>", published("p", "http/h:80/p/live.vesk.html"));
+    EXPECT_TRUE(published("p", "http/h:80/p/old.vesk.html").isEmpty());
+    EXPECT_TRUE(published("p", "http/h:80/p/evicted.vesk.html").isEmpty());
+    EXPECT_TRUE(published("p", "http/h:80/p/cut.vesk.html").isEmpty());
     EXPECT_FALSE(QFile::exists(QFile::decodeName(index + ".gone-1-1")));
     // Later, the live one's lifetime runs out too.
     pages->sweep(now + 60, [](const QByteArray&, const QByteArray&) { return true; });
-    EXPECT_TRUE(published("p", "http/h/p/live.vesk.html").isEmpty());
+    EXPECT_TRUE(published("p", "http/h:80/p/live.vesk.html").isEmpty());
 }
 
 } // namespace

@@ -231,7 +231,7 @@ include /etc/passwd;</name></url>
     EXPECT_TRUE(nginx.contains("    if ($http_cookie !~ \"(^|;)\\s*seen=\") { set $vesk_block \"\"; }\n"));
     EXPECT_FALSE(nginx.contains("never"));
     EXPECT_EQ(3, nginx.count("if ($vesk_block) { set $vesk_rule 1; }")); // two of A, one of B
-    EXPECT_TRUE(nginx.contains("    set $vesk_file \"/" + ns + "/$scheme/$host${uri}\";\n"
+    EXPECT_TRUE(nginx.contains("    set $vesk_file \"/" + ns + "/$scheme/$host:$server_port${uri}\";\n"
                                "    if (!-f \"/srv/pub${vesk_file}.vesk.html\") { set $vesk_rule \"\"; }\n"));
     EXPECT_TRUE(nginx.contains("        alias /srv/pub/$1.vesk.html;\n"));
     EXPECT_TRUE(nginx.contains("        default_type \"text/html; charset=UTF-8\";\n"));
@@ -248,6 +248,6 @@ include /etc/passwd;</name></url>
     // Two blocks that can hold, a gzip and a clear rewrite each, and B's two.
     EXPECT_EQ(6, apache.count("RewriteRule ^ /vesk-published/"));
     EXPECT_TRUE(apache.contains("-f\nRewriteRule ^ /vesk-published/" + ns
-                                + "/%{REQUEST_SCHEME}/%{SERVER_NAME}%{REQUEST_URI}.vesk.html.gz [L]\n"));
+                                + "/%{REQUEST_SCHEME}/%{SERVER_NAME}:%{SERVER_PORT}%{REQUEST_URI}.vesk.html.gz [L]\n"));
     EXPECT_FALSE(apache.contains("# Rule \"C\""));
 }

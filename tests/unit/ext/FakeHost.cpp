@@ -128,6 +128,21 @@ const char* vesk_request_query_string()
     return host().hasQueryString ? host().queryString.c_str() : nullptr;
 }
 
+void vesk_cookie_names(std::vector<std::string>* names)
+{
+    names->clear();
+}
+
+const char* vesk_request_uri()
+{
+    return nullptr;
+}
+
+bool vesk_request_has_credentials()
+{
+    return false;
+}
+
 const char* vesk_request_cookie_data()
 {
     return host().cookieData.empty() ? nullptr : host().cookieData.c_str();

@@ -274,34 +274,6 @@ TEST_F(HostProbesTest, WebServerApis)
     EXPECT_TRUE(isFastCgiHost());
 }
 
-TEST_F(HostProbesTest, CurrentUrl)
-{
-    host().serverVariables = {{"HTTP_HOST", "example.com"}, {"SERVER_PORT", "80"},
-                              {"REQUEST_URI", "/a/b?x=1"}};
-    EXPECT_STREQ("http://example.com:80/a/b?x=1", RequestUrl::read().whole().constData());
-
-    host().serverVariables["HTTP_HOST"] = "example.com:8080";
-    host().serverVariables["HTTPS"] = "on";
-    EXPECT_STREQ("https://example.com:8080/a/b?x=1", RequestUrl::read().whole().constData());
-
-    host().serverVariables["HTTPS"] = "OFF";
-    EXPECT_STREQ("http://example.com:8080/a/b?x=1", RequestUrl::read().whole().constData());
-    // An empty HTTPS is plain http, as the gate reads it.
-    host().serverVariables["HTTPS"] = "";
-    EXPECT_STREQ("http://example.com:8080/a/b?x=1", RequestUrl::read().whole().constData());
-
-    // A URI far past any fixed buffer.
-    const std::string longUri = "/" + std::string(100000, 'a');
-    host().serverVariables["REQUEST_URI"] = longUri;
-    EXPECT_EQ("http://example.com:8080" + longUri, RequestUrl::read().whole().toStdString());
-    host().serverVariables["REQUEST_URI"] = "/a/b?x=1";
-
-    host().serverVariables.erase("HTTP_HOST");
-    EXPECT_STREQ("", RequestUrl::read().whole().constData());
-    host().hasGetenv = false;
-    EXPECT_STREQ("", RequestUrl::read().whole().constData());
-}
-
 TEST_F(HostProbesTest, InternalRequestByPort)
 {
     host().serverVariables = {{"HTTP_HOST", "localhost"}, {"SERVER_PORT", "10081"},

@@ -130,13 +130,4 @@ TEST_F(RequestDecisionTest, ConditionalRequestsAnswerWithoutABody)
     EXPECT_EQ(412, failed.status);
 }
 
-TEST_F(RequestDecisionTest, SplitValueWithNulPassesTheRequestOn)
-{
-    storePage("page");
-    source.values["_SERVER[REQUEST_URI]"] = QByteArray("/page\0x", 7);
-    CacheLookup lookup;
-    EXPECT_EQ(CacheAnswer::Pass, decide(lookup));
-    EXPECT_EQ(200, host().responseCode);
-}
-
 } // namespace

@@ -34,6 +34,11 @@ TEST_F(RequestUrlTest, HostWithPortTakesNoSecondForm)
     EXPECT_FALSE(url.hasAddedPort());
     EXPECT_EQ("https://example.com:8080/a", url.ruleUrl());
     EXPECT_EQ(url.ruleUrl(), url.ruleUrl(true));
+    // "off" in any case and an empty HTTPS are plain http, as the gate reads them.
+    for (const char* off : {"OFF", ""}) {
+        server()["HTTPS"] = off;
+        EXPECT_EQ("http://example.com:8080/a", RequestUrl::read().whole());
+    }
 }
 
 TEST_F(RequestUrlTest, QueryAtTheStartStaysAndBytesBeyondUtf8AreReplaced)
@@ -56,6 +61,10 @@ TEST_F(RequestUrlTest, NoRuleUrlWithoutAHostButTheUriLengthCounts)
     const RequestUrl url = RequestUrl::read();
     EXPECT_EQ("", url.whole());
     EXPECT_EQ(9000, url.uriLength());
+    server()["HTTP_HOST"] = "h";
+    EXPECT_EQ("http://h:80" + server()["REQUEST_URI"], RequestUrl::read().whole().toStdString());
+    FakeHost::instance().hasGetenv = false;
+    EXPECT_EQ("", RequestUrl::read().whole());
 }
 
 } // namespace

@@ -188,6 +188,28 @@ TEST_F(ConditionsTest, SplitKeyKeepsTodaysKeysForOrdinaryValues)
     }
 }
 
+TEST_F(ConditionsTest, SplitByHostReadsTheSiteTheServerAnsweredFor)
+{
+    source.present = {"_SERVER"};
+    source.values["_SERVER[HTTP_HOST]"] = "a.test:1234";
+    QByteArray key;
+    ASSERT_TRUE(faithfulSplitKey(SplitBlock({"_SERVER[HTTP_HOST]"}).block, "u", key, "a.test:80"));
+    EXPECT_EQ("_SERVERa.test:80", key);
+    const struct
+    {
+        QByteArray host, port, site;
+        bool conflict;
+    } table[] = {{"A.test", "8090", "a.test:8090", false},    {"a.test:8090", "8090", "a.test:8090", false},
+                 {"a.test:1234", "8090", "a.test:8090", true}, {"[::1]:8090", "8090", "[::1]:8090", false},
+                 {"a.test:1234", "", "a.test:1234", false},    {"a.test", "", "a.test", false},
+                 {"a.test:80", "8090", "a.test:8090", false},  {"a.test:443", "8090", "a.test:8090", true}};
+    for (const auto& row : table) {
+        bool conflict = !row.conflict;
+        EXPECT_EQ(row.site, requestSite(row.host, row.port, false, &conflict)) << row.host.constData();
+        EXPECT_EQ(row.conflict, conflict) << row.host.constData();
+    }
+}
+
 TEST_F(ConditionsTest, SplitKeyGivesEveryTupleItsOwnKey)
 {
     source.present = {"_GET", "_SERVER"};

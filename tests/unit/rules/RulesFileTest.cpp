@@ -164,6 +164,7 @@ TEST_F(RulesFixture, RulesThatSharePagesAcrossRequestsAreNamed)
     const QByteArray hosts = "shares its pages across hosts: add a split by _SERVER[HTTP_HOST]";
     const QByteArray schemes = "shares its pages across http and https: add a split by _SERVER[HTTPS]";
     const QByteArray paths = "shares its pages across paths: add a split by _SERVER[REQUEST_URI]";
+    const QByteArray roots = "covers / of every host: give it the host and path of its own application";
     const struct
     {
         QByteArray url;
@@ -182,6 +183,8 @@ TEST_F(RulesFixture, RulesThatSharePagesAcrossRequestsAreNamed)
         {R"(schema="http" host="&amp;lt;default-server&amp;gt;" path="p.*" match_type="regex_match")", host + uri,
          {schemes}},
         {R"(schema="http" host="h" path="p.*" match_type="regex_match" enable="false")", "", {}},
+        {R"(schema="http" host="&amp;lt;default-server&amp;gt;" path="")", host + https, {roots}},
+        {R"(schema="http" host=".*" path="(index\.php)?" match_type="regex_match")", host + https + uri, {roots}},
         {R"(schema="http" host="h" path="p" match_type="regex_match")",
          R"(<split_condition global="_SERVER[HTTP_HOST][x]"/><split_condition global="_GET[HTTPS]"/>)" + uri,
          {hosts, schemes}},
@@ -200,6 +203,31 @@ TEST_F(RulesFixture, RulesThatSharePagesAcrossRequestsAreNamed)
     ParsedRules named(rulesXml(R"x(<url schema="http" host="&amp;lt;default-server&amp;gt;" path="(a|b)"
         match_type="regex_match"><name>Two pages</name><split_by>)x" + host + https + "</split_by></url>"));
     EXPECT_TRUE(log().contains("WARNING] Rule Two pages ( http://<default-server>/(?:a|b) ) " + paths + " \n"));
+}
+
+TEST_F(RulesFixture, PagesAreStoredFromTheCookiesTheRuleAccountsFor)
+{
+    const QByteArray rule = R"(<url schema="http" host="h" path="p" ignore_cookies="_ga utm_* *_pref" %1>
+        <conditions_OR_block><conditions_AND_block><condition global="_COOKIE[a][x]" type="exists"/>
+        <condition global="_SESSION[u]" type="exists"/><condition global="_COOKIE" type="exists"/>
+        </conditions_AND_block></conditions_OR_block><split_by>%2</split_by></url>)";
+    const struct
+    {
+        QByteArray attribute, split;
+        QList<QByteArray> cookies;
+        QByteArray unaccounted;
+    } table[] = {
+        {"", R"(<split_condition global="_COOKIE[b]"/>)", {"a", "b", "SID", "_ga", "utm_x", "my_pref"}, ""},
+        {"", R"(<split_condition global="_COOKIE[b]"/>)", {"a", "login", "c"}, "login"},
+        {"", R"(<split_condition global="_COOKIE[b]"/>)", {"_gax"}, "_gax"},
+        {"", R"(<split_condition global="_SERVER[HTTP_COOKIE]"/>)", {"login"}, ""},
+        {"", R"(<split_condition global="_COOKIE"/>)", {"login"}, ""},
+        {R"(store_any_cookie="true")", "", {"login"}, ""},
+    };
+    for (const auto& row : table) {
+        ParsedRules rules(rulesXml(QString::fromLatin1(rule).arg(row.attribute, row.split).toLatin1()));
+        EXPECT_EQ(row.unaccounted, rules.rules().first().unaccountedCookie(row.cookies, "SID")) << row.split.constData();
+    }
 }
 
 // The whole load: schema validation, then the reader.
