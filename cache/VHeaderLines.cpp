@@ -74,20 +74,23 @@ void apply(QLinkedList<QByteArray>& lines, Op op, const QByteArray& text)
 
 void addVary(QLinkedList<QByteArray>& lines, const char* token)
 {
+    QByteArray* first = nullptr;
     for (QByteArray& line : lines) {
         if (!hasName(line, "Vary"))
             continue;
-        const QList<QByteArray> present = line.mid(int(strlen("Vary:"))).split(',');
-        for (const QByteArray& item : present) {
+        for (const QByteArray& item : line.mid(int(strlen("Vary:"))).split(',')) {
             const QByteArray name = item.trimmed();
             if (name == "*" || strcasecmp(name.constData(), token) == 0)
                 return;
         }
-        line += line.trimmed().endsWith(':') ? " " : ", ";
-        line += token;
+        first = first ? first : &line;
+    }
+    if (!first) {
+        lines.append(QByteArray("Vary: ") + token);
         return;
     }
-    lines.append(QByteArray("Vary: ") + token);
+    *first += first->trimmed().endsWith(':') ? " " : ", ";
+    *first += token;
 }
 
 } // namespace VHeaderLines

@@ -1,8 +1,9 @@
 <?php
 /*
  * Plugin Name: Vesk Page Cache removal
- * Description: Removes the pages stored under the "WordPress" rule whenever
- *   content that shows on them changes. Copy it into wp-content/mu-plugins/.
+ * Description: Removes the pages stored under the "WordPress" and "WordPress
+ *   icon" rules whenever content that shows on them changes. Copy it into
+ *   wp-content/mu-plugins/.
  */
 
 // A post, a comment, a menu or the theme can show on every page (lists of
@@ -16,6 +17,7 @@ function vesk_pagecache_forget_pages()
     }
     $done = true;
     page_cache_remove_cached_contents_by_rule('WordPress');
+    page_cache_remove_cached_contents_by_rule('WordPress icon');
 }
 
 foreach (['save_post', 'deleted_post', 'trashed_post', 'untrashed_post', 'comment_post', 'edit_comment',

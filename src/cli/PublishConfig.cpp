@@ -153,6 +153,7 @@ QString nginxPublishConfig(const QList<CacheRule>& rules, const QByteArray& publ
                 "        gzip_static on;\n"
                 "        gzip_vary on;\n"
                 "        etag off;\n"
+                "        add_header Cache-Control no-cache;\n"
                 "        if_modified_since before;\n"
                 "    }\n")
                 .arg(QString::fromLocal8Bit(publishDir), QLatin1String(VPublishedPages::contentType()),
@@ -248,6 +249,7 @@ QString apachePublishConfig(const QByteArray& publishDir)
                // ForceType lowercases the charset; the header as PHP sent it.
                "    Header set Content-Type \"%2\"\n"
                "    FileETag None\n"
+               "    Header set Cache-Control no-cache\n"
                // mod_deflate (on for text/html in Debian) would compress the
                // gzip copy once more: the files go out as they lie.
                "    SetEnv no-gzip 1\n"

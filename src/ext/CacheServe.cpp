@@ -92,7 +92,8 @@ QDateTime lastModifiedSent(const CacheEntry& entry, qint64 created)
 
 bool belongsToNotModified(const QByteArray& line)
 {
-    for (const char* name : {"Cache-Control", "Expires", "Vary", "ETag", "Content-Location"}) {
+    // The page's date as well, which a client without an ETag keeps.
+    for (const char* name : {"Cache-Control", "Expires", "Vary", "ETag", "Content-Location", "Last-Modified"}) {
         if (VHeaderLines::hasName(line, name))
             return true;
     }

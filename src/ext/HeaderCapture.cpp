@@ -44,6 +44,8 @@ void captureHeaderLine(VeskHeaderOp op, const char* text, size_t length)
         return;
     const VDebug::StreamId log = moduleState.logStream;
     if (op == VeskHeaderOp::Delete || op == VeskHeaderOp::DeleteAll) {
+        if (r.captureEndedByScript)
+            return;
         VHeaderLines::apply(r.storedHeaders,
                             op == VeskHeaderOp::Delete ? VHeaderLines::Op::Delete : VHeaderLines::Op::DeleteAll,
                             QByteArray(text, int(length)));
@@ -53,6 +55,11 @@ void captureHeaderLine(VeskHeaderOp op, const char* text, size_t length)
     const QByteArray line(text, int(length));
     r.seenHeaders.append(line);
     logEncoding(line);
+    // Once the script ended the capture, the page's lines went out with
+    // it; what the levels below add later (an engine's compression) is
+    // the transport's, not the page's. The response rules still see it.
+    if (r.captureEndedByScript)
+        return;
     // The visitor's own session cookie never goes into a stored page.
     if (r.inSessionStartup && VHeaderLines::hasName(line, "Set-Cookie")) {
         VLOG(log, 4) << "Ignoring header for storing (during session startup):" << line;

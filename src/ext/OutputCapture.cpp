@@ -16,16 +16,129 @@
 #include <QDateTime>
 #include <cstring>
 #include <ctime>
+#include <limits>
 
 namespace {
 
+// The page won't be stored: the client hears why, and the capture stops.
+void refuse(const char* reason)
+{
+    sayPass(reason);
+    requestState.buffering = false;
+}
+
+// Whether the request, the response rules and the script's end still let
+// the page be stored. Asked before the page's lines go out, so that a page they refuse
+// is never told as stored nor dated.
+bool responseAccepted()
+{
+    const RequestState& r = requestState;
+    const VDebug::StreamId log = moduleState.logStream;
+    VHTMLCache* cache = VHTMLCache::instance();
+    if (!r.storeRefusal.isNull()) {
+        refuse(r.storeRefusal.constData());
+        return false;
+    }
+    if (!cache->areHeadersCacheable(r.seenHeaders, r.appId)) {
+        disableCaching();
+        refuse("header rule");
+        return false;
+    }
+    const int exitStatus = vesk_exit_status();
+    VLOG(log, 5) << "Current request status is" << exitStatus;
+    if (!cache->isStatusCacheable(vesk_response_code(), r.appId)) {
+        disableCaching();
+        // A fatal error is why the engine made the status 500.
+        refuse(exitStatus == 255 ? "fatal error" : "status rule");
+        return false;
+    }
+    if (exitStatus == 255) {
+        VLOG(log, 3) << "A PHP error has occurred during the request. Output will not be cached.";
+        refuse("fatal error");
+        return false;
+    }
+    return true;
+}
+
+// Whether a page of `length` bytes gets a gzip copy beside the clear one.
+// Where an output handler of the engine compresses every response, a hit
+// goes out through it too: a gzip copy would be compressed twice.
+bool gzipCopyWanted(qint64 length)
+{
+    const RequestState& r = requestState;
+    return r.responseCompressed
+           || (VHTMLCache::compressionWanted(length, r.compressionAllowed,
+                                             iniFromEngine("tidy.clean_output", strlen("tidy.clean_output")))
+               && !vesk_output_compressing());
+}
+
+// What a stored page goes out with beyond the script's own lines, on its
+// miss and, stored with it, on each hit and 304: the date conditional
+// requests compare with; a Cache-Control that has browsers and shared
+// caches ask again every time, as a stored page changes without notice,
+// unless the application chose its own; and Vary where a gzip copy may
+// go out instead.
+void addPageLines(QLinkedList<QByteArray>& lines, bool gzipCopy)
+{
+    if (!VHeaderLines::value(lines, "Last-Modified").isNull()) {
+        VLOG(moduleState.logStream, 3) << "Not generating Last-Modified header - already sent";
+    } else {
+        static QDateTime now;
+        now = QDateTime::fromSecsSinceEpoch(qint64(time(nullptr)), Qt::UTC);
+        lines.append("Last-Modified: " + now.toString(QStringLiteral("ddd, dd MMM yyyy hh:mm:ss 'GMT'")).toLatin1());
+    }
+    if (VHeaderLines::value(lines, "Cache-Control").isNull() && VHeaderLines::value(lines, "Expires").isNull())
+        lines.append("Cache-Control: no-cache");
+    if (gzipCopy)
+        VHeaderLines::addVary(lines, "Accept-Encoding");
+}
+
+// Sends every line of each name whose lines `lines` changed, so that the
+// response holds them as `lines` does.
+void sendPageLines(const QLinkedList<QByteArray>& lines)
+{
+    QList<QByteArray> changed;
+    for (const QByteArray& line : lines) {
+        if (!requestState.storedHeaders.contains(line))
+            changed.append(line.left(line.indexOf(':')).toLower());
+    }
+    QLinkedList<QByteArray> going;
+    for (const QByteArray& line : lines) {
+        if (changed.contains(line.left(line.indexOf(':')).toLower()))
+            going.append(line);
+    }
+    replayHeaders(going);
+}
+
+// The page's lines go out now, ahead of its first part: from here on
+// they are the ones it is stored with.
+void sendPageLinesNow(bool gzipCopy)
+{
+    RequestState& r = requestState;
+    if (r.pageLinesSent || vesk_headers_sent())
+        return;
+    QLinkedList<QByteArray> lines = r.storedHeaders;
+    addPageLines(lines, gzipCopy);
+    sendPageLines(lines);
+    r.pageLinesSent = true;
+}
+
 // A flush of the capture's level sends part of the page on ahead: that
 // part is kept, so the page stored is still the whole of what was sent.
+// The response's lines go with the first part, so the page is judged
+// then; it is stored unless the script fails or breaks the capture after.
 void keepFlushed(const char* output, size_t length, const VeskOutputPass& pass)
 {
     RequestState& r = requestState;
-    if (pass.flush && !pass.clean && r.buffering && r.cacheable && output)
-        r.flushedOutput.append(output, int(length));
+    if (!pass.flush || pass.clean || !r.buffering || !r.cacheable || !output || length == 0)
+        return;
+    if (!r.pageLinesSent && !vesk_headers_sent()) {
+        if (!responseAccepted())
+            return;
+        sendPageLinesNow(gzipCopyWanted(std::numeric_limits<qint64>::max()));
+        sayVerdict("miss", "flushed");
+    }
+    r.flushedOutput.append(output, int(length));
 }
 
 // What the script did to the capture's own level that leaves it without
@@ -38,19 +151,6 @@ bool captureBroken(const VeskOutputPass& pass)
     return true;
 }
 
-// After a flush reached the client its headers are gone: the page is
-// then stored with the lines the client got, and no line of ours.
-void addLastModified()
-{
-    if (requestState.lastModifiedSent) {
-        VLOG(moduleState.logStream, 3) << "Not generating Last-Modified header - already sent";
-    } else if (!vesk_headers_sent()) {
-        static QDateTime now;
-        now = QDateTime::fromSecsSinceEpoch(qint64(time(nullptr)), Qt::UTC);
-        sendHeader("Last-Modified: " + now.toString(QStringLiteral("ddd, dd MMM yyyy hh:mm:ss 'GMT'")).toLatin1());
-    }
-}
-
 // A script may end the capture's level with a flush: applications end
 // every level at shutdown so that their page goes out at once. What the
 // level held is on its way to the client then, and it is the whole page
@@ -61,19 +161,12 @@ bool holdEndedCapture(const char* output, size_t length, const VeskOutputPass& p
     if (pass.clean || !pass.byScript || !vesk_output_watch_rest(length))
         return false;
     r.flushedOutput.append(output ? output : "", int(length));
-    r.captureEndedByScript = true;
     // The lines below hold the page back yet; later they may have gone out.
-    addLastModified();
+    sendPageLinesNow(gzipCopyWanted(r.flushedOutput.size()));
+    r.captureEndedByScript = true;
     // Told now, while it can be: stored unless something follows.
     sayVerdict("miss");
     return true;
-}
-
-// The page won't be stored: the client hears why, and the capture stops.
-void refuse(const char* reason)
-{
-    sayPass(reason);
-    requestState.buffering = false;
 }
 
 // What a rule that publishes needs to publish the page: the Content-Type
@@ -92,13 +185,38 @@ PublishTarget publishTarget()
     return target;
 }
 
+// The lines the page is stored with: its own and, while they can still go
+// out, those every stored page goes out with. Null when the page went out
+// undated, as a stored page never is.
+QLinkedList<QByteArray> storedLines(qint64 length)
+{
+    RequestState& r = requestState;
+    QLinkedList<QByteArray> lines = r.storedHeaders;
+    if (!vesk_headers_sent())
+        addPageLines(lines, gzipCopyWanted(length));
+    else if (VHeaderLines::value(lines, "Last-Modified").isNull())
+        lines.clear();
+    return lines;
+}
+
+void logStored(const char* output, size_t length)
+{
+    const RequestState& r = requestState;
+    const VDebug::StreamId log = moduleState.logStream;
+    if (r.responseCompressed)
+        VLOG(log, 5) << "Stored compressed entry with size" << quint64(length) << "for" << r.requestUrl
+                     << "with matched rule" << r.ruleUrl << "and specific match key" << r.matchKey;
+    else
+        VLOG(log, 5) << "Stored entry" << QByteArray(output ? output : "", int(length)).constData() << "for"
+                     << r.requestUrl << "with matched rule" << r.ruleUrl << "and specific match key" << r.matchKey;
+}
+
 // The page passed every test: its output joined to what was flushed ahead,
-// stored under the request's key.
+// stored under the request's key. Its lines go out once it is stored.
 void storeWhole(const char* output, size_t length, int responseCode)
 {
     RequestState& r = requestState;
     const VDebug::StreamId log = moduleState.logStream;
-    VHTMLCache* cache = VHTMLCache::instance();
     if (!r.flushedOutput.isEmpty()) {
         r.flushedOutput.append(output ? output : "", int(length));
         output = r.flushedOutput.constData();
@@ -109,35 +227,36 @@ void storeWhole(const char* output, size_t length, int responseCode)
         refuse("encoding");
         return;
     }
-    if (output && length == 0) {
+    // A redirect has nothing to say but its Location line.
+    const bool redirect = responseCode / 100 == 3 && !VHeaderLines::value(r.storedHeaders, "Location").isNull();
+    if (output && length == 0 && !redirect) {
         VLOG(log, 3) << "Empty output to store. Output will not be cached.";
         refuse("empty");
         return;
     }
-    addLastModified();
+    const QLinkedList<QByteArray> lines = storedLines(qint64(length));
+    if (lines.isEmpty()) {
+        VLOG(log, 3) << "The page went out without a Last-Modified header. Output will not be cached.";
+        refuse("flushed");
+        return;
+    }
     const PageLifetime lifetime(r.rule->d->storedLifetime(), r.rule->d->freshLifetime());
-    // Where an output handler of the engine compresses every response, a
-    // hit goes out through it too: a gzip copy would be compressed twice.
-    const bool compress = VHTMLCache::compressionWanted(qint64(length), r.compressionAllowed,
-                                                        iniFromEngine("tidy.clean_output", strlen("tidy.clean_output")))
-                          && !vesk_output_compressing();
+    const bool compress = !r.responseCompressed && gzipCopyWanted(qint64(length));
     const bool publish = pagePublishable();
     const PublishTarget target = publish ? publishTarget() : PublishTarget();
-    if (!cache->storeOutput(r.namespaceKey, r.matchKey, r.url.whole(), output, qint64(length), responseCode,
-                            r.storedHeaders, lifetime, compress, r.responseCompressed, publish ? &target : nullptr)) {
+    if (!VHTMLCache::instance()->storeOutput(r.namespaceKey, r.matchKey, r.url.whole(), output, qint64(length),
+                                             responseCode, lines, lifetime, compress, r.responseCompressed,
+                                             publish ? &target : nullptr)) {
         VLOG(log, 0) << "Storing entry failed";
         sayPass("store error");
         return;
     }
+    if (!vesk_headers_sent())
+        sendPageLines(lines);
     sayVerdict("miss");
     if (pageCacheConfig.pulse_enable)
         PageCachePulse::instance()->addTimeSaved(r.rule->id, r.rule->name, QString::fromLatin1(r.matchKey));
-    if (r.responseCompressed)
-        VLOG(log, 5) << "Stored compressed entry with size" << quint64(length) << "for" << r.requestUrl
-                     << "with matched rule" << r.ruleUrl << "and specific match key" << r.matchKey;
-    else
-        VLOG(log, 5) << "Stored entry" << QByteArray(output ? output : "", int(length)).constData() << "for"
-                     << r.requestUrl << "with matched rule" << r.ruleUrl << "and specific match key" << r.matchKey;
+    logStored(output, length);
     r.buffering = false;
     r.flushedOutput.clear();
 }
@@ -145,50 +264,25 @@ void storeWhole(const char* output, size_t length, int responseCode)
 void storeToCache(const char* output, size_t length, const VeskOutputPass& pass)
 {
     RequestState& r = requestState;
-    const VDebug::StreamId log = moduleState.logStream;
-    VHTMLCache* cache = VHTMLCache::instance();
     if (!pass.final) {
         // A clean only drops what no client will see.
         keepFlushed(output, length, pass);
         return;
     }
-    VLOG(log, 5) << "storeToCache handler called with output size of" << quint64(length);
+    VLOG(moduleState.logStream, 5) << "storeToCache handler called with output size of" << quint64(length);
     if (!r.buffering || !r.cacheable) {
-        VLOG(log, 5) << "Current request is not cached";
+        VLOG(moduleState.logStream, 5) << "Current request is not cached";
         refuse(r.passReason ? r.passReason : "disabled");
         r.flushedOutput.clear();
         return;
     }
-    if (!r.storeRefusal.isNull()) {
-        refuse(r.storeRefusal.constData());
+    if (!responseAccepted() || holdEndedCapture(output, length, pass))
         return;
-    }
-    if (holdEndedCapture(output, length, pass))
-        return;
-    if (!cache->areHeadersCacheable(r.seenHeaders, r.appId)) {
-        disableCaching();
-        refuse("header rule");
-        return;
-    }
-    const int exitStatus = vesk_exit_status();
-    VLOG(log, 5) << "Current request status is" << exitStatus;
-    const int responseCode = vesk_response_code();
-    if (!cache->isStatusCacheable(responseCode, r.appId)) {
-        disableCaching();
-        // A fatal error is why the engine made the status 500.
-        refuse(exitStatus == 255 ? "fatal error" : "status rule");
-        return;
-    }
-    if (exitStatus == 255) {
-        VLOG(log, 3) << "A PHP error has occurred during the request. Output will not be cached.";
-        refuse("fatal error");
-        return;
-    }
     if (captureBroken(pass)) {
         refuse("buffer");
         return;
     }
-    storeWhole(output, length, responseCode);
+    storeWhole(output, length, vesk_response_code());
 }
 } // namespace
 

@@ -32,6 +32,7 @@
 #include "VException.h"
 #include "VFileDate.h"
 #include "VHTMLCache.h"
+#include "VHeaderLines.h"
 #include "VMD5.h"
 
 #include <strings.h>
@@ -109,6 +110,7 @@ void resetResponseState()
     r.responseCompressed = false;
     r.responseIsGzip = false;
     r.lastModifiedSent = false;
+    r.pageLinesSent = false;
     r.inSessionStartup = false;
     // A long-lived worker keeps the exit status of an earlier request that
     // died; this request's own errors are what the capture must judge.
@@ -217,6 +219,10 @@ void setUpRule()
     r.ruleActive = true;
     r.compressionAllowed = pageCacheConfig.compression_enable;
     r.namespaceKey = namespaceKeyFor(r.ruleUrl);
+    r.engineLines.clear();
+    for (const std::string& line : vesk_header_lines())
+        r.engineLines.append(QByteArray(line.data(), int(line.size())));
+    r.storedHeaders = r.engineLines;
     r.storeRefusal = unaccountedCookie(*r.rule);
     if (r.rule->d->splitNeedsSession) {
         r.waitingForSession = true;
@@ -285,6 +291,18 @@ void empty(int previousCode, qint64 ruleId, const QString& ruleName)
     setResponseCode(previousCode);
 }
 
+// A stored page goes out with its own lines alone: a line the engine put
+// in before any script (X-Powered-By) that the page's script removed
+// stays removed on its hits.
+void dropEngineLines(const QLinkedList<QByteArray>& page)
+{
+    for (const QByteArray& line : requestState.engineLines) {
+        const QByteArray name = line.left(line.indexOf(':'));
+        if (VHeaderLines::value(page, name.constData()).isNull())
+            vesk_remove_header(name.constData(), size_t(name.size()));
+    }
+}
+
 // Sends the stored page. The stored status goes first: a Location line
 // sent under a 200 would make the engine turn a stored 301 into a 302.
 void serve(CacheLookup& lookup)
@@ -293,6 +311,7 @@ void serve(CacheLookup& lookup)
     requestState.buffering = false;
     if (entry.status() > 0)
         setResponseCode(entry.status());
+    dropEngineLines(entry.headers());
     sayVerdict(lookup.stale ? "stale" : "hit");
     QLinkedList<QByteArray> headers = entry.headers();
     if (pageCacheConfig.enable_qa_info)
@@ -467,6 +486,7 @@ bool answerFromCache(const QString& ruleName, qint64 ruleId)
     case CacheAnswer::NotModified:
         break;
     }
+    dropEngineLines(lookup.conditional.m_headers);
     sayVerdict(lookup.stale ? "stale" : "hit");
     // A 304 is a hit without a body, with the validators and caching lines
     // of the page it stands for; a 412 counts for nothing.

@@ -39,6 +39,10 @@ struct RequestState
     QLinkedList<QByteArray> storedHeaders;
     // What the script flushed through the capture ahead of its end.
     QByteArray flushedOutput;
+    // The lines the engine put in the response before any script ran
+    // (X-Powered-By): a stored page starts with them, and a hit drops those
+    // its page no longer had.
+    QLinkedList<QByteArray> engineLines;
     // Every header line of this response, for the response rules.
     QLinkedList<QByteArray> seenHeaders;
     bool ruleActive = false;
@@ -53,6 +57,9 @@ struct RequestState
     // The script ended the capture's level with a flush; the page is
     // stored at request end if nothing followed it.
     bool captureEndedByScript = false;
+    // The lines a stored page goes out with beyond the script's own were
+    // sent ahead of a flush: the page's lines are settled.
+    bool pageLinesSent = false;
     // This request builds its page under the page's lock in the store,
     // which request end gives up, stored or not.
     bool holdsPageLock = false;

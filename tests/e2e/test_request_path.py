@@ -126,7 +126,11 @@ class RequestPath(harness.Case):
             first = self.request("GET", "/" + page)
             second = self.request("GET", "/" + page)
             self.assertEqual(2, self.runs(page), page)
-            self.assertEqual((first[0], "pass (%s)" % verdict), (second[0], second[1]["x-pagecache"]))
+            self.assertEqual((first[0], "pass (%s)" % verdict, None),
+                             (second[0], second[1]["x-pagecache"], second[1].get("last-modified")))
+        # Refused as the script ends every level at shutdown, as WordPress does: told so, never dated.
+        headers = self.request("GET", "/status.php?shutdown=1")[1]
+        self.assertEqual(("pass (status rule)", None), (headers["x-pagecache"], headers.get("last-modified")))
         self.assertIn(b"before the error", self.request("GET", "/fatal.php")[2])
         self.assertEqual("visitor", self.request("GET", "/cookie.php")[1]["set-cookie"].split("=")[0])
         self.assertEqual(404, self.request("GET", "/status.php")[0])

@@ -127,6 +127,10 @@ bool vesk_reserved_word_set(int index);
 int vesk_extension_resource_number(const char* name, const char* author);
 // Adds a header line; `replace` first drops the lines of the same name.
 void vesk_add_header(const char* line, size_t length, bool replace);
+// The header lines the response holds now, in order.
+std::vector<std::string> vesk_header_lines();
+// Drops the response's lines of that name, as header_remove() does.
+void vesk_remove_header(const char* name, size_t length);
 // Whether the response's headers have gone out already.
 bool vesk_headers_sent();
 void vesk_output_write(const char* data, size_t length);

@@ -19,6 +19,13 @@ int stubLine = 0;
 // many of them were already on their way when it began.
 size_t bytesWritten = 0;
 size_t bytesExpected = 0;
+// A level below the capture that compresses (zlib.output_compression,
+// ob_gzhandler): its bytes out can't be compared with the page, so the
+// bytes it is handed are counted instead, until it passes on its last.
+php_output_handler* compressingLevel = nullptr;
+php_output_handler_context_func_t compressingFunc = nullptr;
+size_t bytesCompressed = 0;
+size_t compressedExpected = 0;
 // CGI and FastCGI write the header block through the same call as the body.
 bool sendingHeaders = false;
 // The client had its response; the rest of the request is for the store.
@@ -120,6 +127,56 @@ void outputHandler(char* output, size_t length, char** handled, size_t* handledL
 
 const char CaptureName[] = "HTML Cache";
 
+bool isCompressing(const php_output_handler* level)
+{
+    return zend_string_equals_literal(level->name, "zlib output compression")
+           || zend_string_equals_literal(level->name, "ob_gzhandler");
+}
+
+// What the levels below `level` hold; -1 unless each passes its bytes on
+// unchanged.
+long heldBelow(const php_output_handler* level)
+{
+    long held = 0;
+    auto* levels = static_cast<php_output_handler**>(zend_stack_base(&OG(handlers)));
+    for (int i = 0; i < zend_stack_count(&OG(handlers)) && levels[i] != level; ++i) {
+        if (!zend_string_equals_literal(levels[i]->name, "default output handler"))
+            return -1;
+        held += long(levels[i]->buffer.used);
+    }
+    return held;
+}
+
+int countingCompressor(void** handlerContext, php_output_context* context)
+{
+    bytesCompressed += context->in.used;
+    const int result = compressingFunc(handlerContext, context);
+    if (result == SUCCESS && !(context->op & PHP_OUTPUT_HANDLER_FINAL))
+        return result;
+    // Its last pass, or it gave up and passes its bytes on as they came:
+    // from here on the server gets what the levels below hold and this.
+    bytesWritten = 0;
+    bytesExpected = size_t(heldBelow(compressingLevel)) + (result == SUCCESS ? context->out.used : context->in.used);
+    compressingLevel->func.internal = compressingFunc;
+    compressingLevel = nullptr;
+    return result;
+}
+
+// Counts what the compressing level at `index` is handed from now on.
+bool watchCompressing(php_output_handler** levels, int index, size_t heldAbove, size_t passedOn)
+{
+    php_output_handler* level = levels[index];
+    if ((level->flags & PHP_OUTPUT_HANDLER_USER) || (level->flags & PHP_OUTPUT_HANDLER_DISABLED)
+        || heldBelow(level) < 0)
+        return false;
+    compressingLevel = level;
+    compressingFunc = level->func.internal;
+    level->func.internal = countingCompressor;
+    bytesCompressed = 0;
+    compressedExpected = heldAbove + level->buffer.used + passedOn;
+    return true;
+}
+
 } // namespace
 
 const char* vesk_request_method()
@@ -188,6 +245,24 @@ void vesk_add_header(const char* line, size_t length, bool replace)
     sapi_add_header_ex(line, length, true, replace);
 }
 
+std::vector<std::string> vesk_header_lines()
+{
+    std::vector<std::string> lines;
+    for (zend_llist_element* element = SG(sapi_headers).headers.head; element; element = element->next) {
+        const sapi_header_struct* header = reinterpret_cast<const sapi_header_struct*>(element->data);
+        lines.emplace_back(header->header, header->header_len);
+    }
+    return lines;
+}
+
+void vesk_remove_header(const char* name, size_t length)
+{
+    sapi_header_line line = {};
+    line.line = name;
+    line.line_len = length;
+    sapi_header_op(SAPI_HEADER_DELETE, &line);
+}
+
 bool vesk_headers_sent()
 {
     return SG(headers_sent) != 0;
@@ -236,17 +311,23 @@ bool vesk_output_compressing()
 bool vesk_output_watch_rest(size_t passedOn)
 {
     // Only levels that pass their bytes on unchanged let the bytes still to
-    // come be counted against what was on its way.
+    // come be counted against what was on its way; below a compressing one,
+    // what it is handed is counted.
     size_t held = 0;
+    const size_t passing = responseFinished ? 0 : passedOn;
     const int count = zend_stack_count(&OG(handlers));
     auto* levels = static_cast<php_output_handler**>(zend_stack_base(&OG(handlers)));
-    for (int i = 0; i + 1 < count; ++i) {
-        if (!zend_string_equals_literal(levels[i]->name, "default output handler"))
+    compressingLevel = nullptr;
+    bytesCompressed = compressedExpected = 0;
+    for (int i = count - 2; i >= 0 && !compressingLevel; --i) {
+        if (isCompressing(levels[i]) && !watchCompressing(levels, i, held, passing))
+            return false;
+        if (!compressingLevel && !zend_string_equals_literal(levels[i]->name, "default output handler"))
             return false;
         held += levels[i]->buffer.used;
     }
     bytesWritten = 0;
-    bytesExpected = held + (responseFinished ? 0 : passedOn);
+    bytesExpected = compressingLevel ? 0 : held + passing;
     ubWriteSlot.install(sapi_module.ub_write);
     if (sapi_module.send_headers)
         sendHeadersSlot.install(sapi_module.send_headers);
@@ -257,7 +338,10 @@ bool vesk_output_rest_as_expected()
 {
     ubWriteSlot.restore(sapi_module.ub_write);
     sendHeadersSlot.restore(sapi_module.send_headers);
-    return bytesWritten == bytesExpected;
+    // A compressing level that never passed on its last: nothing to tell by.
+    const bool compressorDone = compressingLevel == nullptr;
+    compressingLevel = nullptr;
+    return compressorDone && bytesCompressed == compressedExpected && bytesWritten == bytesExpected;
 }
 
 void vesk_sapi_flush()

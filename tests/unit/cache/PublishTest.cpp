@@ -88,7 +88,7 @@ TEST(SendsAsStored, OnlyHeadersTheWebServerSendsTheSame)
 {
     QByteArray why;
     const QByteArray type = VPublishedPages::contentType();
-    EXPECT_TRUE(VPublishedPages::sendsAsStored(200, Headers{Html, Dated, "Vary: Accept-Encoding"}, type, &why));
+    EXPECT_TRUE(VPublishedPages::sendsAsStored(200, Headers{Html, Dated, "Vary: Accept-Encoding", "Cache-Control: no-cache"}, type, &why));
     EXPECT_TRUE(VPublishedPages::sendsAsStored(200, Headers{}, type, &why));
     EXPECT_FALSE(VPublishedPages::sendsAsStored(404, Headers{}, type, &why));
     EXPECT_EQ("status 404", why);
