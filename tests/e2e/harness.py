@@ -117,15 +117,6 @@ class Workspace:
         return workspace, docroot
 
 
-def runs(site, page="page.php"):
-    """How often `page` of `site` has run: each page notes its runs."""
-    try:
-        with open(os.path.join(site, "runs.log")) as f:
-            return f.read().split().count(page)
-    except FileNotFoundError:
-        return 0
-
-
 def run_tool(workspace, directives, *args):
     """The operators' tool over `directives`, written to an ini file of the workspace."""
     ini = workspace.path("tool.ini")
@@ -639,7 +630,12 @@ class Case(unittest.TestCase):
         return server
 
     def runs(self, page="page.php"):
-        return runs(self.site, page)
+        """How often `page` of the site has run: each page notes its runs."""
+        try:
+            with open(os.path.join(self.site, "runs.log")) as f:
+                return f.read().split().count(page)
+        except FileNotFoundError:
+            return 0
 
     def records(self):
         """The page records in the workspace's store, without the files

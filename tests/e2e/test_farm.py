@@ -41,6 +41,8 @@ class Node:
         self.test.wait_until(lambda: self.workspace.log().count("Cluster agent reads the task queue") > joined,
                              10, "the node's agent didn't join the queue")
 
+    runs = harness.Case.runs
+
     def get(self, path="/page.php"):
         status, _, body = harness.http_get(self.server.port, path, HOST)
         self.test.assertEqual(200, status)
@@ -48,9 +50,9 @@ class Node:
 
     def hit(self, path="/page.php"):
         """Whether a request for `path` is served from the store."""
-        runs = harness.runs(self.site)
+        runs = self.runs()
         self.get(path)
-        return harness.runs(self.site) == runs
+        return self.runs() == runs
 
     def status(self):
         """What `vesk-pagecache status` says of the node's queue."""
