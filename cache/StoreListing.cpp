@@ -2,62 +2,83 @@
 
 #include "VDiskStorage.h"
 
-#include <QDirIterator>
-#include <QFile>
-#include <QtEndian>
-
-#include <cstdlib>
+#include <cerrno>
+#include <cstring>
+#include <dirent.h>
 
 namespace {
 
-// The namespace and key a record file says it holds (see
-// cache/STORE_FORMAT.md); false for anything that isn't a record.
-bool readNames(const QString& path, StoredPage& page)
+class StoreWalk
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
+public:
+    StoreWalk(VDiskStorage& store, const std::function<void(const StoredPage&)>& visit)
+        : m_store(store), m_visit(visit)
+    {
+    }
+
+    // Directories are read entry by entry and left before the next one is
+    // opened, so the walk holds one path per level and one record.
+    bool walk(const QByteArray& dir, bool isRoot)
+    {
+        DIR* handle = opendir(dir.constData());
+        if (!handle)
+            return (isRoot && errno == ENOENT) || failed(dir, errno);
+        bool read = true;
+        while (const struct dirent* entry = readdir(handle)) {
+            // Writes in progress, locks and trees being deleted aren't records.
+            if (entry->d_name[0] == '.')
+                continue;
+            const QByteArray path = dir + '/' + entry->d_name;
+            read = (entry->d_type == DT_DIR ? walk(path, false) : visitRecord(path)) && read;
+        }
+        closedir(handle);
+        return read;
+    }
+
+    QString error;
+
+private:
+    bool visitRecord(const QByteArray& path)
+    {
+        VDiskStorage::RecordInfo info;
+        int problem = 0;
+        if (!VDiskStorage::readRecordInfo(path, &info, &problem))
+            return problem == EISDIR ? walk(path, false) : problem == 0 || failed(path, problem);
+        StoredPage page;
+        page.ns = info.ns;
+        page.key = info.key;
+        page.written = info.written;
+        page.lifetime = info.lifetime;
+        page.fileBytes = info.fileBytes;
+        int length = 0;
+        char* value = m_store.read(page.ns, page.key, &length);
+        if (!value)
+            return true;
+        page.entry.takeRecord(value, length);
+        if (page.entry.formatTag() == CacheEntry::FormatTag)
+            m_visit(page);
+        return true;
+    }
+
+    bool failed(const QByteArray& path, int problem)
+    {
+        if (error.isEmpty())
+            error = QStringLiteral("cannot read %1: %2").arg(QString::fromLocal8Bit(path),
+                                                             QString::fromLocal8Bit(strerror(problem)));
         return false;
-    const QByteArray header = file.read(VDiskStorage::HeaderSize);
-    if (header.size() != VDiskStorage::HeaderSize || !header.startsWith("VKDS"))
-        return false;
-    const uchar* h = reinterpret_cast<const uchar*>(header.constData());
-    page.written = qFromLittleEndian<qint64>(h + 8);
-    page.lifetime = qFromLittleEndian<qint64>(h + 16);
-    const quint32 nsLength = qFromLittleEndian<quint32>(h + 32);
-    const quint32 keyLength = qFromLittleEndian<quint32>(h + 36);
-    if (nsLength > 4096 || keyLength > 4096)
-        return false;
-    const QByteArray names = file.read(qint64(nsLength) + keyLength);
-    if (names.size() != int(nsLength + keyLength))
-        return false;
-    page.ns = nsLength ? names.left(int(nsLength)) : QByteArray();
-    page.key = names.mid(int(nsLength));
-    page.fileBytes = file.size();
-    return true;
-}
+    }
+
+    VDiskStorage& m_store;
+    const std::function<void(const StoredPage&)>& m_visit;
+};
 
 } // namespace
 
-QList<StoredPage> listStore(VDiskStorage& store)
+bool forEachStoredPage(VDiskStorage& store, const std::function<void(const StoredPage&)>& visit, QString* error)
 {
-    QList<StoredPage> pages;
-    QDirIterator files(QString::fromLocal8Bit(store.root()), QDir::Files, QDirIterator::Subdirectories);
-    while (files.hasNext()) {
-        const QString path = files.next();
-        // Writes in progress and trees being deleted aren't records.
-        if (files.fileName().startsWith(QLatin1Char('.')) || path.contains(QStringLiteral("/.trash-")))
-            continue;
-        StoredPage page;
-        if (!readNames(path, page))
-            continue;
-        int length = 0;
-        char* value = store.read(page.ns, page.key, &length);
-        if (!value)
-            continue;
-        page.entry.takeRecord(value, length);
-        if (page.entry.formatTag() != CacheEntry::FormatTag)
-            continue;
-        pages << page;
-    }
-    return pages;
+    StoreWalk walk(store, visit);
+    const bool read = walk.walk(store.root(), true);
+    if (error)
+        *error = walk.error;
+    return read;
 }

@@ -3,7 +3,9 @@
 #include "CacheEntry.h"
 
 #include <QByteArray>
-#include <QList>
+#include <QString>
+
+#include <functional>
 
 class VDiskStorage;
 
@@ -20,7 +22,12 @@ struct StoredPage
     bool compressedCopy() const { return key.endsWith(".z"); }
 };
 
-// Every live page of the store, in no particular order. Each record is read
-// through the store itself, so a doubtful one is absent here as it is to a
-// worker (and the read deletes it, as a worker's would).
-QList<StoredPage> listStore(VDiskStorage& store);
+// Hands each live page of the store to `visit`, one at a time and in no
+// particular order: a walk holds one record in memory, whatever the store's
+// size. Each record is read through the store itself, so a doubtful one is
+// absent here as it is to a worker (and the read deletes it, as a worker's
+// would). False, with the reason in `error`, when a directory or record of
+// the store can't be read: a walk that missed part of the store must not
+// pass for one that found it empty. A store not made yet holds no page.
+bool forEachStoredPage(VDiskStorage& store, const std::function<void(const StoredPage&)>& visit,
+                       QString* error = nullptr);

@@ -1,5 +1,7 @@
 #include "VCacheCleaner.h"
 
+#include <QFileInfo>
+
 #include "PageCacheLogStream.h"
 #include "VCleanerWatch.h"
 #include "VClusterAgent.h"
@@ -228,6 +230,27 @@ bool VCacheCleaner::purgeDatabaseChanged()
     return changed;
 }
 
+namespace {
+
+// Without a pid directory there is no pid file to write; without a pid
+// file the cleaner still cleans. It makes no directory for it (one made by
+// a cleaner that runs as root would shut the workers out of it): the
+// default one, the store's save path, comes with the first stored page.
+// A write that failed is not tried again, so it is logged once.
+void writePidFile(QSharedPointer<PidFileData>& pidFile, const VeskServerInfo& serverInfo)
+{
+    if (pidFile || !QFileInfo(QString::fromLocal8Bit(VGlobals::pidDirectory())).isDir())
+        return;
+    try {
+        pidFile = VGlobals::createPidFile(PageCacheLogStream, serverInfo, VGlobals::PID_PAGECACHE_CLEANER);
+    } catch (const VException& e) {
+        VLOG(PageCacheLogStream, 0) << e.what();
+        pidFile.reset(new PidFileData(QByteArray()));
+    }
+}
+
+} // namespace
+
 void VCacheCleaner::run()
 {
     const VDebug::StreamId log = PageCacheLogStream;
@@ -235,15 +258,7 @@ void VCacheCleaner::run()
     VLOG(log, 3) << "Cache cleaner starting at pid" << qint64(getpid());
     VeskServerInfo* serverInfo = new VeskServerInfo(productDir.toLocal8Bit().constData(), "", log);
     QSharedPointer<PidFileData> pidFile;
-    // Without a pid directory (vesk.pid_dir) there is no pid file to write;
-    // without a pid file the cleaner still cleans.
-    if (!VGlobals::pidDirectory().isEmpty()) {
-        try {
-            pidFile = VGlobals::createPidFile(log, *serverInfo, VGlobals::PID_PAGECACHE_CLEANER);
-        } catch (const VException& e) {
-            VLOG(log, 0) << e.what();
-        }
-    }
+    writePidFile(pidFile, *serverInfo);
     if (storage)
         storage->setSizeBound(maxStoreSize, pageOf);
     // From now on a purge counts, whenever it comes.
@@ -262,6 +277,7 @@ void VCacheCleaner::run()
             break;
         }
         clean();
+        writePidFile(pidFile, *serverInfo);
         // Cleaning back to back leaves no second to wait in: the agent
         // looks for tasks between cleanings.
         if (frequency <= 0 && agent)

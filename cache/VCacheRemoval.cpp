@@ -8,7 +8,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSet>
 
 namespace {
 
@@ -226,17 +225,22 @@ bool VCacheRemoval::removePurged(VHTMLCache& cache) const
     if (!cache.store())
         return false;
     const QString url = m_url.isEmpty() ? QString() : normalizeUrl(m_url);
-    QSet<QByteArray> removed;
+    // One record at a time, whatever the store's size. Removing a page
+    // takes both its copies, so the walk never meets the other one after.
+    int removed = 0;
     bool allRemoved = true;
-    for (const StoredPage& page : listStore(*cache.store())) {
+    QString error;
+    const bool walked = forEachStoredPage(*cache.store(), [&](const StoredPage& page) {
         const bool covered = (!url.isEmpty() && normalizeUrl(QString::fromLatin1(page.entry.url())) == url)
                              || (m_createdUntil.isValid() && page.entry.created() <= m_createdUntil);
+        if (!covered)
+            return;
+        ++removed;
         const QByteArray key = page.compressedCopy() ? page.key.left(page.key.size() - 2) : page.key;
-        if (!covered || removed.contains(page.ns + '/' + key))
-            continue;
-        removed.insert(page.ns + '/' + key);
         allRemoved = cache.removeEntry(page.ns, key) && allRemoved;
-    }
-    VLOG(log, 3) << "Purge removed" << removed.size() << "pages";
-    return allRemoved;
+    }, &error);
+    if (!walked)
+        VLOG(log, 0) << "Purge could not read the whole store:" << error;
+    VLOG(log, 3) << "Purge removed" << removed << "pages";
+    return walked && allRemoved;
 }

@@ -8,6 +8,8 @@
 
 #include <QFileInfo>
 
+#include <unistd.h>
+
 VClusterAgent::VClusterAgent(const QByteArray& queueUrl, qint64 nodeId, const Store& store)
     : store(store), nodeId(nodeId)
 {
@@ -16,6 +18,9 @@ VClusterAgent::VClusterAgent(const QByteArray& queueUrl, qint64 nodeId, const St
     loadNewerRules();
     m_group = groupName(nodeId, cache->store()->root());
     consumer.reset(new TKDTaskConsumer(queueUrl, m_group));
+    char host[256] = {};
+    gethostname(host, sizeof host - 1);
+    identity = QByteArray(host) + ':' + cache->store()->root();
 }
 
 VClusterAgent::~VClusterAgent()
@@ -64,10 +69,20 @@ bool VClusterAgent::reachQueue()
 
 // A node away longer than the stream keeps tasks can't know which pages
 // the tasks it missed removed: it removes them all, then goes on from the
-// newest task, which that removal covers.
+// newest task, which that removal covers. So does a node whose group had
+// to be made anew: whatever Redis lost with it (a restart without its
+// data, a flush, an eviction), nothing tells which tasks came meanwhile.
+// The group is made before the removal, so no task falls between the two.
 void VClusterAgent::catchUpWithTheStream()
 {
     const TKDQueuePosition& joined = consumer->joinedAt();
+    if (consumer->groupMade()) {
+        VLOG(PageCacheLogStream, 1) << "Cluster agent found no consumer group" << m_group
+                                    << "(new node, or Redis lost it): removing every page";
+        storeOwed = true;
+        removeWhatIsOwed();
+        return;
+    }
     if (!joined.missedTasks())
         return;
     VLOG(PageCacheLogStream, 0) << "Cluster agent missed tasks the queue no longer holds: removing every page";
@@ -76,17 +91,44 @@ void VClusterAgent::catchUpWithTheStream()
         consumer->skipTo(joined);
 }
 
+// Two nodes given one id would each pass over the tasks the other made for
+// the other nodes: each node says who it is at every round, and hears who
+// said so before it. Nodes of one machine and one store are one node.
+void VClusterAgent::checkNodeIdIsOurs()
+{
+    const QByteArray other = consumer->claimNodeId(nodeId, identity, 60);
+    if (other.isEmpty() || other == identity || duplicateLogged)
+        return;
+    duplicateLogged = true;
+    VLOG(PageCacheLogStream, 0) << "Cluster agent: node id" << nodeId << "is used by another node too:" << other
+                                << "besides" << identity << "(each node needs a vesk.node_id of its own)";
+}
+
+// The removal of every page that a new group calls for, until it is done:
+// no task is read before it.
+bool VClusterAgent::removeWhatIsOwed()
+{
+    if (!storeOwed)
+        return true;
+    loadNewerRules();
+    storeOwed = !VCacheRemoval::all().carryOut(*cache);
+    return !storeOwed;
+}
+
 bool VClusterAgent::waitForTasks(int ms)
 {
-    if (!reachQueue())
+    if (!reachQueue() || !removeWhatIsOwed())
         return false;
     try {
+        checkNodeIdIsOurs();
         for (const TKDTask& task : consumer->next(ms)) {
             carryOut(task);
             consumer->acknowledge(task.id);
         }
     } catch (const VException& e) {
-        // What wasn't acknowledged comes again after the next connect.
+        // What wasn't acknowledged comes again after the next connect,
+        // which also makes the group again if Redis lost it (a refused read).
+        consumer->disconnect();
         VLOG(PageCacheLogStream, 0) << "Cluster agent lost the task queue:" << e.what();
         unreachableLogged = true;
         return false;

@@ -51,6 +51,8 @@ public:
 private:
     bool reachQueue();
     void catchUpWithTheStream();
+    void checkNodeIdIsOurs();
+    bool removeWhatIsOwed();
     // The rules a removal names are those the workers have: a newer rules
     // file is read again before a task is carried out, as a worker reads
     // it before a request.
@@ -63,4 +65,9 @@ private:
     qint64 nodeId;
     QByteArray m_group;
     bool unreachableLogged = false;
+    // This machine and store, as the node's heartbeat names them.
+    QByteArray identity;
+    bool duplicateLogged = false;
+    // Every page must go before a task is read (see catchUpWithTheStream).
+    bool storeOwed = false;
 };

@@ -346,7 +346,7 @@ void readInto(VDiskStorage* storage, const QByteArray& ns, const QByteArray& key
 
 // One copy of a page, clear or gzip, as one record of the store.
 bool writeCopy(VDiskStorage* storage, const QByteArray& ns, const QByteArray& key, const QByteArray& url, int status,
-               const QLinkedList<QByteArray>& headers, const QByteArray& body, quint32 lifetime)
+               const QLinkedList<QByteArray>& headers, const QByteArray& body, PageLifetime lifetime)
 {
     CacheEntry entry;
     entry.m_formatTag = CacheEntry::FormatTag;
@@ -355,7 +355,7 @@ bool writeCopy(VDiskStorage* storage, const QByteArray& ns, const QByteArray& ke
     entry.m_headers = headers;
     entry.m_body = body;
     char scratch = 0;
-    if (storage->write(ns, key, entry.toRecord(), &scratch, int(lifetime), 0))
+    if (storage->write(ns, key, entry.toRecord(), &scratch, int(lifetime.kept), 0, int(lifetime.fresh)))
         return true;
     if (key.endsWith(".z"))
         VLOG(PageCacheLogStream, 0) << "failed to store compressed output for" << key << storage->lastError.constData();
@@ -386,6 +386,12 @@ qint64 VHTMLCache::entryLastModified(const QByteArray& ns, const QByteArray& key
     return modified < 0 ? 0 : modified;
 }
 
+qint64 VHTMLCache::entryStaleFrom(const QByteArray& ns, const QByteArray& key)
+{
+    const long from = storage ? storage->getStaleFrom(ns, key) : 0;
+    return from < 0 ? 0 : from;
+}
+
 bool VHTMLCache::removeEntry(const QByteArray& ns, const QByteArray& key)
 {
     // Both copies: a gzip copy left behind would go on answering for the
@@ -400,7 +406,7 @@ bool VHTMLCache::removeEntry(const QByteArray& ns, const QByteArray& key)
 }
 
 bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const QByteArray& url, const char* data,
-                             qint64 size, int status, const QLinkedList<QByteArray>& headers, quint32 lifetime,
+                             qint64 size, int status, const QLinkedList<QByteArray>& headers, PageLifetime lifetime,
                              bool compress, bool alreadyCompressed, const PublishTarget* publish)
 {
     const VDebug::StreamId log = PageCacheLogStream;

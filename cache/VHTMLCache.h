@@ -14,6 +14,17 @@
 class VCacheCleaner;
 class VDiskStorage;
 
+// How long the store keeps a page, and how long of that it is fresh: the
+// rest is its grace, in which it is served stale while it is rebuilt. The
+// record keeps both, so a later change of its rule never makes it fresh again.
+struct PageLifetime
+{
+    PageLifetime(quint32 kept) : kept(kept), fresh(kept) {}
+    PageLifetime(quint32 kept, quint32 fresh) : kept(kept), fresh(fresh) {}
+    quint32 kept;
+    quint32 fresh;
+};
+
 class VHTMLCache : public VRuleMatcher
 {
 public:
@@ -64,6 +75,8 @@ public:
     bool entryExists(const QByteArray& ns, const QByteArray& key, bool unused);
     // When the entry expires, in seconds since 1970; 0 when unknown.
     qint64 entryLastModified(const QByteArray& ns, const QByteArray& key);
+    // When the entry turns stale, as its record says; 0 when it never does.
+    qint64 entryStaleFrom(const QByteArray& ns, const QByteArray& key);
     // Removes both copies of a page, the clear one and the gzip one.
     bool removeEntry(const QByteArray& ns, const QByteArray& key);
     // Stores a page: a gzip copy when `compress` (or when the body is gzip
@@ -71,7 +84,7 @@ public:
     // page is also published when the web server can send it as stored,
     // and otherwise loses what an older page of the record published.
     bool storeOutput(const QByteArray& ns, const QByteArray& key, const QByteArray& url, const char* data,
-                     qint64 size, int status, const QLinkedList<QByteArray>& headers, quint32 lifetime,
+                     qint64 size, int status, const QLinkedList<QByteArray>& headers, PageLifetime lifetime,
                      bool compress, bool alreadyCompressed, const PublishTarget* publish = nullptr);
     static QDateTime parseHttpDate(const char* text);
     // Whether a page gets a gzip copy: more than 1024 bytes, compression

@@ -61,9 +61,9 @@ public:
     // with grace stays fresh through its lifetime's last second, which
     // makes it fresh for at least its lifetime, as nginx counts its own.
     quint32 storedLifetime() const { return lifetime == 0 ? 0 : grace == 0 ? lifetime : lifetime + grace + 1; }
-    // Whether a page the store keeps until `keptUntil` is past its own
-    // lifetime, in its grace.
-    bool staleAt(qint64 keptUntil, qint64 now) const { return lifetime > 0 && grace > 0 && now >= keptUntil - grace; }
+    // How long of that a page is fresh: the record keeps it, so that a
+    // page is judged by what its rule said when it was stored.
+    quint32 freshLifetime() const { return lifetime == 0 || grace == 0 ? lifetime : lifetime + 1; }
     bool initialised = false;
     bool dontCache = false;
     bool conditionsNeedSession = false;

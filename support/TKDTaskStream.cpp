@@ -50,6 +50,19 @@ void refused(const char* what, const VRedisReply& reply)
         throw VException(QStringLiteral("Redis refused %1: %2").arg(QLatin1String(what), QString::fromUtf8(reply.text)));
 }
 
+// Redis counts the tasks a group has read only from 7.0 on; before, a node
+// can't tell whether it missed tasks, so it refuses such a server.
+void requireStreamCounts(VRedisConnection& connection)
+{
+    const VRedisReply info = connection.command({"INFO", "server"});
+    refused("INFO", info);
+    const int at = info.text.indexOf("redis_version:");
+    const QByteArray version = info.text.mid(at + 14, info.text.indexOf('\r', at) - at - 14);
+    if (at < 0 || version.split('.').value(0).toInt() < 7)
+        throw VException(QStringLiteral("Redis %1 is older than 7.0, which the cluster queue needs")
+                             .arg(QString::fromLatin1(at < 0 ? QByteArray("of unknown version") : version)));
+}
+
 } // namespace
 
 TKDTaskConsumer::TKDTaskConsumer(const QByteArray& url, const QByteArray& group)
@@ -63,9 +76,11 @@ void TKDTaskConsumer::connect()
 {
     connection.reset();
     std::unique_ptr<VRedisConnection> fresh(new VRedisConnection(address, ConnectTimeoutMs, 1000));
+    requireStreamCounts(*fresh);
     const VRedisReply reply = fresh->command({"XGROUP", "CREATE", TKDTaskStream::Key, group, "$", "MKSTREAM"});
     if (reply.isError() && !reply.text.startsWith("BUSYGROUP"))
         refused("the consumer group", reply);
+    madeGroup = !reply.isError();
     connection = std::move(fresh);
     readingPending = true;
     joined = positionOn(*connection, group);
@@ -125,6 +140,14 @@ QList<TKDTask> TKDTaskConsumer::next(int blockMs)
         readingPending = false;
     }
     return read(">", blockMs);
+}
+
+QByteArray TKDTaskConsumer::claimNodeId(qint64 nodeId, const QByteArray& identity, int seconds)
+{
+    const VRedisReply reply = connection->command({"SET", "vesk:pagecache:node:" + QByteArray::number(nodeId), identity,
+                                                   "EX", QByteArray::number(seconds), "GET"});
+    refused("the node's heartbeat", reply);
+    return reply.text;
 }
 
 void TKDTaskConsumer::acknowledge(const QByteArray& id)

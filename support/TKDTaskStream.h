@@ -55,9 +55,21 @@ public:
     ~TKDTaskConsumer();
 
     // Connects and joins the group, which starts at the stream's end when
-    // new. Throws VException; calling it again retries.
+    // new. Throws VException, also for a Redis older than 7.0 (whose
+    // streams can't tell a node what it missed); calling it again retries.
     void connect();
     bool connected() const;
+    // Lets the connection go: the next connect() joins the group anew, and
+    // makes it again if Redis has lost it meanwhile.
+    void disconnect() { connection.reset(); }
+    // Whether the last connect() made the group: either the node is new to
+    // the queue, or Redis lost the group (restarted without its data,
+    // flushed, the stream evicted) and with it what the node had read.
+    bool groupMade() const { return madeGroup; }
+    // Tells Redis that this node's id is used by `identity`, for `seconds`,
+    // and answers who said so before: another identity means that two
+    // nodes were given the same id.
+    QByteArray claimNodeId(qint64 nodeId, const QByteArray& identity, int seconds);
     // The next tasks: first those handed before and never acknowledged,
     // then new ones, waiting up to `blockMs` for one. Throws VException
     // when the connection fails; connect() again then.
@@ -82,5 +94,6 @@ private:
     QByteArray group;
     std::unique_ptr<VRedisConnection> connection;
     bool readingPending = true;
+    bool madeGroup = false;
     TKDQueuePosition joined;
 };

@@ -26,7 +26,7 @@
 namespace {
 
 const char Magic[4] = {'V', 'K', 'D', 'S'};
-const quint32 FormatVersion = 3;
+const quint32 FormatVersion = 4;
 const char TempPrefix[] = ".tmp-";
 const char TrashPrefix[] = ".trash-";
 // A page's lock lies beside its record as this and the record's name.
@@ -40,6 +40,8 @@ struct Header
 {
     qint64 writeTime = 0;
     qint64 lifetime = 0;
+    // How long of its lifetime the record is fresh; the rest is its grace.
+    qint64 freshFor = 0;
     quint64 length = 0;
     quint32 nsLength = 0;
     quint32 keyLength = 0;
@@ -50,6 +52,7 @@ struct Header
     quint64 valueOffset() const { return VDiskStorage::HeaderSize + identityLength(); }
 
     bool expiredAt(qint64 now) const { return lifetime > 0 && now >= writeTime + lifetime; }
+    qint64 staleFrom() const { return lifetime > 0 && freshFor < lifetime ? writeTime + freshFor : 0; }
 };
 
 void put32(char* at, quint32 v)
@@ -84,25 +87,27 @@ QByteArray encodeHeader(const Header& h)
     put32(at + 4, FormatVersion);
     put64(at + 8, quint64(h.writeTime));
     put64(at + 16, quint64(h.lifetime));
-    put64(at + 24, h.length);
-    put32(at + 32, h.nsLength);
-    put32(at + 36, h.keyLength);
-    put32(at + 40, h.bodyCrc);
-    put32(at + 44, crc(at, 44));
+    put64(at + 24, quint64(h.freshFor));
+    put64(at + 32, h.length);
+    put32(at + 40, h.nsLength);
+    put32(at + 44, h.keyLength);
+    put32(at + 48, h.bodyCrc);
+    put32(at + 52, crc(at, 52));
     return QByteArray(at, VDiskStorage::HeaderSize);
 }
 
 // Checks a header read from a file of `fileSize` bytes; false for anything doubtful.
 bool parseHeader(const char* bytes, quint64 fileSize, Header* h)
 {
-    if (memcmp(bytes, Magic, 4) != 0 || get32(bytes + 4) != FormatVersion || get32(bytes + 44) != crc(bytes, 44))
+    if (memcmp(bytes, Magic, 4) != 0 || get32(bytes + 4) != FormatVersion || get32(bytes + 52) != crc(bytes, 52))
         return false;
     h->writeTime = qint64(get64(bytes + 8));
     h->lifetime = qint64(get64(bytes + 16));
-    h->length = get64(bytes + 24);
-    h->nsLength = get32(bytes + 32);
-    h->keyLength = get32(bytes + 36);
-    h->bodyCrc = get32(bytes + 40);
+    h->freshFor = qint64(get64(bytes + 24));
+    h->length = get64(bytes + 32);
+    h->nsLength = get32(bytes + 40);
+    h->keyLength = get32(bytes + 44);
+    h->bodyCrc = get32(bytes + 48);
     return h->length <= quint64(INT_MAX) && h->identityLength() <= 1u << 20
            && fileSize == h->valueOffset() + h->length;
 }
@@ -564,7 +569,7 @@ void VDiskStorage::unlock()
 }
 
 bool VDiskStorage::write(const QByteArray& ns, const QByteArray& key, const QByteArray& value, char* outFlag,
-                         int lifetime, int)
+                         int lifetime, int, int freshFor)
 {
     release();
     if (outFlag)
@@ -574,6 +579,7 @@ bool VDiskStorage::write(const QByteArray& ns, const QByteArray& key, const QByt
     Header h;
     h.writeTime = m_env->now();
     h.lifetime = qMax(0, lifetime);
+    h.freshFor = freshFor < 0 || freshFor > lifetime ? h.lifetime : freshFor;
     h.length = quint64(value.size());
     h.nsLength = quint32(ns.size());
     h.keyLength = quint32(key.size());
@@ -689,6 +695,56 @@ long VDiskStorage::getLastModified(const QByteArray& ns, const QByteArray& key)
         return -1;
     close(fd);
     return long(h.writeTime + h.lifetime);
+}
+
+long VDiskStorage::getStaleFrom(const QByteArray& ns, const QByteArray& key)
+{
+    // The hit path asks right after contains(), whose header is still at hand.
+    if (m_held && m_held->ns == ns && m_held->key == key)
+        return long(m_held->header.staleFrom());
+    release();
+    Header h;
+    struct stat st;
+    const int fd = openRecord(recordPath(ns, key), ns, key, &h, &st);
+    if (fd < 0)
+        return -1;
+    close(fd);
+    return long(h.staleFrom());
+}
+
+bool VDiskStorage::readRecordInfo(const QByteArray& path, RecordInfo* info, int* error)
+{
+    *error = 0;
+    const int fd = open(path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        // Gone meanwhile, or a link, which the store never makes: no record.
+        *error = errno == ENOENT || errno == ELOOP ? 0 : errno;
+        return false;
+    }
+    char bytes[HeaderSize];
+    struct stat st;
+    Header h;
+    const bool statted = fstat(fd, &st) == 0;
+    if (!statted || S_ISDIR(st.st_mode)) {
+        *error = statted ? EISDIR : errno;
+        close(fd);
+        return false;
+    }
+    bool sound = pread(fd, bytes, HeaderSize, 0) == HeaderSize && parseHeader(bytes, quint64(st.st_size), &h);
+    QByteArray names;
+    if (sound) {
+        names.resize(int(h.identityLength()));
+        sound = readAll(fd, names.data(), size_t(names.size()), HeaderSize);
+    }
+    close(fd);
+    if (!sound)
+        return false;
+    info->ns = h.nsLength ? names.left(int(h.nsLength)) : QByteArray();
+    info->key = names.mid(int(h.nsLength));
+    info->written = h.writeTime;
+    info->lifetime = h.lifetime;
+    info->fileBytes = qint64(st.st_size);
+    return true;
 }
 
 bool VDiskStorage::remove(const QByteArray& ns, const QByteArray& key)

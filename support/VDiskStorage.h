@@ -59,8 +59,10 @@ public:
     virtual bool clearNamespace(const QByteArray& ns);
     virtual bool contains(const QByteArray& ns, const QByteArray& key, bool unused);
     // Replaces the record whole. A lifetime of 0 or less never expires.
+    // The record is fresh for its first `freshFor` seconds (all of its
+    // lifetime when negative) and stale, in its grace, for the rest.
     virtual bool write(const QByteArray& ns, const QByteArray& key, const QByteArray& value, char* outFlag,
-                       int lifetime, int unused);
+                       int lifetime, int unused, int freshFor = -1);
     // Deletes expired records, what interrupted writers and clears left, and
     // empty directories; then, under a size bound, whole pages, those closest
     // to expiry first, then the oldest.
@@ -82,6 +84,10 @@ public:
     Cleaning lastCleaning() const { return m_cleaning; }
     // When the record expires: its write time plus its lifetime, or -1.
     long getLastModified(const QByteArray& ns, const QByteArray& key);
+    // When the record turns stale: its write time plus the time it was
+    // written fresh for; 0 when it is fresh as long as it lives, -1 for none.
+    // The record's own word, whatever its rule says now.
+    long getStaleFrom(const QByteArray& ns, const QByteArray& key);
 
     // One page's lock across processes, beside its record, so that one
     // process builds a missing page while the others wait for it. A lock
@@ -101,11 +107,24 @@ public:
     static bool lockHolderAlive(const QByteArray& words);
     QByteArray lockPath(const QByteArray& ns, const QByteArray& key) const;
 
+    // What the header of the record file at `path` says; false, with the
+    // reason in `error` (errno's number) or 0 for a file that is no sound
+    // record, otherwise. For walks over the store, which find files by name.
+    struct RecordInfo
+    {
+        QByteArray ns;
+        QByteArray key;
+        qint64 written = 0;
+        qint64 lifetime = 0;
+        qint64 fileBytes = 0;
+    };
+    static bool readRecordInfo(const QByteArray& path, RecordInfo* info, int* error);
+
     QByteArray root() const { return m_root; }
     // Where a record lies; exposed for the tests of the format.
     QByteArray recordPath(const QByteArray& ns, const QByteArray& key) const;
 
-    static const int HeaderSize = 48;
+    static const int HeaderSize = 56;
 
 private:
     QByteArray namespaceDir(const QByteArray& ns) const;

@@ -3,7 +3,9 @@
 #include "VException.h"
 
 #include <QUrl>
+#include <arpa/inet.h>
 #include <hiredis/hiredis.h>
+#include <netdb.h>
 #include <sys/time.h>
 #include <vector>
 
@@ -41,6 +43,48 @@ VRedisReply copyOf(const redisReply* reply)
     }
     copy.text = QByteArray(reply->str, int(reply->len));
     return copy;
+}
+
+// The numeric address of `host`, looked up within `ms`: hiredis looks a
+// name up with a call that no timeout bounds, and a worker connects on the
+// request that queues a removal. Empty, with the reason in `error`, when
+// the lookup fails or takes longer.
+QByteArray numericHost(const QByteArray& host, int ms, QByteArray* error)
+{
+    unsigned char scratch[sizeof(struct in6_addr)];
+    if (inet_pton(AF_INET, host.constData(), scratch) == 1 || inet_pton(AF_INET6, host.constData(), scratch) == 1)
+        return host;
+    // Lives as long as the lookup: one that can't be cancelled in time
+    // still writes into it, so it is left to it then.
+    struct Lookup
+    {
+        QByteArray name;
+        struct addrinfo hints;
+        struct gaicb request;
+    };
+    Lookup* lookup = new Lookup{host, {}, {}};
+    lookup->hints.ai_socktype = SOCK_STREAM;
+    lookup->request.ar_name = lookup->name.constData();
+    lookup->request.ar_request = &lookup->hints;
+    struct gaicb* list[] = {&lookup->request};
+    int status = getaddrinfo_a(GAI_NOWAIT, list, 1, nullptr);
+    if (status == 0) {
+        const struct timespec limit = {ms / 1000, long(ms % 1000) * 1000000};
+        gai_suspend(list, 1, &limit);
+        status = gai_error(&lookup->request);
+        if (status == EAI_INPROGRESS && gai_cancel(&lookup->request) != EAI_CANCELED) {
+            *error = "looking up " + host + " took longer than " + QByteArray::number(ms) + " ms";
+            return QByteArray();
+        }
+    }
+    char text[INET6_ADDRSTRLEN] = {};
+    struct addrinfo* found = status == 0 ? lookup->request.ar_result : nullptr;
+    if (!found || getnameinfo(found->ai_addr, found->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST) != 0)
+        *error = "cannot look up " + host + ": " + (status == EAI_INPROGRESS ? QByteArray("too slow") : QByteArray(gai_strerror(status)));
+    if (found)
+        freeaddrinfo(found);
+    delete lookup;
+    return error->isEmpty() ? QByteArray(text) : QByteArray();
 }
 
 } // namespace
@@ -87,7 +131,11 @@ VRedisConnection::VRedisConnection(const VRedisAddress& address, int connectMs, 
 
 void VRedisConnection::open(const VRedisAddress& address, int connectMs, int commandMs)
 {
-    m_context = redisConnectWithTimeout(address.host.constData(), address.port, milliseconds(connectMs));
+    QByteArray error;
+    const QByteArray numeric = numericHost(address.host, connectMs, &error);
+    if (numeric.isEmpty())
+        fail(error);
+    m_context = redisConnectWithTimeout(numeric.constData(), address.port, milliseconds(connectMs));
     if (!m_context || m_context->err)
         fail("cannot connect");
     setCommandTimeout(commandMs);

@@ -53,12 +53,13 @@ QString expiryText(const StoredPage& page, qint64 now)
     return QStringLiteral("in %1 s").arg(page.written + page.lifetime - now);
 }
 
-// The cleaner's pid file, written in vesk.pid_dir while it runs.
+// The cleaner's pid file, written while it runs in vesk.pid_dir, or
+// without it in the store's save path.
 QString cleanerState(const CliDirectives& directives)
 {
-    const QByteArray pidDir = directives.value("vesk.pid_dir");
+    QByteArray pidDir = directives.value("vesk.pid_dir");
     if (pidDir.isEmpty())
-        return QStringLiteral("unknown (vesk.pid_dir is not set)");
+        pidDir = directives.savePath();
     QFile file(QString::fromLocal8Bit(pidDir) + QLatin1Char('/') +
                QLatin1String(VGlobals::PID_PAGECACHE_CLEANER) + QStringLiteral(".pid"));
     if (!file.open(QIODevice::ReadOnly))
@@ -114,13 +115,16 @@ int commandStatus(CliContext& context, const QStringList& args)
         return ExitFailed;
     const QHash<QByteArray, QString> names = ruleNames(*cache);
     QMap<QString, RuleTotals> totals;
-    for (const StoredPage& page : listStore(*cache->store())) {
+    QString error;
+    const bool read = forEachStoredPage(*cache->store(), [&](const StoredPage& page) {
         RuleTotals& t = totals[nameOf(names, page.ns)];
         page.compressedCopy() ? ++t.gzipCopies : ++t.pages;
         t.bytes += page.fileBytes;
         t.oldest = t.oldest ? qMin(t.oldest, page.written) : page.written;
         t.newest = qMax(t.newest, page.written);
-    }
+    }, &error);
+    if (!read)
+        return fail(ExitFailed, error);
     out(QStringLiteral("store: %1").arg(QString::fromLocal8Bit(cache->store()->root())));
     out(QStringLiteral("rules file: %1").arg(QString::fromLocal8Bit(context.directives.rulesFile())));
     out(QStringLiteral("cleaner: %1").arg(cleanerState(context.directives)));
@@ -152,11 +156,15 @@ int commandList(CliContext& context, const QStringList& args)
     if (!cache)
         return ExitFailed;
     const QHash<QByteArray, QString> names = ruleNames(*cache);
+    const QString only = parser.value(ruleOption);
+    if (parser.isSet(ruleOption) && names.key(only).isEmpty())
+        return fail(ExitFailed, QStringLiteral("no rule \"%1\" in the rules file").arg(only));
     const qint64 now = QDateTime::currentSecsSinceEpoch();
-    for (const StoredPage& page : listStore(*cache->store())) {
+    QString error;
+    const bool read = forEachStoredPage(*cache->store(), [&](const StoredPage& page) {
         const QString rule = nameOf(names, page.ns);
-        if (parser.isSet(ruleOption) && rule != parser.value(ruleOption))
-            continue;
+        if (parser.isSet(ruleOption) && rule != only)
+            return;
         out(QStringLiteral("%1\t%2\t%3\tstatus %4\tage %5 s\texpires %6\t%7 bytes%8")
                 .arg(rule, QString::fromUtf8(page.entry.url()), QString::fromLatin1(page.key))
                 .arg(page.entry.status())
@@ -164,8 +172,8 @@ int commandList(CliContext& context, const QStringList& args)
                 .arg(expiryText(page, now))
                 .arg(page.entry.bodySize())
                 .arg(page.compressedCopy() ? QStringLiteral("\tgzip") : QString()));
-    }
-    return ExitOk;
+    }, &error);
+    return read ? ExitOk : fail(ExitFailed, error);
 }
 
 namespace {
@@ -203,15 +211,17 @@ QByteArray showRequest(const CacheRule& rule, const QByteArray& url, RequestValu
     return key;
 }
 
-void showCopies(VHTMLCache& cache, const CacheRule& rule, const QByteArray& url, const QByteArray& requestKey)
+// False, with the reason in `error`, when the store can't be read.
+bool showCopies(VHTMLCache& cache, const CacheRule& rule, const QByteArray& url, const QByteArray& requestKey,
+                QString* error)
 {
     const QByteArray ns = VHTMLCache::ruleNamespace(rule);
     const qint64 now = QDateTime::currentSecsSinceEpoch();
     int copies = 0;
-    for (const StoredPage& page : listStore(*cache.store())) {
+    const bool read = forEachStoredPage(*cache.store(), [&](const StoredPage& page) {
         // Stored URLs keep their query; the copies of every query count.
         if (page.ns != ns || matchingUrl(QString::fromUtf8(page.entry.url())) != url)
-            continue;
+            return;
         ++copies;
         const bool mine = !requestKey.isEmpty() && page.key.startsWith(requestKey);
         out(QStringLiteral("stored copy %1 of %2: status %3, age %4 s, expires %5, %6 bytes%7")
@@ -223,9 +233,10 @@ void showCopies(VHTMLCache& cache, const CacheRule& rule, const QByteArray& url,
                 .arg(mine ? QStringLiteral(" (this request's)") : QString()));
         for (const QByteArray& header : page.entry.headers())
             out(QStringLiteral("    ") + QString::fromLatin1(header));
-    }
-    if (copies == 0)
+    }, error);
+    if (read && copies == 0)
         out(QStringLiteral("no stored copy"));
+    return read;
 }
 
 } // namespace
@@ -269,6 +280,6 @@ int commandInspect(CliContext& context, const QStringList& args)
             .arg(coverage.reason));
     out(describeRule(*coverage.rule, QStringLiteral("  ")));
     const QByteArray key = showRequest(*coverage.rule, url, values);
-    showCopies(*cache, *coverage.rule, url, key);
-    return ExitOk;
+    QString error;
+    return showCopies(*cache, *coverage.rule, url, key, &error) ? ExitOk : fail(ExitFailed, error);
 }

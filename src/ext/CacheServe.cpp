@@ -300,12 +300,12 @@ int readServedCopy(CacheEntry& entry, qint64 ruleId, const QString& ruleName)
 bool pageIsStale()
 {
     const RequestState& r = requestState;
-    // Only a rule with grace keeps pages past their lifetime: other hits
-    // read no record header for it.
-    if (r.rule->d->grace == 0 || r.rule->d->lifetime == 0)
-        return false;
-    const qint64 keptUntil = VHTMLCache::instance()->entryLastModified(r.namespaceKey, r.matchKey);
-    return keptUntil != 0 && r.rule->d->staleAt(keptUntil, QDateTime::currentSecsSinceEpoch());
+    // The record says when it turns stale, whatever grace its rule has now:
+    // a page stored with grace stays stale past its lifetime after the
+    // grace is lowered. The store answers from the header it has just
+    // read for entryExists, so no hit reads it twice.
+    const qint64 staleFrom = VHTMLCache::instance()->entryStaleFrom(r.namespaceKey, r.matchKey);
+    return staleFrom != 0 && QDateTime::currentSecsSinceEpoch() >= staleFrom;
 }
 
 // A page past its lifetime but in its grace is rebuilt by the one worker

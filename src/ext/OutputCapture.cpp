@@ -240,7 +240,7 @@ void storeWhole(const char* output, size_t length, int responseCode)
         refuse("flushed");
         return;
     }
-    const quint32 lifetime = r.rule->d->storedLifetime();
+    const PageLifetime lifetime(r.rule->d->storedLifetime(), r.rule->d->freshLifetime());
     const bool compress = !r.responseCompressed && gzipCopyWanted(qint64(length));
     const bool publish = pagePublishable();
     const PublishTarget target = publish ? publishTarget() : PublishTarget();

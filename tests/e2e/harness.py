@@ -70,6 +70,13 @@ class Workspace:
         shutil.copy(os.path.join(SOURCE_ROOT, "conf", "pagecache_rules_schema.xsd"), self.path("conf"))
         write(self.path("conf", "pagecache_rules.xml"), text)
 
+    def change_rules(self, text=None):
+        """`text` (when given) as the rules, dated later: every worker reloads them at its next request."""
+        if text is not None:
+            self.use_rules(text)
+        later = time.time() + 60
+        os.utime(self.path("conf", "pagecache_rules.xml"), (later, later))
+
     def path(self, *parts):
         return os.path.join(self.root, *parts)
 
@@ -108,6 +115,14 @@ class Workspace:
         docroot = workspace.path("site")
         shutil.copytree(os.path.join(os.path.dirname(os.path.abspath(__file__)), site), docroot)
         return workspace, docroot
+
+
+def run_tool(workspace, directives, *args):
+    """The operators' tool over `directives`, written to an ini file of the workspace."""
+    ini = workspace.path("tool.ini")
+    write(ini, "[PHP]\n" + "".join('%s = "%s"\n' % item for item in directives.items()))
+    return subprocess.run([TOOL, "--ini", ini] + list(args), capture_output=True, text=True, timeout=600,
+                          env=dict(os.environ, PHP_INI_SCAN_DIR=""))
 
 
 def http_get(port, path, headers=None, method="GET"):

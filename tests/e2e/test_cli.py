@@ -32,10 +32,12 @@ def ini_text(values):
 
 class Tool(harness.Case):
     def setUp(self):
-        self.workspace, self.site = harness.Workspace.with_site(self, RULES)
+        self.use_site(RULES)
         self.statsd = "unix:" + self.workspace.path("run", "statsd.sock")
         self.directives = self.workspace.directives(vesk_pagecache__log_verbosity_level="3",
                                                     vesk__statsd_connection_string=self.statsd)
+        del self.directives["vesk.pid_dir"]  # the cleaner and the tool share a default
+        self.directives["vesk_pagecache.clean_frequency"] = "1"
         self.server = None
 
     def start_server(self, **extra):
@@ -83,6 +85,8 @@ class Tool(harness.Case):
 
     def test_status_list_and_inspect_show_what_the_workers_stored(self):
         self.store_pages()
+        # The cleaner's first round after the store was made writes its pid file.
+        self.wait_until(lambda: "cleaner: running, pid" in self.ok("status"), 5, "the cleaner wasn't found")
         status = self.ok("status")
         self.assertIn('rule "Pages": 2 pages, 0 gzip copies', status)
         self.assertIn('rule "Sized": 1 pages, 1 gzip copies', status)
@@ -173,6 +177,24 @@ class Tool(harness.Case):
         out, _ = stats.communicate(timeout=30)
         self.assertEqual(0, stats.returncode)
         self.assertRegex(out, r"7 +-1 +Pages +2 +1 +1 +50\.0% +\d+")
+
+    def as_nobody(self):
+        self.directives.update({"vesk.httpd_uid": "65534", "vesk.httpd_gid": "65534"})
+        for name in ("", "log", "tmp", "conf"):
+            os.chmod(self.workspace.path(name), 0o777 if name in ("log", "tmp") else 0o755)
+
+    def test_a_store_it_cannot_read_and_an_unknown_rule_are_errors_not_emptiness(self):
+        self.store_pages()
+        unknown = self.tool("list", "--rule", "NoSuchRule")
+        self.assertEqual((1, 'vesk-pagecache: no rule "NoSuchRule" in the rules file\n'),
+                         (unknown.returncode, unknown.stderr))
+        if os.geteuid() == 0:
+            self.as_nobody()  # root reads any directory
+        os.chmod(self.workspace.path("tmp", "pagecache", "HTML-Cache"), 0)
+        for args in (["status"], ["list"], ["inspect", "http://127.0.0.1:%d/page.php" % self.server.port]):
+            result = self.tool(*args)
+            self.assertEqual(1, result.returncode, args)
+            self.assertRegex(result.stderr, r"^vesk-pagecache: cannot read .*HTML-Cache: Permission denied\n$")
 
     def test_bad_arguments_get_one_line_and_exit_code_2(self):
         for args in (["frobnicate"], [], ["list", "--rul", "x"], ["inspect"], ["inspect", "ftp://x/"],

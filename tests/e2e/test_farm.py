@@ -177,6 +177,8 @@ class Farm(FarmCase):
         for node in self.nodes:
             self.wait_until(lambda: node.workspace.log().count("Cluster agent reads the task queue") > 1, 10,
                             "the node's agent didn't come back")
+        # Nothing tells the others what was removed meanwhile: their pages are gone.
+        self.assertFalse(self.nodes[1].hit())
         self.store_everywhere()
         self.assertIs(True, self.call(self.nodes[0], "page_cache_remove_all_cached_contents"))
         self.assertReached(self.nodes[1:])
@@ -187,6 +189,16 @@ class Farm(FarmCase):
             self.assertAloneButServing("Redis at")
         finally:
             os.kill(self.redis.process.pid, signal.SIGCONT)
+
+    def test_a_node_whose_group_redis_lost_serves_no_removed_page(self):
+        self.store_everywhere()
+        self.redis_cli("FLUSHDB")
+        self.assertIs(True, self.call(self.nodes[0], "page_cache_remove_all_cached_contents"))
+        self.wait_until(lambda: not self.nodes[1].hit(), 10, "a removed page was served")
+
+    def test_two_nodes_with_one_id_are_logged_on_both(self):
+        for node in (self.nodes[0], Node(self, 1, self.redis.url)):
+            self.wait_until(lambda: "node id 1 is used by another node too" in node.workspace.log(), 10, "not logged")
 
     def test_a_node_that_was_down_catches_up(self):
         first, second, _ = self.nodes

@@ -1,7 +1,6 @@
 """Workers pick up a changed rules file at their next request, once each."""
 import os
 import re
-import time
 
 import harness
 
@@ -11,12 +10,7 @@ SITE = os.path.join(harness.SOURCE_ROOT, "examples", "site")
 class RulesReload(harness.Case):
     def setUp(self):
         self.use_site(harness.shipped_rules(), SITE)
-        self.rules = self.workspace.path("conf", "pagecache_rules.xml")
         self.server = self.serve(directives=self.directives(vesk_pagecache__log_verbosity_level="3"), workers=2)
-
-    def touch_later(self, seconds):
-        later = time.time() + seconds
-        os.utime(self.rules, (later, later))
 
     def serve_pages(self, count):
         for _ in range(count):
@@ -29,7 +23,7 @@ class RulesReload(harness.Case):
     def test_a_later_file_is_reloaded_once_by_each_worker(self):
         self.serve_pages(4)
         self.assertEqual({}, self.reloads_by_pid())
-        self.touch_later(60)
+        self.workspace.change_rules()
         self.serve_pages(20)
         reloads = self.reloads_by_pid()
         self.assertTrue(reloads)
@@ -39,9 +33,7 @@ class RulesReload(harness.Case):
         self.assertNotIn("ERROR]", self.workspace.log())
 
     def test_a_broken_file_is_reported_and_not_retried_until_it_changes(self):
-        with open(self.rules, "w") as f:
-            f.write("<cache_settings><cache><url schema='http' match_type='glob'/></cache></cache_settings>")
-        self.touch_later(60)
+        self.workspace.change_rules("<cache_settings><cache><url schema='http' match_type='glob'/></cache></cache_settings>")
         self.serve_pages(20)
         log = self.workspace.log()
         errors = re.findall(r"ERROR\] Dependencies file validation error on line 1 column \d+ during Vesk Page "

@@ -149,8 +149,12 @@ void resolvePaths()
     moduleState.resolvedSavePath = resolvePath(pageCacheConfig.save_path, TempDirBase);
     moduleState.rulesFilePath = QString::fromUtf8(moduleState.resolvedRulesFile);
     const char* pidDir = nullptr;
-    if (findDirective("vesk.pid_dir", strlen("vesk.pid_dir"), &pidDir) == 0 && pidDir)
+    // Without vesk.pid_dir the cleaner's pid file lies beside the store,
+    // where the operators' tool, reading the same directives, looks too.
+    if (findDirective("vesk.pid_dir", strlen("vesk.pid_dir"), &pidDir) == 0 && pidDir && *pidDir)
         VGlobals::setPidDirectory(pidDir);
+    else
+        VGlobals::setPidDirectory(moduleState.resolvedSavePath);
 }
 
 } // namespace

@@ -15,15 +15,14 @@ namespace {
 
 TEST(CacheRemovalPayload, TheFunctionsNameThenItsArgumentsInJson)
 {
-    EXPECT_EQ(QStringLiteral("[\"page_cache_remove_cached_contents\",\"http://h/(a|b)\"]"),
-              VCacheRemoval::byPattern("http://h/(a|b)").payload());
-    EXPECT_EQ(QStringLiteral("[\"page_cache_remove_cached_contents_by_uri\",\"Home\",\"/p?x=1\"]"),
-              VCacheRemoval::byUri("Home", "/p?x=1").payload());
-    EXPECT_EQ(QStringLiteral("[\"page_cache_remove_cached_contents_by_rules_ids\",1,12]"),
-              VCacheRemoval::byRuleIds({1, 12}).payload());
-    EXPECT_EQ(QStringLiteral("[\"page_cache_remove_cached_contents_by_rules_ids\"]"),
-              VCacheRemoval::byRuleIds({}).payload());
-    EXPECT_EQ(QStringLiteral("[\"page_cache_remove_all_cached_contents\"]"), VCacheRemoval::all().payload());
+    const std::pair<VCacheRemoval, const char*> cases[] = {
+        {VCacheRemoval::byPattern("http://h/(a|b)"), R"j(["page_cache_remove_cached_contents","http://h/(a|b)"])j"},
+        {VCacheRemoval::byUri("Home", "/p?x=1"), R"j(["page_cache_remove_cached_contents_by_uri","Home","/p?x=1"])j"},
+        {VCacheRemoval::byRuleIds({1, 12}), R"j(["page_cache_remove_cached_contents_by_rules_ids",1,12])j"},
+        {VCacheRemoval::byRuleIds({}), R"j(["page_cache_remove_cached_contents_by_rules_ids"])j"},
+        {VCacheRemoval::all(), R"j(["page_cache_remove_all_cached_contents"])j"}};
+    for (const auto& c : cases)
+        EXPECT_EQ(QString::fromUtf8(c.second), c.first.payload());
 }
 
 TEST(CacheRemovalPayload, AQuoteInAnArgumentStaysInsideIt)

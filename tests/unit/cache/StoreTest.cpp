@@ -118,6 +118,11 @@ TEST_F(StoreTest, ReadContainsAndLifetimes)
 
     // A new write replaces the value and restarts the lifetime.
     ASSERT_TRUE(put("ns", "key", "second", 60));
+    EXPECT_EQ(0, store->getStaleFrom("ns", "key"));
+    // Fresh for 20 s of its 60, as written, whatever the writer says later.
+    char flag = 0;
+    ASSERT_TRUE(store->write("ns", "graced", "g", &flag, 60, 0, 20));
+    EXPECT_EQ(env.clock + 20, store->getStaleFrom("ns", "graced"));
     env.clock += 59;
     EXPECT_EQ(QByteArray("second"), get("ns", "key"));
 

@@ -3,11 +3,8 @@
 #include "RuleReport.h"
 #include "StatsTable.h"
 #include "PublishConfig.h"
-#include "StoreListing.h"
 
 #include "../rules/RulesTestSupport.h"
-#include "CacheEntry.h"
-#include "VDiskStorage.h"
 #include "VHTMLCache.h"
 #include "VPageCacheStatsMessage.h"
 #include "VSocket.h"
@@ -166,34 +163,6 @@ TEST_F(CliRulesTest, CoverageSaysWhyAndConditionsReadAsWritten)
     EXPECT_TRUE(text.contains("split by: _SERVER[REQUEST_URI]")) << text.toStdString();
     EXPECT_FALSE(coverageOf(rules, "http://a.test/other.php").rule);
     EXPECT_EQ("listed under <dont_cache>", coverageOf(rules, "http://a.test/no.php").reason);
-}
-
-TEST(CliStoreListing, ListsLivePagesWithTheirRecords)
-{
-    QTemporaryDir dir;
-    VDiskStorage store(VDiskStorage::VDiskStorageInit(2, dir.path().toUtf8(), 1, "HTML-Cache", false));
-    CacheEntry entry;
-    entry.m_formatTag = CacheEntry::FormatTag;
-    entry.m_url = "http://a.test/page.php";
-    entry.m_status = 200;
-    entry.m_headers << "Content-Type: text/html";
-    entry.m_body = "<p>page</p>";
-    char flag = 0;
-    ASSERT_TRUE(store.write("ns1", "key1", entry.toRecord(), &flag, 60, 0));
-    ASSERT_TRUE(store.write("ns1", "key1.z", entry.toRecord(), &flag, 60, 0));
-    // A write in progress is no page.
-    writeFile(QString::fromLocal8Bit(store.root()) + "/.tmp-1-1-1", "VKDS");
-    QList<StoredPage> pages = listStore(store);
-    ASSERT_EQ(2, pages.size());
-    std::sort(pages.begin(), pages.end(), [](const StoredPage& a, const StoredPage& b) { return a.key < b.key; });
-    EXPECT_EQ("ns1", pages[0].ns);
-    EXPECT_EQ("key1", pages[0].key);
-    EXPECT_FALSE(pages[0].compressedCopy());
-    EXPECT_TRUE(pages[1].compressedCopy());
-    EXPECT_EQ(60, pages[0].lifetime);
-    EXPECT_EQ("http://a.test/page.php", pages[0].entry.url());
-    EXPECT_EQ(200, pages[0].entry.status());
-    EXPECT_EQ("<p>page</p>", pages[0].entry.body());
 }
 
 TEST(CliStatsTable, SumsPerRuleAndServesPrometheusText)
