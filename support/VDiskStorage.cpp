@@ -159,6 +159,17 @@ int openRecord(const QByteArray& path, const QByteArray& ns, const QByteArray& k
     return -1;
 }
 
+// A record's header alone: the file is closed again at once.
+bool readHeader(const QByteArray& path, const QByteArray& ns, const QByteArray& key, Header* h)
+{
+    struct stat st;
+    const int fd = openRecord(path, ns, key, h, &st);
+    if (fd < 0)
+        return false;
+    close(fd);
+    return true;
+}
+
 bool valueMatches(const QByteArray& ns, const QByteArray& key, const char* value, const Header& h)
 {
     const quint32 identityCrc = crc((ns + key).constData(), size_t(ns.size() + key.size()));
@@ -689,12 +700,7 @@ long VDiskStorage::getLastModified(const QByteArray& ns, const QByteArray& key)
 {
     release();
     Header h;
-    struct stat st;
-    const int fd = openRecord(recordPath(ns, key), ns, key, &h, &st);
-    if (fd < 0)
-        return -1;
-    close(fd);
-    return long(h.writeTime + h.lifetime);
+    return readHeader(recordPath(ns, key), ns, key, &h) ? long(h.writeTime + h.lifetime) : -1;
 }
 
 long VDiskStorage::getStaleFrom(const QByteArray& ns, const QByteArray& key)
@@ -704,12 +710,7 @@ long VDiskStorage::getStaleFrom(const QByteArray& ns, const QByteArray& key)
         return long(m_held->header.staleFrom());
     release();
     Header h;
-    struct stat st;
-    const int fd = openRecord(recordPath(ns, key), ns, key, &h, &st);
-    if (fd < 0)
-        return -1;
-    close(fd);
-    return long(h.staleFrom());
+    return readHeader(recordPath(ns, key), ns, key, &h) ? long(h.staleFrom()) : -1;
 }
 
 bool VDiskStorage::readRecordInfo(const QByteArray& path, RecordInfo* info, int* error)

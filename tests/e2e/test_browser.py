@@ -110,7 +110,3 @@ class Browser(test_recipes.WordPressSite, test_recipes.RecipeCase):
             shots.append((self.show("/?p=7"), self.driver.get_screenshot_as_png()))
         self.assertIn(test_recipes.HIT, self.visitor().get("/?p=7")[1])
         self.assertEqual(shots[0], shots[1])
-
-
-if __name__ == "__main__":
-    unittest.main()

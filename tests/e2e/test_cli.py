@@ -4,7 +4,6 @@ that the next request is a miss, and shows their statistics."""
 import os
 import sqlite3
 import subprocess
-import unittest
 import urllib.request
 
 import harness
@@ -207,7 +206,3 @@ class Tool(harness.Case):
                 self.assertEqual(2, result.returncode, result.stderr)
                 self.assertEqual(1, len(result.stderr.splitlines()), result.stderr)
                 self.assertTrue(result.stderr.startswith("vesk-pagecache: "), result.stderr)
-
-
-if __name__ == "__main__":
-    unittest.main()

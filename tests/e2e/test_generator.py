@@ -5,7 +5,6 @@ import shutil
 import sqlite3
 import subprocess
 import time
-import unittest
 
 import harness
 
@@ -93,7 +92,3 @@ class Generator(harness.Case):
                 self.assertEqual((1, True), (result.returncode, message in result.stderr), result.stderr)
                 self.assertFalse(os.path.exists(os.path.join(self.etc, "pagecache_rules.xml")))
                 self.assertFalse(os.path.exists(target))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -10,7 +10,6 @@ import pathlib
 import random
 import re
 import threading
-import unittest
 
 import harness
 
@@ -189,7 +188,3 @@ class Privacy(harness.Case):
         # Nothing is said of it unless asked.
         self.assertNotIn("x-pagecache", harness.http_get(port, "/page.php?a=x_GET&b=y")[1])
         self.assertEqual(runs, self.runs())
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -9,7 +9,6 @@ import os
 import shutil
 import subprocess
 import time
-import unittest
 
 import harness
 
@@ -266,7 +265,3 @@ class PublishedUnderNginx(Published, harness.Case):
 
 class PublishedUnderApache(Published, harness.Case):
     KIND = "apache"
-
-
-if __name__ == "__main__":
-    unittest.main()

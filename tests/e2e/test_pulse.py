@@ -7,7 +7,6 @@ import socket
 import stat
 import struct
 import time
-import unittest
 
 import harness
 
@@ -199,7 +198,3 @@ class RecordChannel(harness.Case):
         for _ in range(2):
             self.assertEqual(200, server.get("/page.php")[0])
         self.assertFalse(os.path.exists(os.path.join(site, "records.log")))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -239,7 +239,3 @@ class MediaWikiRecipe(RecipeCase):
             self.assertEqual("Success", json.loads(body)["edit"]["result"], body[:300])
 
         self.assert_fresh_after("/index.php?title=Page_3", edit)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -5,7 +5,6 @@ import os
 import sqlite3
 import subprocess
 import time
-import unittest
 
 import harness
 
@@ -140,7 +139,3 @@ class Removal(harness.Case):
         with sqlite3.connect(database) as db:
             urls = {row[0] for row in db.execute("SELECT url FROM pagecache_purge_urls")}
         self.assertEqual({"http://a.example/%d" % writer.pid for writer in writers}, urls)
-
-
-if __name__ == "__main__":
-    unittest.main()
