@@ -48,7 +48,10 @@ class Browser(test_recipes.WordPressSite, test_recipes.RecipeCase):
                          "--proxy-server=http://127.0.0.1:%d" % cls.server.port,
                          "--disable-features=HttpsUpgrades", "--user-data-dir=" + cls.workspace.path("chromium")):
             options.add_argument(argument)
-        cls.driver = webdriver.Chrome(service=Service(DRIVER), options=options)
+        # The browser is none of ours: the sanitized run's preloaded runtimes
+        # would stop it at its start, so it starts without them.
+        driver_env = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}
+        cls.driver = webdriver.Chrome(service=Service(DRIVER, env=driver_env), options=options)
         cls.addClassCleanup(cls.driver.quit)
 
     def show(self, path):
