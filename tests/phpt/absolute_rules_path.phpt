@@ -2,9 +2,6 @@
 An absolute rules path is taken as it stands, not joined to the configuration directory
 --INI--
 vesk.httpd_uid=0
-vesk.log_dir=${VESK_TEST_DIR}/log
-vesk.conf_dir=${VESK_TEST_DIR}/conf
-vesk.temp_dir=${VESK_TEST_DIR}/tmp
 vesk_pagecache.enable_cli=1
 vesk_pagecache.dependencies_file=${VESK_TEST_DIR}/rules/site.xml
 vesk_pagecache.save_path=/var/cache/somewhere

@@ -2,9 +2,6 @@
 Script functions on a refused module: warnings, false, and the two that work all the same
 --INI--
 vesk.httpd_uid=0
-vesk.log_dir=${VESK_TEST_DIR}/log
-vesk.conf_dir=${VESK_TEST_DIR}/conf
-vesk.temp_dir=${VESK_TEST_DIR}/tmp
 vesk_pagecache.enable=0
 vesk_pagecache.log_verbosity_level=5
 --FILE--

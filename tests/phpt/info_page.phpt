@@ -2,9 +2,6 @@
 The information page shows the eight rows of a running cache
 --INI--
 vesk.httpd_uid=0
-vesk.log_dir=${VESK_TEST_DIR}/log
-vesk.conf_dir=${VESK_TEST_DIR}/conf
-vesk.temp_dir=${VESK_TEST_DIR}/tmp
 vesk_pagecache.enable_cli=1
 vesk_pagecache.dir_depth=3
 vesk_pagecache.compression_enable=0
