@@ -117,15 +117,6 @@ class Farm(FarmCase):
         super().setUp()
         self.nodes = [Node(self, node_id, self.redis.url) for node_id in (1, 2, 3)]
 
-    def test_a_removal_with_the_flag_reaches_every_node(self):
-        first, *others = self.nodes
-        for removal in REMOVALS:
-            with self.subTest(removal[0]):
-                self.store_everywhere()
-                self.assertIs(True, self.call(first, *removal))
-                self.assertFalse(first.hit())
-                self.assertReached(others)
-
     def test_a_removal_without_the_flag_stays_on_its_node(self):
         first, second, _ = self.nodes
         self.store_everywhere()
@@ -137,16 +128,6 @@ class Farm(FarmCase):
         self.assertIs(True, self.call(first, "page_cache_remove_cached_contents_by_uri", "Pages", "/page.php?later"))
         self.assertReached([second], "/page.php?later")
         self.assertTrue(second.hit())
-
-    def test_a_purge_reaches_every_node(self):
-        self.store_everywhere()
-        self.store_everywhere("/page.php?other")
-        self.assertIs(True, self.call(self.nodes[1], "page_cache_purge", {"url": "http://farm.test/page.php"}))
-        self.assertReached(self.nodes)
-        for node in self.nodes:
-            self.assertTrue(node.hit("/page.php?other"))
-        self.assertIs(True, self.call(self.nodes[1], "page_cache_purge", {"created_ago": 0}))
-        self.assertReached(self.nodes, "/page.php?other")
 
     def removal_time(self, node, *removal):
         start = time.monotonic()
@@ -232,7 +213,8 @@ class Farm(FarmCase):
 
 class FarmOfPools(FarmCase):
     """Nodes of several workers each: php-fpm, daemonized as a system runs
-    it, behind nginx, and php -S with two workers."""
+    it, behind nginx, and php -S with two workers. Every kind of removal and
+    purge is sent across here, where it has to reach each worker."""
 
     def setUp(self):
         if not harness.FpmBehindNginx.available():
