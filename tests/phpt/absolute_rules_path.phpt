@@ -1,7 +1,6 @@
 --TEST--
 An absolute rules path is taken as it stands, not joined to the configuration directory
 --INI--
-vesk.httpd_uid=0
 vesk_pagecache.enable_cli=1
 vesk_pagecache.dependencies_file=${VESK_TEST_DIR}/rules/site.xml
 vesk_pagecache.save_path=/var/cache/somewhere

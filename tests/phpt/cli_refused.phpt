@@ -1,7 +1,6 @@
 --TEST--
 A command-line run with default directives refuses the cache, and its request passes the cache by
 --INI--
-vesk.httpd_uid=0
 vesk_pagecache.log_verbosity_level=5
 --FILE--
 <?php

@@ -1,7 +1,6 @@
 --TEST--
 With enable_cli the whole start-up runs and logs its parameters at level 5
 --INI--
-vesk.httpd_uid=0
 vesk_pagecache.enable_cli=1
 vesk_pagecache.log_verbosity_level=5
 vesk_pagecache.log_rotation_size=20

@@ -1,7 +1,6 @@
 --TEST--
 Script functions on a refused module: warnings, false, and the two that work all the same
 --INI--
-vesk.httpd_uid=0
 vesk_pagecache.enable=0
 vesk_pagecache.log_verbosity_level=5
 --FILE--

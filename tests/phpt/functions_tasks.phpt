@@ -1,7 +1,6 @@
 --TEST--
 On a cluster node removals queue their tasks, each payload a JSON array of the function's name and its arguments, quotes and backslashes escaped; never with the flag off or on a stand-alone server
 --INI--
-vesk.httpd_uid=0
 vesk.install_dir=${VESK_TEST_DIR}
 vesk.node_id=2
 vesk.webserver_type=nginx

@@ -1,7 +1,6 @@
 --TEST--
 The information page shows the eight rows of a running cache
 --INI--
-vesk.httpd_uid=0
 vesk_pagecache.enable_cli=1
 vesk_pagecache.dir_depth=3
 vesk_pagecache.compression_enable=0

@@ -1,7 +1,6 @@
 --TEST--
 Without the web server's user id the cache is refused; a missing group id falls back to the user id
 --INI--
-vesk.httpd_uid=0
 vesk_pagecache.enable_cli=1
 vesk_pagecache.log_verbosity_level=3
 --FILE--

@@ -1,7 +1,5 @@
 --TEST--
 The extension is a PHP module and an engine extension, with its directives
---INI--
-vesk.httpd_uid=0
 --FILE--
 <?php
 var_dump(in_array("Vesk Page Cache", get_loaded_extensions(false), true));

@@ -1,7 +1,6 @@
 --TEST--
 page_cache_purge: element checks, response header descriptions, and the rows it writes
 --INI--
-vesk.httpd_uid=0
 vesk.install_dir=${VESK_TEST_DIR}
 vesk_pagecache.enable_cli=1
 vesk_pagecache.log_verbosity_level=3
