@@ -245,24 +245,16 @@ def _spawn(command, output, env=None):
 
 def _listening(server, process, what, seconds=15):
     """Waits until `process` listens on `server`'s port; stops the server when it doesn't."""
-    try:
-        _wait_for_port(server.port, process, seconds, what)
-    except RuntimeError:
-        server.stop()
-        raise
-
-
-def _wait_for_port(port, process, seconds, what):
     deadline = time.monotonic() + seconds
-    while time.monotonic() < deadline:
-        if process.poll() is not None:
-            raise RuntimeError("%s exited with %s" % (what, process.returncode))
+    while process.poll() is None and time.monotonic() < deadline:
         try:
-            with socket.create_connection(("127.0.0.1", port), timeout=0.5):
+            with socket.create_connection(("127.0.0.1", server.port), timeout=0.5):
                 return
         except OSError:
             time.sleep(0.05)
-    raise RuntimeError("%s did not listen within %s s" % (what, seconds))
+    server.stop()
+    raise RuntimeError("%s exited with %s" % (what, process.returncode) if process.poll() is not None
+                       else "%s did not listen within %s s" % (what, seconds))
 
 
 def _terminate(process):
