@@ -1,6 +1,5 @@
 #include "RulesProbe.h"
 
-#include "CacheRule.h"
 #include "EngineValueSource.h"
 #include "VException.h"
 
@@ -39,26 +38,4 @@ bool probeExists(const std::string& name)
 {
     std::unique_ptr<VPHPGlobal> g(global(name));
     return g->exists();
-}
-
-bool probeCondition(const std::string& name, const std::string& type, const std::string& value)
-{
-    std::unique_ptr<VPHPGlobal> g(global(name));
-    std::unique_ptr<VCondition> condition(ConditionFactory::instance()->create(
-        QString::fromStdString(type), g.get(), QString::fromStdString(value)));
-    if (!condition)
-        throw std::runtime_error("Failed to create condition");
-    return condition->match();
-}
-
-std::string probeSplitKey(const std::vector<std::string>& names)
-{
-    ConditionsBlock block;
-    std::vector<std::unique_ptr<VPHPGlobal>> globals;
-    for (const std::string& name : names) {
-        globals.emplace_back(global(name));
-        block.conditions.append(QSharedPointer<VCondition>(
-            ConditionFactory::instance()->create(QStringLiteral("exists"), globals.back().get(), QString())));
-    }
-    return bytes(splitKey(block));
 }

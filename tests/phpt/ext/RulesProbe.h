@@ -5,10 +5,7 @@
 // std::runtime_error with the rules' own message.
 
 #include <string>
-#include <vector>
 
 void rulesProbeStartup();
 std::string probeValue(const std::string& global);
 bool probeExists(const std::string& global);
-bool probeCondition(const std::string& global, const std::string& type, const std::string& value);
-std::string probeSplitKey(const std::vector<std::string>& globals);
