@@ -165,7 +165,8 @@ TEST_F(CacheTest, UndecompressableGzipStandsAlone)
     EXPECT_TRUE(cache->storeOutput("ns", "k", "u", body.constData(), body.size(), 200, Headers{}, 60, false, true));
     EXPECT_EQ(body, gzipped("k").body());
     EXPECT_FALSE(cache->entryExists("ns", "k", false));
-    EXPECT_TRUE(log().contains("Unable to decompress response."));
+    EXPECT_TRUE(log().contains("WARNING] Unable to decompress response."));
+    EXPECT_TRUE(decompress("", 0).isEmpty());
 }
 
 TEST_F(CacheTest, FailedGzipWriteLeavesTheOlderClearRecord)
@@ -187,8 +188,6 @@ TEST_F(CacheTest, LastModifiedIsTheExpiryAndMissingIsZero)
     const qint64 modified = cache->entryLastModified("ns", "k");
     EXPECT_GE(modified, before + 600);
     EXPECT_LE(modified, QDateTime::currentSecsSinceEpoch() + 600);
-    EXPECT_TRUE(cache->removeEntry("ns", "k"));
-    EXPECT_FALSE(cache->entryExists("ns", "k", false));
 }
 
 TEST_F(CacheTest, RemovingAnEntryDropsItsGzipCopyToo)
@@ -302,16 +301,6 @@ TEST_F(CacheTest, RemovalNamesRulesAndUrlsInUtf8WhateverTheLocale)
     EXPECT_TRUE(cache->clearNamespace(VHTMLCache::patternNamespace(QString::fromUtf8("http://h/caf\xc3\xa9/(\xc3\xa0|b)"))));
     EXPECT_FALSE(has(uriKey));
     QTextCodec::setCodecForLocale(previous);
-}
-
-TEST_F(RulesFixture, DecompressingNothingIsLogged)
-{
-    EXPECT_TRUE(decompress("", 0).isEmpty());
-    EXPECT_TRUE(log().contains("WARNING] Unable to decompress response."));
-    const QByteArray page(5000, 'p');
-    const QByteArray packed = compress(page.constData(), page.size());
-    EXPECT_EQ(QByteArray("\x1f\x8b", 2), packed.left(2));
-    EXPECT_EQ(page, decompress(packed.constData(), packed.size()));
 }
 
 } // namespace
