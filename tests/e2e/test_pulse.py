@@ -165,10 +165,7 @@ class Channel(harness.Case):
         # The second server found the pages the first had stored.
         self.assertEqual(20, self.runs())
 
-
-class NoDaemon(harness.Case):
     def test_without_a_connection_string_requests_try_and_log_nothing(self):
-        self.use_site(RULES)
         server = self.serve(directives=self.directives(vesk_pagecache__log_verbosity_level="5"))
         for _ in range(3):
             self.assertEqual(200, server.get("/page.php")[0])
@@ -179,22 +176,19 @@ class NoDaemon(harness.Case):
         self.assertNotIn("Adding POSSIBLE", log)
         self.assertNotIn("Adding PageCache-", log)
 
-
-class RecordChannel(harness.Case):
-    def test_directives_as_written_leave_the_channel_shut(self):
+    def test_directives_as_written_leave_the_record_channel_shut(self):
         # The page cache's switch is looked up with its terminating zero as
         # part of the name, so no configuration as written opens the channel.
-        workspace, site = self.use_site(RULES)
-        with open(os.path.join(site, "reporting.php"), "w") as f:
+        with open(os.path.join(self.site, "reporting.php"), "w") as f:
             f.write("<?php\nfunction vesk_report_statistics(array $r) {\n"
                     "    file_put_contents(__DIR__ . '/records.log', $r['record_type'] . \"\\n\", FILE_APPEND);\n}\n")
-        with open(os.path.join(site, "page.php"), "r+") as f:
+        with open(os.path.join(self.site, "page.php"), "r+") as f:
             text = f.read()
             f.seek(0)
             f.write(text.replace("<?php\n", "<?php\nrequire __DIR__ . '/reporting.php';\n", 1))
-        directives = workspace.directives(vesk_statistics__enable="1")
+        directives = self.directives(vesk_statistics__enable="1")
         directives["vesk_statistics.pagecache.enable"] = "1"
         server = self.serve(directives=directives)
         for _ in range(2):
             self.assertEqual(200, server.get("/page.php")[0])
-        self.assertFalse(os.path.exists(os.path.join(site, "records.log")))
+        self.assertFalse(os.path.exists(os.path.join(self.site, "records.log")))
