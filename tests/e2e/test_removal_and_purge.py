@@ -67,9 +67,6 @@ class Removal(harness.Case):
             self.assertEqual(runs + 1, self.runs())
             self.assertStoredThenServed()
         self.assertLogged("Cache entry NOT found for :")
-        # The rule is in the page cache's database as well.
-        with sqlite3.connect(self.workspace.path("var", "db", "pagecache.db")) as db:
-            self.assertEqual({(0, url)}, set(db.execute("SELECT rule_id, url FROM pagecache_purge_urls")))
 
     def test_rule_of_the_scripts_application(self):
         with sqlite3.connect(self.workspace.path("var", "db", "deployment.db")) as db:
