@@ -51,13 +51,10 @@ TEST(CliIniText, ValuesAsTheEngineReadsThem)
     EXPECT_EQ("/srv/run", values.value("vesk.pid_dir"));
     // Per-directory and per-host sections don't apply to the whole server.
     EXPECT_FALSE(values.contains("vesk.node_id"));
-}
-
-TEST(CliIniText, ABrokenLineIsRefusedWithItsNumber)
-{
-    QHash<QByteArray, QByteArray> values;
+    // A broken line is refused with its number.
+    QHash<QByteArray, QByteArray> broken;
     QString error;
-    EXPECT_FALSE(parseIniText("a = 1\nb = \"open\n", values, &error));
+    EXPECT_FALSE(parseIniText("a = 1\nb = \"open\n", broken, &error));
     EXPECT_EQ("unterminated quote on line 2", error.toStdString());
 }
 

@@ -159,9 +159,7 @@ TEST_F(GlobalDirectivesTest, SingleIniFileUnderConfDir)
     host().configuration["vesk.conf_dir"] = conf;
     host().configuration["vesk.ini_file"] = "one.ini";
     ASSERT_EQ(0, loadGlobalDirectives());
-    const char* value = nullptr;
-    ASSERT_EQ(0, findDirective("vesk.temp_dir", strlen("vesk.temp_dir"), &value));
-    EXPECT_STREQ("/var/tmp/vesk", value);
+    EXPECT_EQ("/var/tmp/vesk", value("vesk.temp_dir"));
 }
 
 TEST_F(GlobalDirectivesTest, RefusalsNameWhatIsMissing)
