@@ -127,13 +127,14 @@ def http_get(port, path, headers=None, method="GET"):
     return result
 
 
-def run_tool(workspace, directives, *args):
-    """The operators' tool with `directives` (the workers') in its ini file."""
+def run_tool(workspace, directives, *args, run=subprocess.run, **options):
+    """The operators' tool with `directives` (the workers') in its ini file,
+    started by `run` with `options` (its output captured unless told)."""
     ini = workspace.path("tool.ini")
     with open(ini, "w") as f:
         f.write("".join('%s = "%s"\n' % item for item in directives.items()))
-    return subprocess.run([TOOL, "--ini", ini] + list(args), capture_output=True, text=True, timeout=60,
-                          env=dict(os.environ, PHP_INI_SCAN_DIR=""))
+    return run([TOOL, "--ini", ini] + list(args), text=True, env=dict(os.environ, PHP_INI_SCAN_DIR=""),
+               **(options or {"capture_output": True, "timeout": 60}))
 
 
 class Browser:

@@ -48,11 +48,8 @@ class LocalSecurity(harness.Case):
     def serve_as_www(self, **extra):
         return self.serve("php-fpm", dict(self.directives_www, **extra), user="www-data")
 
-    def tool(self, *args, run=subprocess.run, **options):
-        with open(self.workspace.path("tool.ini"), "w") as f:
-            f.write("".join('%s = "%s"\n' % item for item in self.directives_www.items()))
-        return run([harness.TOOL, "--ini", self.workspace.path("tool.ini")] + list(args), text=True,
-                   env=dict(os.environ, PHP_INI_SCAN_DIR=""), **options)
+    def tool(self, *args, **options):
+        return harness.run_tool(self.workspace, self.directives_www, *args, **options)
 
     def test_cleaner_and_tool_keep_nothing_of_root_and_others_read_no_page_nor_log(self):
         server = self.serve_as_www()
