@@ -53,7 +53,13 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(dir.isValid());
-        store.reset(new VDiskStorage(VDiskStorage::VDiskStorageInit(2, root(), 1, "HTML-Cache", false), &env));
+        store = other();
+    }
+    // Another store object on the same tree, as another process has it.
+    std::unique_ptr<VDiskStorage> other(VDiskStorageEnv* with = nullptr)
+    {
+        return std::unique_ptr<VDiskStorage>(
+            new VDiskStorage(VDiskStorage::VDiskStorageInit(2, root(), 1, "HTML-Cache", false), with ? with : &env));
     }
     QByteArray root() const { return QFile::encodeName(dir.path()); }
     QByteArray get(const QByteArray& ns, const QByteArray& key)
@@ -301,9 +307,8 @@ TEST_F(StoreTest, AWriterKilledAtAnyStepLeavesAWholeRecordAndNoLitter)
         ASSERT_NE(-1, child);
         if (child == 0) {
             DyingEnv dying(step);
-            VDiskStorage victim(VDiskStorage::VDiskStorageInit(2, root(), 1, "HTML-Cache", false), &dying);
             char flag;
-            victim.write("ns", "key", newValue, &flag, 0, 0);
+            other(&dying)->write("ns", "key", newValue, &flag, 0, 0);
             _exit(0);
         }
         int status = 0;
@@ -324,9 +329,8 @@ TEST_F(StoreTest, AReadRightAfterContainsSeesTheRecordThatWasFound)
     ASSERT_TRUE(put("ns", "key", "first"));
     ASSERT_TRUE(store->contains("ns", "key", false));
     // Replaced by another worker meanwhile: the record found is read whole.
-    VDiskStorage other(VDiskStorage::VDiskStorageInit(2, root(), 1, "HTML-Cache", false), &env);
     char flag;
-    ASSERT_TRUE(other.write("ns", "key", "second", &flag, 60, 0));
+    ASSERT_TRUE(other()->write("ns", "key", "second", &flag, 60, 0));
     EXPECT_EQ(QByteArray("first"), get("ns", "key"));
     // Anything else in between lets go of it.
     ASSERT_TRUE(store->contains("ns", "key", false));
@@ -444,10 +448,10 @@ TEST_F(StoreTest, AReaderThatHoldsAnEvictedRecordReadsItWhole)
     const QByteArray value(100000, 'v');
     ASSERT_TRUE(put("ns", "key", value));
     ASSERT_TRUE(store->contains("ns", "key", false));
-    VDiskStorage cleaner(VDiskStorage::VDiskStorageInit(2, root(), 1, "HTML-Cache", false), &env);
-    cleaner.setSizeBound(1);
-    EXPECT_TRUE(cleaner.cleanExpired());
-    EXPECT_EQ(1, cleaner.lastCleaning().evictedPages);
+    std::unique_ptr<VDiskStorage> cleaner = other();
+    cleaner->setSizeBound(1);
+    EXPECT_TRUE(cleaner->cleanExpired());
+    EXPECT_EQ(1, cleaner->lastCleaning().evictedPages);
     EXPECT_EQ(value, get("ns", "key"));
     EXPECT_EQ(QByteArray("<none>"), get("ns", "key"));
 }
@@ -508,11 +512,6 @@ TEST_F(StoreTest, EmptyDirectoriesGoAtTheNextCleaning)
 class StoreLockTest : public StoreTest
 {
 protected:
-    std::unique_ptr<VDiskStorage> other()
-    {
-        return std::unique_ptr<VDiskStorage>(
-            new VDiskStorage(VDiskStorage::VDiskStorageInit(2, root(), 1, "HTML-Cache", false), &env));
-    }
     // A lock taken by a process that has exited since. (A process that took
     // none and exits gives up none; its store is never destroyed.)
     void lockByDeadProcess(const QByteArray& ns, const QByteArray& key)
