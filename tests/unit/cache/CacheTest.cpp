@@ -166,7 +166,9 @@ TEST_F(CacheTest, UndecompressableGzipStandsAlone)
     EXPECT_EQ(body, gzipped("k").body());
     EXPECT_FALSE(cache->entryExists("ns", "k", false));
     EXPECT_TRUE(log().contains("WARNING] Unable to decompress response."));
+    clearLog();
     EXPECT_TRUE(decompress("", 0).isEmpty());
+    EXPECT_TRUE(log().contains("WARNING] Unable to decompress response."));
 }
 
 TEST_F(CacheTest, FailedGzipWriteLeavesTheOlderClearRecord)
