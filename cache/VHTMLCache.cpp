@@ -175,10 +175,10 @@ VPublishedPages* VHTMLCache::published()
     return publishedPages;
 }
 
-void VHTMLCache::unpublishAll()
+void VHTMLCache::endPurgedFiles(const QByteArray& url)
 {
     if (publishedPages)
-        publishedPages->unpublishNamespace(QByteArray());
+        publishedPages->endPurged(url);
 }
 
 namespace {

@@ -62,8 +62,8 @@ public:
     static void setPublishDir(const QByteArray& dir);
     // The mirror, or null when there is no publish directory.
     static VPublishedPages* published();
-    // The purge rules' database: the cleaner ends every published file when
-    // it changes, whoever wrote it.
+    // The purge rules' database: the cleaner ends the published files of
+    // the purges written into it, whoever wrote them.
     static void setPurgeDatabase(const QByteArray& path);
 
     QString lastError() const { return m_lastError; }
@@ -94,9 +94,9 @@ public:
 
     // Removal. The null namespace is every page.
     bool clearNamespace(const QByteArray& ns);
-    // Ends every published file, the store left as it is: after a purge,
-    // that the files can't follow one by one.
-    static void unpublishAll();
+    // Ends the published files of the page of `url`, the store left as it
+    // is: after a purge of that URL, which the web server can't ask.
+    static void endPurgedFiles(const QByteArray& url);
     // After a load of the rules: ends the files of the rules whose
     // publishing, conditions or splits changed, or that are gone.
     void unpublishChangedRules();

@@ -215,18 +215,23 @@ class Published:
         self.assertEqual([], self.published_files())
         self.assertEqual(401, self.get("/members/page.php")[0])
 
-    def test_purge_by_another_process_removes_the_files_at_the_next_cleaning(self):
-        self.assertFromPhp("/page.php")
-        self.assertWithoutPhp("/page.php")
+    def test_a_purge_ends_the_files_of_the_page_it_names_only(self):
+        for path in ("/page.php", "/sized.php", "/host.php"):
+            self.assertFromPhp(path)
+        purge = {"url": "http://127.0.0.1:%d/%%s.php" % self.server.port, "created_ago": 0}
         # The command line's PHP, which publishes nothing: only the cleaner
         # sees the purge database change.
         directives = dict(self.values, **{"vesk_pagecache.enable_cli": "1", "vesk_pagecache.publish_dir": ""})
-        code = "var_dump(page_cache_purge(['url' => 'http://127.0.0.1:%d/page.php', 'created_ago' => 0]));"
-        result = subprocess.run(harness.php_command(directives) + ["-r", code % self.server.port],
-                                capture_output=True, timeout=60)
+        code = "var_dump(page_cache_purge(['url' => '%s']));" % (purge["url"] % "page")
+        result = subprocess.run(harness.php_command(directives) + ["-r", code], capture_output=True, timeout=60)
         self.assertEqual(b"bool(true)\n", result.stdout)
-        self.wait_until(lambda: not self.published_files(), 5, "a purge left files published")
+        self.wait_until(lambda: len(self.published_files()) == 3, 5, "the purge left the page's files")
         self.assertFromPhp("/page.php")
+        self.assertWithoutPhp("/sized.php")
+        # A worker's purge ends the files at once.
+        self.assertIs(True, self.call(self.server.port, "page_cache_purge", dict(purge, url=purge["url"] % "sized")))
+        self.assertEqual(1, len(self.published_files()))
+        self.assertWithoutPhp("/host.php")
 
     def test_expiry_removes_the_files_and_their_folders_at_the_next_cleaning(self):
         self.assertFromPhp("/d1/d2/d3/short.php")
