@@ -441,6 +441,21 @@ TEST_F(StoreTest, ABoundTakesAPageWithItsGzipCopy)
     EXPECT_EQ(value, get("other", "old"));
 }
 
+TEST_F(StoreTest, ABoundReachedInPassesOfBoundedMemoryKeepsTheNewest)
+{
+    // More pages than one pass gathers: the passes go on until the bound holds.
+    for (int i = 0; i < 30; ++i) {
+        env.clock += i % 3 == 0 ? 1 : 0;
+        ASSERT_TRUE(put("ns", QByteArray::number(i), "v", 0));
+    }
+    store->setEvictionBatch(4);
+    store->setSizeBound(3 * onDisk(store->recordPath("ns", "29")));
+    EXPECT_TRUE(store->cleanExpired());
+    EXPECT_EQ(27, store->lastCleaning().evictedPages);
+    EXPECT_EQ(QByteArray("v"), get("ns", "27"));
+    EXPECT_EQ(QByteArray("<none>"), get("ns", "26"));
+}
+
 TEST_F(StoreTest, AReaderThatHoldsAnEvictedRecordReadsItWhole)
 {
     const QByteArray value(100000, 'v');
