@@ -41,12 +41,12 @@ def installed():
     return result.returncode == 0 and result.stdout.endswith(" installed")
 
 
-def dpkg(*arguments):
+def dpkg(*arguments, env=None):
     """dpkg, waiting a bounded while for other package tools on the machine."""
     deadline = time.monotonic() + 180
     while True:
         result = subprocess.run(["dpkg"] + list(arguments), capture_output=True, text=True,
-                                env=dict(os.environ, DEBIAN_FRONTEND="noninteractive"), timeout=300)
+                                env=dict(env or os.environ, DEBIAN_FRONTEND="noninteractive"), timeout=300)
         if result.returncode == 0 or "lock" not in result.stderr or time.monotonic() > deadline:
             return result
         time.sleep(2)
