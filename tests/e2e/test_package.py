@@ -69,17 +69,17 @@ class DebianPackage(unittest.TestCase):
         self.deb = made.stdout.strip().splitlines()[-1]
         self.assertRegex(os.path.basename(self.deb), r"^vesk-pagecache_[0-9.]+_amd64\.deb$")
 
-    def serve(self, scan_dir):
-        """nginx and php-fpm (workers as www-data) on the home page, with the
-        system's conf.d and what `scan_dir` adds."""
+    def serve(self, scan_dir, page=INDEX, **options):
+        """nginx and php-fpm (workers as www-data) on the home page `page`,
+        with the system's conf.d and what `scan_dir` adds."""
         docroot = tempfile.mkdtemp(prefix="vesk-site.")
         self.addCleanup(shutil.rmtree, docroot, True)
         os.chmod(docroot, 0o755)
         with open(os.path.join(docroot, "index.php"), "wb") as f:
-            f.write(INDEX)
+            f.write(page)
         os.chmod(self.workspace.root, 0o755)
         server = harness.FpmBehindNginx(self.workspace, docroot, {}, extension=None, scan_dir=scan_dir,
-                                        user="www-data")
+                                        user="www-data", **options)
         self.addCleanup(server.stop)
         return server
 
