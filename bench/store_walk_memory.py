@@ -1,15 +1,18 @@
 #!/usr/bin/env python3
 """Peak memory of the processes that walk the whole page store, for a small
 and a large store: the worker that carries out a page_cache_purge, the
-cleaner over its cleanings, and the tool's `status` and `list`. A walk reads
-one record at a time, so the larger store should cost at most a few MB more.
+cleaner over its cleanings and over an eviction down to half the store
+(vesk_pagecache.max_store_size), and the tool's `status` and `list`. A walk
+reads one record at a time and an eviction gathers a bounded batch, so the
+larger store should cost at most a few MB more.
 
     bench/store_walk_memory.py [--sizes-mib 10,200] [--page-kib 100]
 
 Each size gets a fresh workspace: `php -S` with one worker stores pages of
 --page-kib until the store holds the size, then the purge (of a URL no page
 has, so that it walks everything and removes nothing) and the tool run.
-Peaks are VmHWM (kB). Needs the built extension and tool (build/, or
+Then the server starts again with max_store_size at half the store, and the
+cleaner's peak is read once the store is within it. Peaks are VmHWM (kB). Needs the built extension and tool (build/, or
 VESK_EXTENSION). Not part of the test run.
 """
 import argparse
@@ -70,6 +73,24 @@ def fill(port, size_bytes, page_bytes, root):
     return store_bytes(root)
 
 
+def evict(workspace, site, directives, size_mib):
+    """The cleaner's peak (kB) over the cleanings that bring the store down
+    to half its size, and the store's size then (MB)."""
+    bound = max(1, size_mib // 2)
+    root = workspace.path("tmp", "pagecache", "HTML-Cache")
+    pid_file = workspace.path("run", "pagecache_cleaner.pid")
+    os.unlink(pid_file)
+    server = harness.BuiltinServer(workspace, site, dict(directives, **{"vesk_pagecache.max_store_size": str(bound)}))
+    try:
+        deadline = time.monotonic() + 300
+        while (not os.path.exists(pid_file) or store_bytes(root) > bound << 20) and time.monotonic() < deadline:
+            time.sleep(0.5)
+        with open(pid_file) as f:
+            return peak(int(f.read())), round(store_bytes(root) / 1e6, 1)
+    finally:
+        server.stop()
+
+
 def measure(size_mib, page_kib):
     class Owner:
         def __init__(self):
@@ -94,7 +115,7 @@ def measure(size_mib, page_kib):
                                            "%5B%7B%22url%22%3A%22http%3A%2F%2Fnowhere.test%2F%22%7D%5D")
         assert status == 200 and body == b"true", body
         time.sleep(3)  # cleanings over the full store
-        return {
+        row = {
             "store MB": round(stored / 1e6, 1),
             "worker before purge kB": worker_before,
             "worker after purge kB": peak(server.process.pid),
@@ -102,6 +123,9 @@ def measure(size_mib, page_kib):
             "tool status kB": tool_peak(workspace, directives, "status"),
             "tool list kB": tool_peak(workspace, directives, "list"),
         }
+        server.stop()
+        row["cleaner evicting kB"], row["store after eviction MB"] = evict(workspace, site, directives, size_mib)
+        return row
     finally:
         server.stop()
         for cleanup in reversed(owner.cleanups):

@@ -100,10 +100,10 @@ VPublishedPages* VHTMLCache::published()
     return publishedPages;
 }
 
-void VHTMLCache::unpublishAll()
+void VHTMLCache::endPurgedFiles(const QByteArray& url)
 {
     if (publishedPages)
-        publishedPages->unpublishNamespace(QByteArray());
+        publishedPages->endPurged(url);
 }
 
 namespace {

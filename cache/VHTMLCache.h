@@ -75,9 +75,9 @@ public:
 
     // Removal. The null namespace is every page.
     bool clearNamespace(const QByteArray& ns);
-    // Ends every published file, the store left as it is: after a purge,
-    // that the files can't follow one by one.
-    static void unpublishAll();
+    // Ends the published files of the page of `url`, the store left as it
+    // is: after a purge of that URL, which the web server can't ask.
+    static void endPurgedFiles(const QByteArray& url);
     // After a load of the rules: ends the files of the rules whose
     // publishing, conditions or splits changed, or that are gone.
     void unpublishChangedRules();

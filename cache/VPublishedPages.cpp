@@ -2,6 +2,7 @@
 
 #include "VFileMode.h"
 #include "VHeaderLines.h"
+#include "VNormalizedUrl.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -369,6 +370,45 @@ void VPublishedPages::unpublishNamespace(const QByteArray& ns)
             removeTree(m_root + '/' + QFile::encodeName(entry));
     }
     removeTree(m_root + '/' + IndexDir);
+}
+
+QByteArray VPublishedPages::urlOf(const QByteArray& file)
+{
+    // <namespace>/<scheme>/<host>:<port><path>.vesk.html
+    const int scheme = file.indexOf('/') + 1;
+    const int host = file.indexOf('/', scheme) + 1;
+    return file.mid(scheme, host - scheme - 1) + "://" + file.mid(host, file.size() - host - int(strlen(FileSuffix)));
+}
+
+void VPublishedPages::endPurged(const QByteArray& url, const QRegExp& pattern)
+{
+    const QStringList namespaces = entriesOf(m_root, QDir::Dirs);
+    for (const QString& name : namespaces) {
+        const QByteArray ns = QFile::encodeName(name);
+        QByteArray why;
+        const QByteArray file = hexName(ns) && !url.isEmpty() ? fileFor(ns, url, &why) : QByteArray();
+        if (!file.isEmpty())
+            removeFiles(file);
+    }
+    if (pattern.isEmpty())
+        return;
+    // A pattern can name any page: the files are walked, one at a time.
+    for (const QString& name : namespaces) {
+        if (!hexName(QFile::encodeName(name)))
+            continue;
+        QDirIterator it(QFile::decodeName(m_root + '/' + QFile::encodeName(name)), {QStringLiteral("*.vesk.html")},
+                        QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+        // Removed after the walk, which their folders may go with.
+        QList<QByteArray> purged;
+        QRegExp matcher = pattern;
+        while (it.hasNext()) {
+            const QByteArray file = QFile::encodeName(it.next()).mid(m_root.size() + 1);
+            if (matcher.exactMatch(normalizeUrl(QString::fromLatin1(urlOf(file)))))
+                purged.append(file);
+        }
+        for (const QByteArray& file : purged)
+            removeFiles(file);
+    }
 }
 
 void VPublishedPages::keepRules(const QHash<QByteArray, QByteArray>& rules)

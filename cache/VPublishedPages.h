@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QHash>
 #include <QLinkedList>
+#include <QRegExp>
 #include <QtGlobal>
 
 #include <functional>
@@ -84,6 +85,12 @@ public:
     void unpublish(const QByteArray& ns, const QByteArray& key);
     // Ends every file of a namespace; the null one ends all.
     void unpublishNamespace(const QByteArray& ns);
+    // Ends the files of the page of `url` under every rule, and, when
+    // `pattern` isn't empty, those of every page whose URL it matches: what
+    // a purge names. The entries stay, so that a hit in a worker that
+    // doesn't know the purge publishes nothing again; the page stored anew
+    // is published again.
+    void endPurged(const QByteArray& url, const QRegExp& pattern = QRegExp());
     // Ends the files of pages past their lifetime and of records that `live`
     // no longer finds, and what interrupted writes and endings left.
     void sweep(qint64 now, const std::function<bool(const QByteArray& ns, const QByteArray& key)>& live);
@@ -101,6 +108,8 @@ private:
     void removeFiles(const QByteArray& file);
     // Removes the empty folders from `file`'s own up to its namespace's own.
     void removeEmptyFolders(const QByteArray& file);
+    // The URL a published file stands for, as fileFor() named it.
+    static QByteArray urlOf(const QByteArray& file);
     // What interrupted writes and endings left in the files' folders.
     void sweepLeftovers(qint64 now);
     // Renames `path` aside in one step, then deletes it: the web server

@@ -14,6 +14,7 @@
 #include <QFile>
 #include <QSqlDatabase>
 #include <QSqlQuery>
+#include <QStringList>
 #include <QVariant>
 
 #include <cerrno>
@@ -170,10 +171,10 @@ void VCacheCleaner::clean()
         if (published && maxStoreSize > 0)
             storage->setSizeBound(qMax<qint64>(1, maxStoreSize - published->bytes()), pageOf);
         storage->cleanExpired();
-        // The web server can't ask the purge rules: after a purge every
-        // published file goes.
+        // The web server can't ask the purge rules: the files of the pages
+        // a purge names go.
         if (published && purgeDatabaseChanged())
-            published->unpublishNamespace(QByteArray());
+            endPurgedFiles();
         // Published files go with the records this cleaning ended, expired
         // or evicted, and with pages past their own lifetime in their grace.
         if (published)
@@ -192,27 +193,38 @@ void VCacheCleaner::clean()
 
 namespace {
 
-// Whether the purge database holds any rule. A database that appears holds
-// none when a worker made it at its first request, and some when a purge
-// made it.
-bool holdsPurgeRules(const QByteArray& path)
+// The purges written into the database since the rows `seen` (URL rows,
+// pattern rows) were read: their rows' ids only grow. False when the
+// database can't be read; a database not made yet holds none.
+bool readPurgesSince(const QByteArray& path, qint64 seen[2], QStringList* urls, QStringList* patterns)
 {
+    if (access(path.constData(), F_OK) != 0)
+        return true;
     const QString connection = QStringLiteral("vesk-cleaner-purge");
-    bool holds = true;
+    bool read = true;
     {
         QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), connection);
         db.setDatabaseName(QFile::decodeName(path));
         db.setConnectOptions(QStringLiteral("QSQLITE_OPEN_READONLY"));
-        // Anything doubtful counts as a purge.
-        if (db.open()) {
+        read = db.open();
+        const char* const tables[2] = {"pagecache_purge_urls", "pagecache_purge_urls_regexes"};
+        QStringList* const into[2] = {urls, patterns};
+        for (int i = 0; read && i < 2; ++i) {
             QSqlQuery query(db);
-            if (query.exec(QStringLiteral("SELECT COUNT(*) FROM pagecache_purge_rules")) && query.next())
-                holds = query.value(0).toLongLong() > 0;
+            query.setForwardOnly(true);
+            read = query.exec(QStringLiteral("SELECT id, %1 FROM %2 WHERE id > %3 ORDER BY id")
+                                  .arg(QLatin1String(i == 0 ? "url" : "regex"), QLatin1String(tables[i]))
+                                  .arg(seen[i]));
+            while (read && query.next()) {
+                seen[i] = query.value(0).toLongLong();
+                if (into[i])
+                    into[i]->append(query.value(1).toString());
+            }
         }
         db.close();
     }
     QSqlDatabase::removeDatabase(connection);
-    return holds;
+    return read;
 }
 
 } // namespace
@@ -223,11 +235,31 @@ bool VCacheCleaner::purgeDatabaseChanged()
     const qint64 date = !purgeDatabase.isEmpty() && stat(purgeDatabase.constData(), &st) == 0
                             ? qint64(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec
                             : 0;
-    bool changed = purgeDatabaseDate >= 0 && date != purgeDatabaseDate;
-    if (changed && purgeDatabaseDate == 0)
-        changed = holdsPurgeRules(purgeDatabase);
+    const bool changed = purgeDatabaseDate >= 0 && date != purgeDatabaseDate;
     purgeDatabaseDate = date;
     return changed;
+}
+
+void VCacheCleaner::endPurgedFiles()
+{
+    QStringList urls;
+    QStringList patterns;
+    // What was purged before the cleaner started was no page of its files.
+    const bool started = purgeRowsSeen[0] >= 0;
+    if (!started)
+        purgeRowsSeen[0] = purgeRowsSeen[1] = 0;
+    if (!readPurgesSince(purgeDatabase, purgeRowsSeen, started ? &urls : nullptr, started ? &patterns : nullptr)) {
+        // Anything doubtful counts as a purge of every page.
+        VLOG(PageCacheLogStream, 1) << "Cache cleaner can't read the purge database" << purgeDatabase
+                                    << ": every published file ends";
+        if (started)
+            published->unpublishNamespace(QByteArray());
+        return;
+    }
+    for (const QString& url : urls)
+        published->endPurged(url.toUtf8());
+    for (const QString& pattern : patterns)
+        published->endPurged(QByteArray(), QRegExp(pattern, Qt::CaseSensitive, QRegExp::RegExp));
 }
 
 namespace {
@@ -263,6 +295,8 @@ void VCacheCleaner::run()
         storage->setSizeBound(maxStoreSize, pageOf);
     // From now on a purge counts, whenever it comes.
     purgeDatabaseChanged();
+    if (published)
+        endPurgedFiles();
     while (!stopRequested && !s_stopSignal) {
         // A frequency of 0 or less cleans back to back, as configured.
         for (int second = 0; second < frequency && !stopRequested && !s_stopSignal; ++second) {

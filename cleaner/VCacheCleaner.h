@@ -27,8 +27,9 @@ public:
     void setAgent(VClusterAgent* agent);
     // The published files that end with their pages at each cleaning.
     void setPublished(VPublishedPages* pages) { published = pages; }
-    // A file whose change ends every published file at the next cleaning:
-    // the purge rules' database, which any process may write.
+    // A file whose change ends the published files of the pages a purge
+    // named, at the next cleaning: the purge rules' database, which any
+    // process may write.
     void setPurgeDatabase(const QByteArray& path) { purgeDatabase = path; }
 
     void run() override;
@@ -44,6 +45,9 @@ private:
     void waitOneSecond();
     // Whether the purge database changed since the last cleaning asked.
     bool purgeDatabaseChanged();
+    // Ends the published files of the purges written since the last call;
+    // the first call only notes where the database stands.
+    void endPurgedFiles();
 
     VDiskStorage* storage;
     int frequency;
@@ -53,4 +57,6 @@ private:
     VPublishedPages* published = nullptr;
     QByteArray purgeDatabase;
     qint64 purgeDatabaseDate = -1;
+    // The last URL row and pattern row of the purge database read.
+    qint64 purgeRowsSeen[2] = {-1, -1};
 };

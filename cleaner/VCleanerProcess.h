@@ -33,7 +33,7 @@ public:
     // The farm's task queue ("redis://host:port/db") whose tasks the
     // cleaner carries out on this store as node `nodeId`; empty for none.
     static void setClusterQueue(const QByteArray& url, qint64 nodeId);
-    // The purge rules' database: the cleaner ends every published file when
-    // it changes, whoever wrote it.
+    // The purge rules' database: the cleaner ends the published files of
+    // the purges written into it, whoever wrote them.
     static void setPurgeDatabase(const QByteArray& path);
 };

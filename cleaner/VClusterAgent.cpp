@@ -56,7 +56,12 @@ bool VClusterAgent::reachQueue()
         consumer->connect();
         catchUpWithTheStream();
     } catch (const VException& e) {
-        if (!unreachableLogged)
+        // Tried again each second all the same: an upgraded Redis is joined.
+        if (!unreachableLogged && consumer->refusedServer())
+            VLOG(log, 0) << "Cluster agent refuses the task queue:" << e.what()
+                         << "- this node works alone: its pages are stored and served here, and no other node's"
+                         << "removals reach it";
+        else if (!unreachableLogged)
             VLOG(log, 0) << "Cluster agent cannot reach the task queue:" << e.what();
         unreachableLogged = true;
         return false;

@@ -55,6 +55,10 @@ public:
     // Seconds after it expires that a page is still served, while the one
     // worker holding its lock rebuilds it.
     quint32 grace = 0;
+    // Seconds a redirect (3xx with a Location) is kept instead, without
+    // grace, and stored only from a request without any cookie; 0: kept
+    // as the rule's pages are.
+    quint32 redirectLifetime = 0;
     // How long the store keeps a page: its lifetime and its grace. The
     // store counts whole seconds from the second a page was written, so a
     // page written late in a second would be stale almost at once: a page

@@ -133,6 +133,8 @@ void RulesFileReader::parseUrl()
     rule.d->lifetime = ok ? lifetime : 0;
     const uint grace = attribute(QLatin1String("grace")).toUInt(&ok);
     rule.d->grace = ok ? grace : 0;
+    const uint redirectLifetime = attribute(QLatin1String("redirect_lifetime")).toUInt(&ok);
+    rule.d->redirectLifetime = ok ? redirectLifetime : 0;
     const uint id = attribute(QLatin1String("id")).toUInt(&ok);
     // Widened with its sign: ids from 2^31 up read as negative.
     rule.id = ok ? qint64(qint32(id)) : 0;

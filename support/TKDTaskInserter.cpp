@@ -29,7 +29,12 @@ VRedisConnection& connection(int timeoutMs)
         QString error;
         if (!VRedisAddress::parse(s_queueUrl, &address, &error))
             throw VException(error);
-        s_connection.reset(new VRedisConnection(address, timeoutMs, timeoutMs));
+        std::unique_ptr<VRedisConnection> fresh(new VRedisConnection(address, timeoutMs, timeoutMs));
+        // Tasks on a server the nodes' agents refuse would reach no node.
+        const QString unsupported = TKDTaskStream::unsupportedServer(*fresh);
+        if (!unsupported.isEmpty())
+            throw VException(unsupported);
+        s_connection = std::move(fresh);
         s_connectionPid = getpid();
     } else {
         s_connection->setCommandTimeout(timeoutMs);

@@ -50,20 +50,20 @@ void refused(const char* what, const VRedisReply& reply)
         throw VException(QStringLiteral("Redis refused %1: %2").arg(QLatin1String(what), QString::fromUtf8(reply.text)));
 }
 
-// Redis counts the tasks a group has read only from 7.0 on; before, a node
-// can't tell whether it missed tasks, so it refuses such a server.
-void requireStreamCounts(VRedisConnection& connection)
+} // namespace
+
+// Redis counts the tasks a group has read only from 7.0 on.
+QString TKDTaskStream::unsupportedServer(VRedisConnection& connection)
 {
     const VRedisReply info = connection.command({"INFO", "server"});
     refused("INFO", info);
     const int at = info.text.indexOf("redis_version:");
     const QByteArray version = info.text.mid(at + 14, info.text.indexOf('\r', at) - at - 14);
-    if (at < 0 || version.split('.').value(0).toInt() < 7)
-        throw VException(QStringLiteral("Redis %1 is older than 7.0, which the cluster queue needs")
-                             .arg(QString::fromLatin1(at < 0 ? QByteArray("of unknown version") : version)));
+    if (at >= 0 && version.split('.').value(0).toInt() >= 7)
+        return QString();
+    return QStringLiteral("Redis %1 is older than 7.0, which the cluster queue needs")
+        .arg(QString::fromLatin1(at < 0 ? QByteArray("of unknown version") : version));
 }
-
-} // namespace
 
 TKDTaskConsumer::TKDTaskConsumer(const QByteArray& url, const QByteArray& group)
     : address(addressOf(url)), group(group)
@@ -75,8 +75,13 @@ TKDTaskConsumer::~TKDTaskConsumer() = default;
 void TKDTaskConsumer::connect()
 {
     connection.reset();
+    serverRefused = false;
     std::unique_ptr<VRedisConnection> fresh(new VRedisConnection(address, ConnectTimeoutMs, 1000));
-    requireStreamCounts(*fresh);
+    const QString unsupported = TKDTaskStream::unsupportedServer(*fresh);
+    if (!unsupported.isEmpty()) {
+        serverRefused = true;
+        throw VException(unsupported);
+    }
     const VRedisReply reply = fresh->command({"XGROUP", "CREATE", TKDTaskStream::Key, group, "$", "MKSTREAM"});
     if (reply.isError() && !reply.text.startsWith("BUSYGROUP"))
         refused("the consumer group", reply);

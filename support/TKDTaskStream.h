@@ -14,6 +14,10 @@
 namespace TKDTaskStream {
 extern const char Key[];
 constexpr int MaxLength = 10000;
+// Why the farm can't be kept on the server: a Redis older than 7.0, whose
+// streams can't tell a node what it missed; empty when it can. Throws
+// VException when the server doesn't answer.
+QString unsupportedServer(VRedisConnection& connection);
 } // namespace TKDTaskStream
 
 struct TKDTask
@@ -62,6 +66,9 @@ public:
     // Lets the connection go: the next connect() joins the group anew, and
     // makes it again if Redis has lost it meanwhile.
     void disconnect() { connection.reset(); }
+    // Whether the last connect() found a server the farm can't be kept on
+    // (unsupportedServer), rather than none.
+    bool refusedServer() const { return serverRefused; }
     // Whether the last connect() made the group: either the node is new to
     // the queue, or Redis lost the group (restarted without its data,
     // flushed, the stream evicted) and with it what the node had read.
@@ -95,5 +102,6 @@ private:
     std::unique_ptr<VRedisConnection> connection;
     bool readingPending = true;
     bool madeGroup = false;
+    bool serverRefused = false;
     TKDQueuePosition joined;
 };

@@ -21,6 +21,9 @@
 #include <QtEndian>
 
 #include <algorithm>
+#include <set>
+#include <tuple>
+#include <unordered_map>
 #include <vector>
 
 namespace {
@@ -35,6 +38,9 @@ const char LockPrefix[] = ".lock-";
 const qint64 StaleTempSeconds = 3600;
 // What a cleaning spends at most on removing empty directories.
 const time_t DirectorySeconds = 2;
+// Passes of a bounded cleaning over the store, each of which removes up to
+// a batch of pages; what is left goes at the next cleaning.
+const int MaxEvictionPasses = 16;
 
 struct Header
 {
@@ -789,29 +795,103 @@ QByteArray VDiskStorage::wholeStoreTrashPrefix() const
     return m_root.left(slash + 1) + TrashPrefix + m_root.mid(slash + 1) + '-';
 }
 
-// A live record that a bounded cleaning may remove.
-struct VDiskStorage::Walk
+// The pages a bounded cleaning removes first, gathered over one pass of
+// the store: the fewest that free `excess` bytes, those closest to expiry
+// first, then the oldest, and never more than MaxCandidates of them, so
+// that the memory a pass takes doesn't grow with the store.
+class VDiskStorage::Eviction
 {
-    struct Record
+public:
+    Eviction(qint64 excess, size_t maxCandidates) : m_excess(excess), m_maxCandidates(maxCandidates) {}
+
+    void add(quint64 id, qint64 expiry, qint64 written, qint64 writtenPrecisely, const QByteArray& path,
+             const struct stat& st, qint64 bytes)
     {
-        QByteArray path;
-        struct stat status;
-        quint64 page;
+        auto found = m_pages.find(id);
+        if (found == m_pages.end()) {
+            const Order order{expiry, written, writtenPrecisely, id};
+            // Enough bytes already, all of pages that go before this one.
+            if (m_bytes >= m_excess && !m_order.empty() && !(order < *m_order.rbegin()))
+                return;
+            found = m_pages.emplace(id, Page{order, 0, {}}).first;
+        } else {
+            m_order.erase(found->second.order);
+        }
+        Page& page = found->second;
+        page.order.expiry = qMin(page.order.expiry, expiry);
+        page.order.written = qMin(page.order.written, written);
+        page.order.writtenPrecisely = qMin(page.order.writtenPrecisely, writtenPrecisely);
+        page.bytes += bytes;
+        page.records.push_back({path, st});
+        m_bytes += bytes;
+        m_order.insert(page.order);
+        // The last page isn't needed while the others free enough.
+        while (m_order.size() > 1
+               && (m_bytes - m_pages.at(m_order.rbegin()->id).bytes >= m_excess || m_pages.size() > m_maxCandidates))
+            drop(m_order.rbegin()->id);
+    }
+
+    // Removes the pages in their order until `total` is within `maxBytes`;
+    // answers the bytes freed.
+    qint64 evict(qint64 total, qint64 maxBytes, int* evictedPages)
+    {
+        qint64 freed = 0;
+        for (const Order& order : m_order) {
+            if (total - freed <= maxBytes)
+                break;
+            const Page& page = m_pages.at(order.id);
+            // Only unlinks: a reader that has the file open still reads it
+            // whole, one that comes later misses.
+            for (const auto& record : page.records)
+                dropDoubtful(record.first, record.second);
+            freed += page.bytes;
+            ++*evictedPages;
+        }
+        return freed;
+    }
+
+private:
+    struct Order
+    {
+        qint64 expiry;
+        qint64 written;
+        // Nanoseconds of the file's time, to order writes of one second.
+        qint64 writtenPrecisely;
+        quint64 id;
+        bool operator<(const Order& o) const
+        {
+            return std::tie(expiry, written, writtenPrecisely, id)
+                   < std::tie(o.expiry, o.written, o.writtenPrecisely, o.id);
+        }
     };
     struct Page
     {
-        qint64 expiry = LLONG_MAX;
-        qint64 written = LLONG_MAX;
-        // Nanoseconds of the file's time, to order writes of one second.
-        qint64 writtenPrecisely = LLONG_MAX;
-        qint64 bytes = 0;
-        std::vector<int> records;
+        Order order;
+        qint64 bytes;
+        std::vector<std::pair<QByteArray, struct stat>> records;
     };
+
+    void drop(quint64 id)
+    {
+        auto found = m_pages.find(id);
+        m_bytes -= found->second.bytes;
+        m_order.erase(found->second.order);
+        m_pages.erase(found);
+    }
+
+    qint64 m_excess;
+    size_t m_maxCandidates;
+    qint64 m_bytes = 0;
+    std::unordered_map<quint64, Page> m_pages;
+    std::set<Order> m_order;
+};
+
+struct VDiskStorage::Walk
+{
     qint64 now = 0;
     bool bounded = false;
-    std::vector<Record> records;
-    QHash<quint64, int> pageIndex;
-    std::vector<Page> pages;
+    // Set on the passes that look for pages to evict.
+    Eviction* eviction = nullptr;
     // Found empty or left so, children before their parents.
     QList<QByteArray> emptyDirectories;
 };
@@ -872,7 +952,7 @@ bool VDiskStorage::walk(const QByteArray& dir, bool isRoot, Walk& state)
             continue;
         // The header, and under a bound the record's own names, in one read.
         char bytes[HeaderSize + 256];
-        const ssize_t got = pread(fd, bytes, state.bounded ? sizeof bytes : size_t(HeaderSize), 0);
+        const ssize_t got = pread(fd, bytes, state.eviction ? sizeof bytes : size_t(HeaderSize), 0);
         Header h;
         const bool valid = fstat(fd, &st) == 0 && got >= HeaderSize && parseHeader(bytes, quint64(st.st_size), &h);
         // Records arrive whole by rename, so one that doesn't check out was
@@ -887,8 +967,8 @@ bool VDiskStorage::walk(const QByteArray& dir, bool isRoot, Walk& state)
             continue;
         }
         const qint64 size = diskBytes(st);
-        m_cleaning.bytesBefore += size;
-        if (!state.bounded) {
+        if (!state.eviction) {
+            m_cleaning.bytesBefore += size;
             close(fd);
             continue;
         }
@@ -904,52 +984,32 @@ bool VDiskStorage::walk(const QByteArray& dir, bool isRoot, Walk& state)
         const QByteArray page = QByteArray::number(ns.size()) + ':' + ns + (m_pageOf ? m_pageOf(key) : key);
         // 64 bits of the page's names: a collision would only take one more page.
         const quint64 id = quint64(qHash(page, 0x5bd1e995u)) << 32 | qHash(page, 0x9e3779b9u);
-        auto found = state.pageIndex.find(id);
-        if (found == state.pageIndex.end()) {
-            found = state.pageIndex.insert(id, int(state.pages.size()));
-            state.pages.emplace_back();
-        }
-        Walk::Page& p = state.pages[size_t(*found)];
-        p.expiry = qMin(p.expiry, h.lifetime > 0 ? h.writeTime + h.lifetime : LLONG_MAX);
-        p.written = qMin(p.written, h.writeTime);
-        p.writtenPrecisely = qMin(p.writtenPrecisely, qint64(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec);
-        p.bytes += size;
-        p.records.push_back(int(state.records.size()));
-        state.records.push_back(Walk::Record{path, st, id});
+        state.eviction->add(id, h.lifetime > 0 ? h.writeTime + h.lifetime : LLONG_MAX, h.writeTime,
+                            qint64(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec, path, st, size);
     }
     closedir(handle);
     if (isRoot || left > 0)
         return false;
-    state.emptyDirectories.append(dir);
+    if (!state.eviction)
+        state.emptyDirectories.append(dir);
     return true;
 }
 
 void VDiskStorage::evict(Walk& state)
 {
+    // Each pass walks the store again and removes what it gathered; one
+    // more follows only when a pass gathered too few pages to be enough.
     qint64 total = m_cleaning.bytesBefore;
-    if (total <= m_maxBytes)
-        return;
-    std::vector<int> order(state.pages.size());
-    for (size_t i = 0; i < order.size(); ++i)
-        order[i] = int(i);
-    std::sort(order.begin(), order.end(), [&](int a, int b) {
-        const Walk::Page& x = state.pages[size_t(a)];
-        const Walk::Page& y = state.pages[size_t(b)];
-        if (x.expiry != y.expiry)
-            return x.expiry < y.expiry;
-        return x.written != y.written ? x.written < y.written : x.writtenPrecisely < y.writtenPrecisely;
-    });
-    // Only unlinks: a reader that has the file open still reads it whole,
-    // one that comes later misses.
-    for (int index : order) {
-        if (total <= m_maxBytes)
+    for (int pass = 0; total > m_maxBytes && pass < MaxEvictionPasses; ++pass) {
+        Eviction eviction(total - m_maxBytes, m_evictionBatch);
+        state.eviction = &eviction;
+        walk(m_root, true, state);
+        const qint64 freed = eviction.evict(total, m_maxBytes, &m_cleaning.evictedPages);
+        total -= freed;
+        if (freed == 0)
             break;
-        const Walk::Page& page = state.pages[size_t(index)];
-        for (int record : page.records)
-            dropDoubtful(state.records[size_t(record)].path, state.records[size_t(record)].status);
-        total -= page.bytes;
-        ++m_cleaning.evictedPages;
     }
+    state.eviction = nullptr;
     m_cleaning.bytesAfter = total;
 }
 

@@ -71,6 +71,10 @@ public:
     // files take on disk, in bytes (0: no bound). Records whose keys
     // `pageOf` maps to the same name are one page and go together.
     void setSizeBound(qint64 maxBytes, std::function<QByteArray(const QByteArray& key)> pageOf = {});
+    // The most pages one pass of a bounded cleaning gathers to remove, at
+    // about half a kB of memory each; more passes follow while the store
+    // is over its bound.
+    void setEvictionBatch(size_t pages) { m_evictionBatch = qMax<size_t>(1, pages); }
     // What the last cleanExpired() did.
     struct Cleaning
     {
@@ -138,6 +142,7 @@ private:
 
     bool fail(const QByteArray& what, const QByteArray& path, int error);
     struct Walk;
+    class Eviction;
     // Cleans `dir`; true when it was left empty and removed.
     bool walk(const QByteArray& dir, bool isRoot, Walk& state);
     void evict(Walk& state);
@@ -153,6 +158,7 @@ private:
     std::unique_ptr<CheckedFiles> m_checked;
     qint64 m_maxBytes = 0;
     std::function<QByteArray(const QByteArray&)> m_pageOf;
+    size_t m_evictionBatch = 4096;
     Cleaning m_cleaning;
     // The lock file this store created: its path and inode.
     QByteArray m_lockPath;

@@ -62,6 +62,8 @@ QString describeRule(const CacheRule& rule, const QString& indent)
                           .arg(d.compress ? "yes" : "no", d.enable ? "yes" : "no")
                           .arg(rule.priority)
                           .arg(d.appId);
+    if (d.redirectLifetime > 0)
+        lines << indent + QStringLiteral("redirects: %1 s, stored only from requests without cookies").arg(d.redirectLifetime);
     if (d.publish)
         lines << indent + QStringLiteral("published: its pages are also written for the web server");
     if (d.conditionBlocks.isEmpty())

@@ -199,6 +199,25 @@ QLinkedList<QByteArray> storedLines(qint64 length)
     return lines;
 }
 
+// How long the page is kept: as its rule says, or, for a redirect under a
+// rule that keeps redirects a time of their own, that time; such a
+// redirect is stored only when no cookie came with the request (false).
+bool lifetimeOfPage(bool redirect, PageLifetime* lifetime)
+{
+    const CacheRuleData& rule = *requestState.rule->d;
+    *lifetime = PageLifetime(rule.storedLifetime(), rule.freshLifetime());
+    if (!redirect || rule.redirectLifetime == 0)
+        return true;
+    const QByteArray cookie = anyCookie();
+    if (!cookie.isNull()) {
+        VLOG(moduleState.logStream, 3) << "A redirect is stored only from a request without cookies:" << cookie;
+        refuse(cookie.constData());
+        return false;
+    }
+    *lifetime = PageLifetime(rule.redirectLifetime);
+    return true;
+}
+
 void logStored(const char* output, size_t length)
 {
     const RequestState& r = requestState;
@@ -229,6 +248,9 @@ void storeWhole(const char* output, size_t length, int responseCode)
     }
     // A redirect has nothing to say but its Location line.
     const bool redirect = responseCode / 100 == 3 && !VHeaderLines::value(r.storedHeaders, "Location").isNull();
+    PageLifetime lifetime(0);
+    if (!lifetimeOfPage(redirect, &lifetime))
+        return;
     if (output && length == 0 && !redirect) {
         VLOG(log, 3) << "Empty output to store. Output will not be cached.";
         refuse("empty");
@@ -240,7 +262,6 @@ void storeWhole(const char* output, size_t length, int responseCode)
         refuse("flushed");
         return;
     }
-    const PageLifetime lifetime(r.rule->d->storedLifetime(), r.rule->d->freshLifetime());
     const bool compress = !r.responseCompressed && gzipCopyWanted(qint64(length));
     const bool publish = pagePublishable();
     const PublishTarget target = publish ? publishTarget() : PublishTarget();

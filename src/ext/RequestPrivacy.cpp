@@ -67,16 +67,29 @@ bool keptPrivate(const CacheRule& rule)
     return true;
 }
 
-QByteArray unaccountedCookie(const CacheRule& rule)
+namespace {
+
+QByteArray shownCookie(const QByteArray& name)
 {
-    if (rule.d->storeAnyCookie || rule.d->readsAllCookies)
-        return QByteArray();
-    const char* session = iniFromEngine("session.name", strlen("session.name"));
-    const QByteArray name = rule.unaccountedCookie(cookieNames(), session ? QByteArray(session) : QByteArray());
     if (name.isNull())
         return QByteArray();
     QByteArray shown = name.left(LongestCookieName).toPercentEncoding();
     if (name.size() > LongestCookieName)
         shown += "...";
     return "cookie " + shown;
+}
+
+} // namespace
+
+QByteArray unaccountedCookie(const CacheRule& rule)
+{
+    if (rule.d->storeAnyCookie || rule.d->readsAllCookies)
+        return QByteArray();
+    const char* session = iniFromEngine("session.name", strlen("session.name"));
+    return shownCookie(rule.unaccountedCookie(cookieNames(), session ? QByteArray(session) : QByteArray()));
+}
+
+QByteArray anyCookie()
+{
+    return shownCookie(cookieNames().value(0));
 }

@@ -18,6 +18,9 @@ bool hasCredentials();
 // "cookie NAME" for the first cookie of the request that `rule` doesn't
 // account for, NAME escaped and cut short; null when there is none.
 QByteArray unaccountedCookie(const CacheRule& rule);
+// "cookie NAME" for the request's first cookie, whatever its rule says;
+// null when it has none.
+QByteArray anyCookie();
 // Whether this is a request for php-fpm's status or ping path, which
 // php-fpm answers itself once the request has started.
 bool isFpmOwnPage();

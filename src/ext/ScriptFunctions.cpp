@@ -317,9 +317,10 @@ bool pageCachePurge(VeskCall* call)
     }
     moduleState.purgeRules->addRule(rule);
     queuePurge(rule);
-    // The web server can't ask the purge rules: published files all go,
-    // and pages the rule spares are published again as they are stored.
-    VHTMLCache::unpublishAll();
+    // The web server can't ask the purge rules: the purged page's files go,
+    // and it is published again as it is stored anew. A purge by time alone
+    // spares every page stored before now, as the hit path does.
+    VHTMLCache::endPurgedFiles(rule.url.toString().toUtf8());
     return true;
 }
 

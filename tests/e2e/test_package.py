@@ -1,6 +1,7 @@
 """The Debian package on this machine: built by scripts/package, installed
 with dpkg, a site served through the system's nginx and php-fpm with the
-package's own ini file, then purged, after which PHP still runs.
+package's own ini file, then purged, after which PHP still runs; and removed
+from under a site with published pages, which then answers from PHP alone.
 
 The module is never left enabled in the system's conf.d directories, which
 other servers on this machine read: the site gets the installed ini through a
@@ -27,6 +28,12 @@ INSTALLED = ([os.path.join(EXTENSION_DIR, "vesk_pagecache.so"), INI, "/etc/vesk/
 # The example rules cover the home page.
 INDEX = b"<?php echo '<p>', bin2hex(random_bytes(8)), '</p>';\n"
 
+PUBLISHED = "/var/cache/vesk/published"
+RECIPE = "/usr/share/vesk-pagecache/recipes/mediawiki-vesk-pagecache.php"
+# A page that takes the recipe's hooks in as the documentation says.
+PAGE = (b"<?php if (is_readable('%s')) { require_once '%s'; }\necho bin2hex(random_bytes(8));\n"
+        % (RECIPE.encode(), RECIPE.encode()))
+
 
 def sanitized_build(build):
     try:
@@ -41,12 +48,12 @@ def installed():
     return result.returncode == 0 and result.stdout.endswith(" installed")
 
 
-def dpkg(*arguments):
+def dpkg(*arguments, env=None):
     """dpkg, waiting a bounded while for other package tools on the machine."""
     deadline = time.monotonic() + 180
     while True:
         result = subprocess.run(["dpkg"] + list(arguments), capture_output=True, text=True,
-                                env=dict(os.environ, DEBIAN_FRONTEND="noninteractive"), timeout=300)
+                                env=dict(env or os.environ, DEBIAN_FRONTEND="noninteractive"), timeout=300)
         if result.returncode == 0 or "lock" not in result.stderr or time.monotonic() > deadline:
             return result
         time.sleep(2)
@@ -69,17 +76,17 @@ class DebianPackage(unittest.TestCase):
         self.deb = made.stdout.strip().splitlines()[-1]
         self.assertRegex(os.path.basename(self.deb), r"^vesk-pagecache_[0-9.]+_amd64\.deb$")
 
-    def serve(self, scan_dir):
-        """nginx and php-fpm (workers as www-data) on the home page, with the
-        system's conf.d and what `scan_dir` adds."""
+    def serve(self, scan_dir, page=INDEX, **options):
+        """nginx and php-fpm (workers as www-data) on the home page `page`,
+        with the system's conf.d and what `scan_dir` adds."""
         docroot = tempfile.mkdtemp(prefix="vesk-site.")
         self.addCleanup(shutil.rmtree, docroot, True)
         os.chmod(docroot, 0o755)
         with open(os.path.join(docroot, "index.php"), "wb") as f:
-            f.write(INDEX)
+            f.write(page)
         os.chmod(self.workspace.root, 0o755)
         server = harness.FpmBehindNginx(self.workspace, docroot, {}, extension=None, scan_dir=scan_dir,
-                                        user="www-data")
+                                        user="www-data", **options)
         self.addCleanup(server.stop)
         return server
 
@@ -166,3 +173,35 @@ class DebianPackage(unittest.TestCase):
         status, _, body = harness.http_get(server.port, "/")
         self.assertEqual(200, status)
         self.assertRegex(body, rb"^<p>[0-9a-f]{16}</p>$")
+
+    def test_removal_leaves_the_site_answering_and_nothing_published(self):
+        try:
+            self.assertEqual(0, dpkg("-i", self.deb).returncode)
+            harness.write("/etc/vesk/pagecache_rules.xml", harness.rules_file(harness.url_rule(
+                "index\\.php", "Page", ("_SERVER[HTTP_HOST]", "_SERVER[REQUEST_URI]"), publish="true")))
+            conf = self.workspace.path("conf.d")
+            os.makedirs(conf)
+            os.symlink(INI, os.path.join(conf, "90-vesk_pagecache.ini"))
+            # nginx runs its workers as nobody here, not as www-data.
+            harness.write(os.path.join(conf, "95-site.ini"), "vesk_pagecache.publish_dir=%s\nvesk.file_mode=0644\n"
+                          "vesk_pagecache.enable_qa_info=1\n" % PUBLISHED)
+            env = dict(os.environ, PHP_INI_SCAN_DIR=":" + conf)  # the site's, which the removal reads too
+            tool = subprocess.run(["vesk-pagecache", "publish-config", "nginx"], capture_output=True, text=True,
+                                  env=env, timeout=60)
+            nginx = ("location ~ \\.php$ {\n%s\ninclude /etc/nginx/fastcgi_params;\nfastcgi_param SCRIPT_FILENAME "
+                     "$document_root$fastcgi_script_name;\nfastcgi_pass unix:%s;\n}\n"
+                     % (tool.stdout, self.workspace.path("fpm.sock")))
+            server = self.serve(":" + conf, PAGE, server_config=nginx)
+            miss, published = [harness.http_get(server.port, "/index.php") for _ in range(2)]
+            self.assertEqual([(200, "miss", miss[2]), (200, None, miss[2])],
+                             [(got[0], got[1].get("x-pagecache"), got[2]) for got in (miss, published)])
+            removed = dpkg("-r", PACKAGE, env=env)
+            self.assertEqual(0, removed.returncode, removed.stdout + removed.stderr)
+            self.assertEqual([], [n for _, _, names in os.walk(PUBLISHED) for n in names if n.endswith(".html")])
+            # Started again without the module, as Debian's php-fpm is when a module's link goes.
+            server.stop()
+            server = self.serve(":" + conf, PAGE, server_config=nginx, port=server.port)
+            for status, headers, body in [harness.http_get(server.port, "/index.php") for _ in range(2)]:
+                self.assertEqual((200, False, False), (status, "x-pagecache" in headers, body == miss[2]))
+        finally:
+            self.assertEqual(0, dpkg("--purge", PACKAGE).returncode)

@@ -146,12 +146,8 @@ class Published:
     def test_each_ending_removes_the_files_and_only_theirs(self):
         endings = [(f[0], lambda f=f: self.assertIs(True, self.call(self.server.port, *f)))
                    for f in harness.removals("page|sized|off|host", "Published", 7, "/page.php")]
-        # The operators' tool removes as the workers do.
+        # The operators' tool removes as the workers do; purges: below.
         endings.append(("vesk-pagecache remove all", lambda: self.tool("remove", "all")))
-        # Last: the cleaner ends every file once more after the purge.
-        endings.append(("page_cache_purge", lambda: self.assertIs(True, self.call(
-            self.server.port, "page_cache_purge",
-            {"url": "http://127.0.0.1:%d/page.php" % self.server.port, "created_ago": 0}))))
         self.assertFromPhp("/page.php")
         # An operator's file in the folder is none of the cache's.
         harness.write(os.path.join(self.publish_dir, "notes.txt"), "mine")
@@ -215,18 +211,22 @@ class Published:
         self.assertEqual([], self.published_files())
         self.assertEqual(401, self.get("/members/page.php")[0])
 
-    def test_purge_by_another_process_removes_the_files_at_the_next_cleaning(self):
-        self.assertFromPhp("/page.php")
-        self.assertWithoutPhp("/page.php")
-        # The command line's PHP, which publishes nothing: only the cleaner
-        # sees the purge database change.
+    def test_a_purge_ends_the_files_of_the_page_it_names_only(self):
+        for path in ("/page.php", "/sized.php", "/host.php"):
+            self.assertFromPhp(path)
+        url = "http://127.0.0.1:%d/%%s.php" % self.server.port
+        # The command line's PHP, which publishes nothing: only the cleaner sees the purge database change.
         directives = dict(self.values, **{"vesk_pagecache.enable_cli": "1", "vesk_pagecache.publish_dir": ""})
-        code = "var_dump(page_cache_purge(['url' => 'http://127.0.0.1:%d/page.php', 'created_ago' => 0]));"
-        result = subprocess.run(harness.php_command(directives) + ["-r", code % self.server.port],
-                                capture_output=True, timeout=60)
+        code = "var_dump(page_cache_purge(['url' => '%s']));" % (url % "page")
+        result = subprocess.run(harness.php_command(directives) + ["-r", code], capture_output=True, timeout=60)
         self.assertEqual(b"bool(true)\n", result.stdout)
-        self.wait_until(lambda: not self.published_files(), 5, "a purge left files published")
+        self.wait_until(lambda: len(self.published_files()) == 3, 5, "the purge left the page's files")
         self.assertFromPhp("/page.php")
+        self.assertWithoutPhp("/sized.php")
+        # A worker's purge ends the files at once.
+        self.assertIs(True, self.call(self.server.port, "page_cache_purge", {"url": url % "sized"}))
+        self.assertEqual(1, len(self.published_files()))
+        self.assertWithoutPhp("/host.php")
 
     def test_expiry_removes_the_files_and_their_folders_at_the_next_cleaning(self):
         self.assertFromPhp("/d1/d2/d3/short.php")

@@ -145,6 +145,13 @@ class WordPressRecipe(WordPressSite, RecipeCase):
         self.assert_hits_equal_misses(["/", "/?p=4", "/?p=5", "/?page_id=2", "/?cat=1", "/?p=1"])
         # WordPress's own redirect, the same for every visitor.
         self.assert_hits_equal_misses(["/favicon.ico"], 301)
+        # Its redirects (index.php?p=4 to /?p=4) keep 5 minutes, stored only from visitors without cookies.
+        visitor = self.visitor()
+        visitor.cookies["wp-settings-1"] = "x"
+        for client, hit in ((visitor, False), (self.visitor(), False), (self.visitor(), True)):
+            self.assertEqual((301, hit), (lambda got: (got[0], HIT in got[1]))(client.get("/index.php?p=4")))
+        listed = harness.run_tool(self.workspace, self.workspace.directives(), "list", "--rule", "WordPress").stdout
+        self.assertRegex(listed, r"/index\.php\?p=4\t.*\tstatus 301\t.*\texpires in (2\d\d|300) s")
         visitor = self.visitor()
         for path in ("/?s=Lorem", "/wp-login.php", "/?rest_route=/wp/v2/posts"):
             visitor.get(path)
