@@ -112,6 +112,15 @@ void CacheEntry::takeRecord(char* buffer, int length)
     }
 }
 
+void CacheEntry::shareRecord(const std::shared_ptr<const char>& record, int length)
+{
+    m_record = record;
+    if (!readInPlace(record.get(), length)) {
+        readThroughStream(QByteArray::fromRawData(record.get(), length));
+        m_record.reset();
+    }
+}
+
 QByteArray CacheEntry::body() const
 {
     return copyOf(m_body);

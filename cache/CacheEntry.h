@@ -22,6 +22,8 @@ public:
     // The same for a record in a malloc()ed buffer, which the entry takes
     // over and frees: the body is then read where it lies, not copied.
     void takeRecord(char* buffer, int length);
+    // The same for a record that others share and nobody changes.
+    void shareRecord(const std::shared_ptr<const char>& record, int length);
 
     qint32 status() const { return m_status; }
     QLinkedList<QByteArray> headers() const { return m_headers; }

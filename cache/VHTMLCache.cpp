@@ -159,15 +159,20 @@ int VHTMLCache::shutdown()
 }
 
 namespace {
+// A page read before in this process, and still the same record on disk,
+// comes back as it was parsed then: a copy that shares its lists and body.
 void readInto(VDiskStorage* storage, const QByteArray& ns, const QByteArray& key, CacheEntry& entry)
 {
-    if (!storage)
+    VDiskStorage::Value value;
+    if (!storage || !storage->readValue(ns, key, &value))
         return;
-    int length = 0;
-    char* buffer = storage->read(ns, key, &length);
-    if (!buffer)
+    if (value.made && *value.made) {
+        entry = *static_cast<const CacheEntry*>(value.made->get());
         return;
-    entry.takeRecord(buffer, length);
+    }
+    entry.shareRecord(value.data, value.length);
+    if (value.made)
+        *value.made = std::make_shared<CacheEntry>(entry);
 }
 
 // One copy of a page, clear or gzip, as one record of the store.

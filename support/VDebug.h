@@ -12,12 +12,15 @@
 //     VLOG(stream, level) << "text" << value;
 //
 // The level test stands at the call site: a statement whose level the sink
-// does not reach gets a ready-made inactive record, reads no clock, composes
-// no header and formats none of its items. The line is written whole when the
-// record dies at the end of the statement.
-#define VLOG(stream, lvl)                                                      \
-    (VDebug::sinkLevel(stream) < (lvl) ? VDebug::cheap((stream), (lvl))       \
-                                       : VDebug::full((stream), (lvl)))
+// does not reach costs that test alone, with not even its items evaluated,
+// unless the sink keeps a circular buffer: then it gets a record that feeds
+// the buffer, reads no clock and composes no header. The line is written
+// whole when the record dies at the end of the statement.
+#define VLOG(stream, lvl)                                                              \
+    for (bool vlogOnce = VDebug::sinkLevel(stream) >= (lvl) || VDebug::keepsRecentText(stream); \
+         vlogOnce; vlogOnce = false)                                                   \
+        (VDebug::sinkLevel(stream) < (lvl) ? VDebug::cheap((stream), (lvl))           \
+                                           : VDebug::full((stream), (lvl)))
 
 // A 32-bit word shown as "0x" and its digits in base 16 (so -1 reads
 // 0xffffffff), formatted only when the statement is on.
@@ -89,6 +92,11 @@ public:
     {
         const Sink* sink = sinkOf(id);
         return sink ? sink->level : -1000;
+    }
+    static bool keepsRecentText(StreamId id)
+    {
+        const Sink* sink = sinkOf(id);
+        return sink && sink->circularBuffer && id != DEVNULL;
     }
     static VDebug cheap(StreamId id, int level);
     static VDebug full(StreamId id, int level);

@@ -227,6 +227,124 @@ private:
     Slot m_slots[Slots] = {};
 };
 
+
+// Records this process read, kept in memory with the identity of their file,
+// so that a page read on every hit costs one stat() instead of an open and
+// two reads. No record is ever changed in place: a writer renames a whole
+// new file over it, a removal or clear unlinks or renames it away. So a
+// stat() that finds the same device, inode, size and times finds the bytes
+// that were read, and anything else (no file, another file) drops the copy.
+// An inode can come back for a new file at once, but not with the same
+// change time: a file is kept only when that time lies two seconds behind
+// the clock, so a file that replaces it later differs in it. Bounded in
+// bytes and in records; the least recently used go first, a quarter at a time.
+class VDiskStorage::KeptRecords
+{
+public:
+    struct Record
+    {
+        QByteArray path;
+        struct stat status;
+        Header header;
+        std::shared_ptr<const char> value;
+        std::shared_ptr<void> made;
+        quint64 lastUse = 0;
+    };
+
+    qint64 maxBytes = 8 << 20;
+    int maxRecords = 4096;
+    qint64 bytes = 0;
+
+    Record* find(const QByteArray& ns, const QByteArray& key)
+    {
+        auto it = m_records.find(qMakePair(ns, key));
+        if (it == m_records.end())
+            return nullptr;
+        it->lastUse = ++m_clock;
+        return &*it;
+    }
+
+    static bool sameFile(const struct stat& a, const struct stat& b)
+    {
+        return a.st_ino == b.st_ino && a.st_dev == b.st_dev && a.st_size == b.st_size
+               && sameTime(a.st_mtim, b.st_mtim) && sameTime(a.st_ctim, b.st_ctim);
+    }
+
+    // Keeps the record (its header alone without `value`); the made slot
+    // of the record kept, or null.
+    std::shared_ptr<void>* keep(const QByteArray& ns, const QByteArray& key, const QByteArray& path,
+                                const struct stat& st, const Header& h, std::shared_ptr<const char> value, qint64 now)
+    {
+        if (st.st_ctim.tv_sec > now - 2 || qint64(h.length) > maxBytes / 8)
+            return nullptr;
+        drop(ns, key);
+        Record& record = m_records[qMakePair(ns, key)];
+        record = Record{path, st, h, std::move(value), nullptr, ++m_clock};
+        bytes += cost(record);
+        if (bytes > maxBytes || m_records.size() > maxRecords) {
+            evict();
+            Record* kept = find(ns, key);
+            return kept ? &kept->made : nullptr;
+        }
+        return &record.made;
+    }
+
+    void drop(const QByteArray& ns, const QByteArray& key)
+    {
+        auto it = m_records.find(qMakePair(ns, key));
+        if (it == m_records.end())
+            return;
+        bytes -= cost(*it);
+        m_records.erase(it);
+    }
+
+    void clear()
+    {
+        m_records.clear();
+        bytes = 0;
+    }
+
+    int size() const { return m_records.size(); }
+
+private:
+    // A record's value, and what a header, its names and a parsed page take beside it.
+    static qint64 cost(const Record& record)
+    {
+        return (record.value ? qint64(record.header.length) : 0) + 512;
+    }
+
+    // Down to three quarters of both bounds, the least recently used first.
+    void evict()
+    {
+        std::vector<std::pair<quint64, qint64>> uses;
+        uses.reserve(size_t(m_records.size()));
+        for (const Record& record : qAsConst(m_records))
+            uses.emplace_back(record.lastUse, cost(record));
+        std::sort(uses.begin(), uses.end());
+        qint64 left = bytes;
+        size_t count = uses.size();
+        quint64 limit = 0;
+        for (const auto& use : uses) {
+            if (left <= maxBytes * 3 / 4 && count <= size_t(maxRecords) * 3 / 4)
+                break;
+            limit = use.first;
+            left -= use.second;
+            --count;
+        }
+        for (auto it = m_records.begin(); it != m_records.end();) {
+            if (it->lastUse <= limit) {
+                bytes -= cost(*it);
+                it = m_records.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+
+    QHash<QPair<QByteArray, QByteArray>, Record> m_records;
+    quint64 m_clock = 0;
+};
+
 namespace {
 
 // Names of namespaces and keys become file names: safe ones as they are,
@@ -441,7 +559,8 @@ VDiskStorage::VDiskStorageInit::VDiskStorageInit(long dirDepth, const QByteArray
 VDiskStorage::VDiskStorage(const VDiskStorageInit& init, VDiskStorageEnv* env)
     : m_root(init.savePath + '/' + fileName(init.name)),
       m_depth(int(qBound<long>(0, init.dirDepth, 16))),
-      m_env(env)
+      m_env(env),
+      m_kept(new KeptRecords)
 {
 }
 
@@ -463,6 +582,7 @@ VDiskStorage::~VDiskStorage()
 
 void VDiskStorage::release()
 {
+    m_keptLive = false;
     if (!m_held)
         return;
     close(m_held->fd);
@@ -589,6 +709,7 @@ bool VDiskStorage::write(const QByteArray& ns, const QByteArray& key, const QByt
                          int lifetime, int, int freshFor)
 {
     release();
+    m_kept->drop(ns, key);
     if (outFlag)
         *outFlag = 0;
     const QByteArray path = recordPath(ns, key);
@@ -635,7 +756,7 @@ bool VDiskStorage::write(const QByteArray& ns, const QByteArray& key, const QByt
     return false;
 }
 
-char* VDiskStorage::read(const QByteArray& ns, const QByteArray& key, int* length)
+bool VDiskStorage::readFromDisk(const QByteArray& ns, const QByteArray& key, Value* value)
 {
     QByteArray path;
     Header h;
@@ -653,24 +774,87 @@ char* VDiskStorage::read(const QByteArray& ns, const QByteArray& key, int* lengt
         path = recordPath(ns, key);
         fd = openRecord(path, ns, key, &h, &st);
         if (fd < 0)
-            return nullptr;
+            return false;
     }
-    char* buffer = nullptr;
-    if (!h.expiredAt(m_env->now())) {
-        buffer = static_cast<char*>(malloc(qMax<size_t>(size_t(h.length), 1)));
+    bool found = false;
+    const qint64 now = m_env->now();
+    if (!h.expiredAt(now)) {
+        char* buffer = static_cast<char*>(malloc(qMax<size_t>(size_t(h.length), 1)));
         if (buffer && (!readAll(fd, buffer, size_t(h.length), off_t(h.valueOffset()))
                        || !(checkedBefore(st) || valueMatches(ns, key, buffer, h)))) {
             free(buffer);
-            buffer = nullptr;
             dropDoubtful(path, st);
         } else if (buffer) {
             rememberChecked(st);
-            if (length)
-                *length = int(h.length);
+            const std::shared_ptr<const char> shared(buffer, free);
+            *value = Value{shared, int(h.length), m_kept->keep(ns, key, path, st, h, shared, now)};
+            found = true;
         }
     }
     close(fd);
-    return buffer;
+    return found;
+}
+
+int VDiskStorage::keptState(const QByteArray& ns, const QByteArray& key)
+{
+    KeptRecords::Record* kept = m_kept->find(ns, key);
+    if (!kept)
+        return -1;
+    struct stat st;
+    const bool found = stat(kept->path.constData(), &st) == 0;
+    if (!found || !KeptRecords::sameFile(st, kept->status)) {
+        const bool gone = !found && errno == ENOENT;
+        m_kept->drop(ns, key);
+        return gone ? 0 : -1;
+    }
+    return kept->header.expiredAt(m_env->now()) ? 0 : 1;
+}
+
+bool VDiskStorage::readValue(const QByteArray& ns, const QByteArray& key, Value* value)
+{
+    // contains() has just looked at this record's file.
+    const bool looked = m_keptLive && m_keptNs == ns && m_keptKey == key;
+    m_keptLive = false;
+    const int state = looked ? 1 : m_held ? -1 : keptState(ns, key);
+    if (state == 0)
+        return false;
+    KeptRecords::Record* kept = state == 1 ? m_kept->find(ns, key) : nullptr;
+    if (kept && kept->value) {
+        *value = Value{kept->value, int(kept->header.length), &kept->made};
+        return true;
+    }
+    return readFromDisk(ns, key, value);
+}
+
+void VDiskStorage::setKeptBounds(qint64 bytes, int records)
+{
+    m_kept->clear();
+    m_kept->maxBytes = qMax<qint64>(0, bytes);
+    m_kept->maxRecords = qMax(0, records);
+}
+
+qint64 VDiskStorage::keptBytes() const
+{
+    return m_kept->bytes;
+}
+
+int VDiskStorage::keptRecords() const
+{
+    return m_kept->size();
+}
+
+char* VDiskStorage::read(const QByteArray& ns, const QByteArray& key, int* length)
+{
+    Value value;
+    if (!readValue(ns, key, &value))
+        return nullptr;
+    char* copy = static_cast<char*>(malloc(qMax<size_t>(size_t(value.length), 1)));
+    if (copy) {
+        memcpy(copy, value.data.get(), size_t(value.length));
+        if (length)
+            *length = value.length;
+    }
+    return copy;
 }
 
 bool VDiskStorage::checkedBefore(const struct stat& st) const
@@ -688,17 +872,26 @@ void VDiskStorage::rememberChecked(const struct stat& st)
 bool VDiskStorage::contains(const QByteArray& ns, const QByteArray& key, bool)
 {
     release();
+    const int state = keptState(ns, key);
+    if (state >= 0) {
+        m_keptLive = state == 1;
+        m_keptNs = ns;
+        m_keptKey = key;
+        return m_keptLive;
+    }
     Header h;
     struct stat st;
     const QByteArray path = recordPath(ns, key);
     const int fd = openRecord(path, ns, key, &h, &st);
     if (fd < 0)
         return false;
-    if (h.expiredAt(m_env->now())) {
+    const qint64 now = m_env->now();
+    if (h.expiredAt(now)) {
         close(fd);
         return false;
     }
     m_held = new Held{ns, key, path, fd, h, st};
+    m_kept->keep(ns, key, path, st, h, nullptr, now);
     return true;
 }
 
@@ -712,6 +905,9 @@ long VDiskStorage::getLastModified(const QByteArray& ns, const QByteArray& key)
 long VDiskStorage::getStaleFrom(const QByteArray& ns, const QByteArray& key)
 {
     // The hit path asks right after contains(), whose header is still at hand.
+    if (m_keptLive && m_keptNs == ns && m_keptKey == key)
+        if (const KeptRecords::Record* kept = m_kept->find(ns, key))
+            return long(kept->header.staleFrom());
     if (m_held && m_held->ns == ns && m_held->key == key)
         return long(m_held->header.staleFrom());
     release();
@@ -757,6 +953,7 @@ bool VDiskStorage::readRecordInfo(const QByteArray& path, RecordInfo* info, int*
 bool VDiskStorage::remove(const QByteArray& ns, const QByteArray& key)
 {
     release();
+    m_kept->drop(ns, key);
     const QByteArray path = recordPath(ns, key);
     // Gone already, by another worker's hand, is as good as removed.
     if (unlink(path.constData()) == 0 || errno == ENOENT)
@@ -767,6 +964,7 @@ bool VDiskStorage::remove(const QByteArray& ns, const QByteArray& key)
 bool VDiskStorage::clearNamespace(const QByteArray& ns)
 {
     release();
+    m_kept->clear();
     // The tree is moved out of the way in one step, so readers and writers
     // see it either whole or gone, and then deleted at leisure.
     const QByteArray victim = ns.isNull() ? m_root : namespaceDir(ns);

@@ -54,6 +54,23 @@ public:
 
     // A new malloc()ed copy of the live value, or null. The caller frees it.
     virtual char* read(const QByteArray& ns, const QByteArray& key, int* length);
+    // The live value, shared and never changed: valid while `data` is held.
+    // A record this process read before is answered from its memory after
+    // one stat() of its file shows it still the same file (see
+    // STORE_FORMAT.md); `made` then points to a slot kept with it, for what
+    // the reader made of the value, and is null for a value not kept.
+    struct Value
+    {
+        std::shared_ptr<const char> data;
+        int length = 0;
+        std::shared_ptr<void>* made = nullptr;
+    };
+    bool readValue(const QByteArray& ns, const QByteArray& key, Value* value);
+    // What this store keeps of records in memory at most: bytes of values
+    // (each taking no more than an eighth of it) and records.
+    void setKeptBounds(qint64 bytes, int records);
+    qint64 keptBytes() const;
+    int keptRecords() const;
     virtual bool remove(const QByteArray& ns, const QByteArray& key);
     // Drops every record of a namespace; the null array drops them all.
     virtual bool clearNamespace(const QByteArray& ns);
@@ -139,6 +156,12 @@ private:
     // record right after it, as the hit path does: one open instead of two.
     struct Held;
     void release();
+    class KeptRecords;
+    // Whether the record, kept, is still the file on disk and live: 1 yes,
+    // 0 gone or expired, -1 not known (not kept, or its file changed).
+    int keptState(const QByteArray& ns, const QByteArray& key);
+    // The value read from disk and checked; kept when it may be.
+    bool readFromDisk(const QByteArray& ns, const QByteArray& key, Value* value);
 
     bool fail(const QByteArray& what, const QByteArray& path, int error);
     struct Walk;
@@ -155,6 +178,11 @@ private:
     int m_depth;
     VDiskStorageEnv* m_env;
     Held* m_held = nullptr;
+    // A kept record that contains() found live: a read right after it needs no stat.
+    bool m_keptLive = false;
+    QByteArray m_keptNs;
+    QByteArray m_keptKey;
+    std::unique_ptr<KeptRecords> m_kept;
     std::unique_ptr<CheckedFiles> m_checked;
     qint64 m_maxBytes = 0;
     std::function<QByteArray(const QByteArray&)> m_pageOf;

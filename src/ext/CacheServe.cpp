@@ -20,6 +20,7 @@
 #include "VMD5.h"
 
 #include <cstring>
+#include <strings.h>
 
 bool isGzipAccepted()
 {
@@ -100,19 +101,32 @@ bool belongsToNotModified(const QByteArray& line)
     return false;
 }
 
+namespace {
+
+// Whether `earlier` is a line of the name that `line` has in its first
+// `length` bytes.
+bool sameName(const QByteArray& earlier, const QByteArray& line, int length)
+{
+    return earlier.size() >= length && (earlier.size() == length || earlier.at(length) == ':')
+           && strncasecmp(earlier.constData(), line.constData(), size_t(length)) == 0;
+}
+
+} // namespace
+
 // The first line of a name replaces what the engine already holds under
-// it, later lines of that name (Set-Cookie, Link) join it.
+// it, later lines of that name (Set-Cookie, Link) join it. A page has a
+// handful of lines: comparing each with those before it builds nothing.
 void replayHeaders(const QLinkedList<QByteArray>& lines, bool (*wanted)(const QByteArray&))
 {
-    QList<QByteArray> names;
-    for (const QByteArray& line : lines) {
-        if (wanted && !wanted(line))
+    for (auto line = lines.begin(); line != lines.end(); ++line) {
+        if (wanted && !wanted(*line))
             continue;
-        const QByteArray name = line.left(line.indexOf(':')).toLower();
-        const bool first = !names.contains(name);
-        if (first)
-            names.append(name);
-        sendHeader(line, first);
+        const int colon = line->indexOf(':');
+        const int length = colon < 0 ? line->size() : colon;
+        bool first = true;
+        for (auto earlier = lines.begin(); first && earlier != line; ++earlier)
+            first = (wanted && !wanted(*earlier)) || !sameName(*earlier, *line, length);
+        sendHeader(*line, first);
     }
 }
 

@@ -27,6 +27,10 @@ const char* const acceptedPrefixes[] = {
 
 QHash<QByteArray, QByteArray>* directiveTable = nullptr;
 bool directivesLoaded = false;
+// Counts the changes of the table: what was resolved from it stands until
+// the next one, since the engine's own configuration stays as start-up
+// read it.
+quint64 tableGeneration = 0;
 
 // Sibling components' directives. The page cache filters by nothing of its
 // own, so the set stays empty and filtering stays off.
@@ -139,6 +143,7 @@ int loadGlobalDirectives()
     delete directiveTable;
     directiveTable = new QHash<QByteArray, QByteArray>;
     directivesLoaded = true;
+    ++tableGeneration;
 
     // A copy: the file read next may set vesk.conf_dir itself, and the
     // engine frees the value it replaces.
@@ -192,6 +197,7 @@ void acceptDirective(const char* key, size_t keyLength, const char* value, size_
     if (filterDirectives && !filteredDirectives->contains(name))
         return;
     directiveTable->insert(name, QByteArray(value, int(valueLength)));
+    ++tableGeneration;
     vesk_add_configuration_directive(key, keyLength, value, valueLength);
 }
 
@@ -224,6 +230,18 @@ int findDirective(const char* name, size_t length, const char** value)
         return -1;
     *value = engine;
     return 0;
+}
+
+int findDirectiveOnce(const char* name, size_t length, ResolvedDirective& memo, const char** value)
+{
+    if (!directivesLoaded)
+        loadGlobalDirectives();
+    if (memo.generation != tableGeneration) {
+        memo.found = findDirective(name, length, &memo.value);
+        memo.generation = tableGeneration;
+    }
+    *value = memo.value;
+    return memo.found;
 }
 
 const char* iniFromEngine(const char* name, size_t length)
@@ -280,8 +298,9 @@ const char* webserverType()
 long statisticsEnabled()
 {
     static const char name[] = "vesk_statistics.enable";
+    static ResolvedDirective memo;
     const char* value = nullptr;
-    if (findDirective(name, sizeof name - 1, &value) == 0 && value)
+    if (findDirectiveOnce(name, sizeof name - 1, memo, &value) == 0 && value)
         return strtol(value, nullptr, 10);
     return vesk_ini_long(name, sizeof name - 1);
 }

@@ -31,6 +31,15 @@ int applyGlobalDirectives();
 
 // 0 and the value, or -1. The table first, then the engine's configuration.
 int findDirective(const char* name, size_t length, const char** value);
+// The same for a directive that every request reads: looked up by name
+// once, and again only after the table changed. `memo` is the caller's own.
+struct ResolvedDirective
+{
+    quint64 generation = 0;
+    int found = -1;
+    const char* value = nullptr;
+};
+int findDirectiveOnce(const char* name, size_t length, ResolvedDirective& memo, const char** value);
 const char* iniFromEngine(const char* name, size_t length);
 
 // Resolves `path` against a base directory: an absolute path stands as it

@@ -23,8 +23,9 @@ bool debuggerSessionRunning()
 bool pageCacheStatisticsEnabled()
 {
     static const char name[] = "vesk_statistics.pagecache.enable";
+    static ResolvedDirective memo;
     const char* value = nullptr;
-    if (findDirective(name, sizeof name, &value) != 0 || !value)
+    if (findDirectiveOnce(name, sizeof name, memo, &value) != 0 || !value)
         return false;
     return strtol(value, nullptr, 10) != 0;
 }

@@ -31,6 +31,7 @@
 #include "VDiskStorage.h"
 #include "VException.h"
 #include "VFileDate.h"
+#include "VFileWatch.h"
 #include "VHTMLCache.h"
 #include "VHeaderLines.h"
 #include "VMD5.h"
@@ -52,6 +53,9 @@ const long LockPollMs = 15;
 void beginRequest()
 {
     RequestState& r = requestState;
+    // The dates of the rules file, the purge database and the deployment
+    // marker are asked again only when something changed beside them.
+    VFileWatch::settle();
     VDeploymentInfo::beginRequest();
     r.internalRequest = -1;
     r.appId = 0;

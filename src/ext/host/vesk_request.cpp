@@ -30,17 +30,22 @@ size_t compressedExpected = 0;
 bool sendingHeaders = false;
 // The client had its response; the rest of the request is for the store.
 bool responseFinished = false;
+// The engine was told by us, for one request answered from the store, not
+// to change into the script's directory: no script runs there.
+bool chdirSkipped = false;
 const char FinishFunction[] = "fastcgi_finish_request";
 
 int headerHook(sapi_header_struct* header, sapi_header_op_enum op, sapi_headers_struct* headers);
 void flushForwarder(void* context);
 zend_op_array* compileStub(zend_file_handle* handle, int);
+zend_result primaryScriptUnopened(zend_file_handle* handle);
 size_t countingUbWrite(const char* data, size_t length);
 int headerAwareSendHeaders(sapi_headers_struct* headers);
 
 VeskHook<decltype(sapi_module.header_handler)> headerSlot(headerHook);
 VeskHook<decltype(sapi_module.flush)> flushSlot(flushForwarder);
 VeskHook<decltype(zend_compile_file)> compileSlot(compileStub);
+VeskHook<decltype(zend_stream_open_function)> streamOpenSlot(primaryScriptUnopened);
 VeskHook<decltype(sapi_module.ub_write)> ubWriteSlot(countingUbWrite);
 VeskHook<decltype(sapi_module.send_headers)> sendHeadersSlot(headerAwareSendHeaders);
 
@@ -101,6 +106,17 @@ zend_op_array* compileStub(zend_file_handle* handle, int)
         handle->handle.fp = nullptr;
     }
     _zend_bailout(const_cast<char*>(stubFile), uint32_t(stubLine));
+}
+
+// The server opens the main script before it runs it, for the stub to close
+// unread: a request answered from the store leaves it unopened. Any other
+// file (none is opened before the stub ends the request) opens as ever.
+zend_result primaryScriptUnopened(zend_file_handle* handle)
+{
+    if (handle && handle->primary_script && !EG(current_execute_data))
+        return SUCCESS;
+    const auto original = streamOpenSlot.original();
+    return original ? original(handle) : FAILURE;
 }
 
 void outputHandler(char* output, size_t length, char** handled, size_t* handledLength, int mode)
@@ -396,6 +412,11 @@ void vesk_restore_request_hooks()
     headerSlot.restore(sapi_module.header_handler);
     flushSlot.restore(sapi_module.flush);
     compileSlot.restore(zend_compile_file);
+    streamOpenSlot.restore(zend_stream_open_function);
+    if (chdirSkipped) {
+        SG(options) &= ~SAPI_OPTION_NO_CHDIR;
+        chdirSkipped = false;
+    }
 }
 
 void vesk_arm_compile_stub(const char* file, int line)
@@ -403,6 +424,11 @@ void vesk_arm_compile_stub(const char* file, int line)
     stubFile = file;
     stubLine = line;
     compileSlot.install(zend_compile_file);
+    streamOpenSlot.install(zend_stream_open_function);
+    if (!(SG(options) & SAPI_OPTION_NO_CHDIR)) {
+        SG(options) |= SAPI_OPTION_NO_CHDIR;
+        chdirSkipped = true;
+    }
 }
 
 int vesk_start_output_capture(VeskOutputCallback callback)
