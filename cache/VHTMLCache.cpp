@@ -369,6 +369,21 @@ bool writeCopy(VDiskStorage* storage, const QByteArray& ns, const QByteArray& ke
     return false;
 }
 
+// The page is listed under its tags, which stay locked while `entered`
+// lives, until its records are written: a removal of a tag ends it or
+// keeps it out.
+bool enterUnderTags(VDiskStorage& storage, const QByteArray& ns, const QByteArray& key, const QByteArray& url,
+                    const PageTags* tags, VTagIndex::Entry& entered, QByteArray* why)
+{
+    if (!tags || tags->tags.isEmpty())
+        return true;
+    VTagIndex index(storage.root());
+    if (index.enter(ns, key, tags->tags, tags->sinceMs, entered, why))
+        return true;
+    VLOG(PageCacheLogStream, 3) << "Not storing" << url << ":" << *why;
+    return false;
+}
+
 // Both copies of a page, and its published files.
 bool endPage(VDiskStorage& storage, const QByteArray& ns, const QByteArray& key)
 {
@@ -443,14 +458,9 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
         VLOG(log, 0) << "failed to store output for" << key << "no store is open";
         return false;
     }
-    // The page is listed under its tags, which stay locked until its
-    // records are written: a removal of a tag ends it or keeps it out.
-    VTagIndex index(storage->root());
     VTagIndex::Entry entered;
-    if (tags && !tags->tags.isEmpty() && !index.enter(ns, key, tags->tags, tags->sinceMs, entered, &m_tagRefusal)) {
-        VLOG(log, 3) << "Not storing" << url << ":" << m_tagRefusal;
+    if (!enterUnderTags(*storage, ns, key, url, tags, entered, &m_tagRefusal))
         return false;
-    }
     const QByteArray input = QByteArray::fromRawData(data, int(size));
     // A length can only be right for one of the two bodies, and the server
     // counts the body it sends anyway: neither copy keeps one.
