@@ -173,6 +173,13 @@ bool holdEndedCapture(const char* output, size_t length, const VeskOutputPass& p
     return true;
 }
 
+// How many tags the stored page holds, for the verdict; null for none.
+QByteArray tagsCount()
+{
+    const int count = requestState.pageTags.size();
+    return count == 0 ? QByteArray() : QByteArray::number(count) + (count == 1 ? " tag" : " tags");
+}
+
 // What a rule that publishes needs to publish the page: the Content-Type
 // the client got, which is the engine's default when the script set none.
 PublishTarget publishTarget()
@@ -265,7 +272,7 @@ void storeWhole(const char* output, size_t length, int responseCode)
     }
     if (!vesk_headers_sent())
         sendPageLines(lines);
-    sayVerdict("miss");
+    sayVerdict("miss", tagsCount().constData());
     if (pageCacheConfig.pulse_enable)
         PageCachePulse::instance()->addTimeSaved(r.rule->id, r.rule->name, QString::fromLatin1(r.matchKey));
     logStored(output, length);

@@ -6,6 +6,7 @@
 #include "RequestState.h"
 
 #include "CacheRule.h"
+#include "PageCachePulse.h"
 #include "TKDTaskInserter.h"
 #include "VCacheRemoval.h"
 #include "VDiskStorage.h"
@@ -103,5 +104,7 @@ int removePagesByTags(const QStringList& tags, bool cluster)
         VLOG(log, 0) << "Failed to remove cached contents for tags" << words.join(' ');
     if (cluster && nodeId() != 0)
         queueForOtherNodes(words);
+    if (pageCacheConfig.pulse_enable)
+        PageCachePulse::instance()->addTagRemoval(removed, QString::fromUtf8(words.join(' ')));
     return removed;
 }

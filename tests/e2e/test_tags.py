@@ -24,16 +24,24 @@ class Tags(harness.Case):
     def assertRan(self, expected, queries):
         self.assertEqual(expected, [self.get(query)[0] for query in queries])
 
+    def tool(self, *args):
+        result = harness.run_tool(self.workspace, self.directives(), *args)
+        self.assertEqual(0, result.returncode, result.stderr)
+        return result.stdout
+
     def test_a_removal_ends_the_pages_of_its_tags_alone(self):
         pages = ["header=post-1,%20list", "add=post-2|list", "header=post-3&add=other"]
-        self.assertRan([True] * 3, pages)
+        self.assertEqual("miss (2 tags)", self.get(pages[0])[1]["x-pagecache"])
+        self.assertRan([True, True], pages[1:])
         self.assertRan([False] * 3, pages)
+        self.assertEqual(2, self.tool("list", "--tag", "list").count("tagged.php"))
+        inspected = self.tool("inspect", "http://127.0.0.1:%d/tagged.php?%s" % (self.server.port, pages[2]))
+        self.assertIn("tags: post-3 other", inspected)
         self.assertIs(True, self.call(self.server.port, "page_cache_remove_by_tags", ["post-1"]))
         self.assertRan([True, False, False], pages)
         self.assertIs(True, self.call(self.server.port, "page_cache_remove_by_tags", ["list", "nothing"]))
         self.assertRan([True, True, False], pages)
-        tool = harness.run_tool(self.workspace, self.directives(), "remove", "tag", "other")
-        self.assertEqual(0, tool.returncode, tool.stderr)
+        self.tool("remove", "tag", "other")
         self.assertRan([False, False, True], pages)
 
     def test_a_page_past_the_bound_is_not_stored(self):
