@@ -1,9 +1,12 @@
 """Tags on pages, from the rule's header and from the function, and the
 removal of the pages holding a tag: by the function, by the tool, and
 while a page of the tag is being built."""
+import functools
 import threading
+from unittest import mock
 
 import harness
+import test_farm
 
 RULES = harness.rules_file(harness.url_rule("(tagged)\\.php", tags_header="X-Cache-Tags"))
 
@@ -58,3 +61,17 @@ class Tags(harness.Case):
         building.join(30)
         self.assertRan([True, False], ["add=slow&sleep=0", "add=slow&sleep=0"])
         self.assertRan([True], ["add=slow&sleep=1500"])
+
+
+class TagsOnAFarm(test_farm.FarmCase):
+    def test_a_removal_by_tag_reaches_the_other_node(self):
+        rules = harness.rules_file(harness.url_rule("(tagged)\\.php"))
+        with mock.patch.object(test_farm, "RULES", rules):
+            self.nodes = [test_farm.Node(self, node_id, self.redis.url) for node_id in (1, 2)]
+        for node in self.nodes:
+            node.runs = functools.partial(harness.Case.runs, node, "tagged.php")
+        path = "/tagged.php?add=shared"
+        self.store_everywhere(path)
+        self.assertIs(True, self.call(self.nodes[0], "page_cache_remove_by_tags", ["shared"], True))
+        self.assertFalse(self.nodes[0].hit(path))
+        self.assertReached(self.nodes[1:], path)
