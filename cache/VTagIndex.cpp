@@ -157,7 +157,9 @@ QByteArray VTagIndex::tagDir(const QByteArray& tag) const
     return m_root + "/t/" + hash.left(2) + '/' + hash;
 }
 
-void VTagIndex::step(const char* name) const
+std::function<void(const char* step)> VTagIndex::reached;
+
+void VTagIndex::step(const char* name)
 {
     if (reached)
         reached(name);
@@ -222,6 +224,7 @@ bool VTagIndex::enter(const QByteArray& ns, const QByteArray& key, const QList<Q
             *why = "tag " + tag + " was removed while the page was built";
             return false;
         }
+        step("checked");
     }
     return true;
 }

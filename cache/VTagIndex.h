@@ -75,7 +75,7 @@ public:
 
     // The moments of a removal and of an entry, for tests that stop a
     // process dead at each.
-    std::function<void(const char* step)> reached;
+    static std::function<void(const char* step)> reached;
 
 private:
     QByteArray tagDir(const QByteArray& tag) const;
@@ -83,7 +83,7 @@ private:
     bool writeRemovedAt(const QByteArray& dir, qint64 ms);
     int removeListed(const QByteArray& tag, const PageRemover& removePage,
                      const std::function<bool(const QByteArray& tag)>& unlisted, bool* complete);
-    void step(const char* name) const;
+    static void step(const char* name);
 
     QByteArray m_root;
 };
