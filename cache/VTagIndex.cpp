@@ -4,6 +4,7 @@
 #include "VFileMode.h"
 #include "VMD5.h"
 
+#include <QSet>
 #include <QtEndian>
 
 #include <atomic>
@@ -95,11 +96,11 @@ QByteArray readSmallFile(const QByteArray& path, int limit)
     return n < 0 ? QByteArray() : text.left(int(n));
 }
 
-// The removal time in a tag's "removed" file: -1 for none, -2 for a file
+// The removal time in a tag's ".removed" file: -1 for none, -2 for a file
 // that fails its checks.
-qint64 readRemovedAt(const QByteArray& dir)
+qint64 readRemovedAt(const QByteArray& prefix)
 {
-    const QByteArray text = readSmallFile(dir + "/removed", RemovedSize + 1);
+    const QByteArray text = readSmallFile(prefix + ".removed", RemovedSize + 1);
     if (text.isNull() && errno == ENOENT)
         return -1;
     if (text.size() != RemovedSize || memcmp(text.constData(), RemovedMagic, 4) != 0
@@ -151,10 +152,12 @@ bool VTagIndex::addBounded(QList<QByteArray>& tags, const QList<QByteArray>& mor
     return true;
 }
 
-QByteArray VTagIndex::tagDir(const QByteArray& tag) const
+// Tags share 4,096 buckets, so that a tag held by a page or two costs a
+// few names, not a directory.
+QByteArray VTagIndex::tagPrefix(const QByteArray& tag) const
 {
     const QByteArray hash = VMD5::hash(tag);
-    return m_root + "/t/" + hash.left(2) + '/' + hash;
+    return m_root + "/t/" + hash.left(1) + '/' + hash.mid(1, 2) + '/' + hash;
 }
 
 std::function<void(const char* step)> VTagIndex::reached;
@@ -165,60 +168,65 @@ void VTagIndex::step(const char* name)
         reached(name);
 }
 
-// Opens and locks a tag's directory, made if need be; -1 on failure.
-int VTagIndex::lockTag(const QByteArray& dir, int how)
+// Opens and locks the bucket of a tag, made if need be; -1 on failure.
+int VTagIndex::lockTag(const QByteArray& prefix, int how)
 {
-    if (!makeDirs(dir)) {
+    const QByteArray dir = prefix.left(prefix.lastIndexOf('/'));
+    int fd = open(dir.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 && (!makeDirs(dir) || (fd = open(dir.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) < 0)) {
         lastError = "cannot make " + dir + ": " + QByteArray(strerror(errno));
         return -1;
     }
-    const int fd = open(dir.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    int locked = fd < 0 ? -1 : 0;
-    while (fd >= 0 && (locked = flock(fd, how)) != 0 && errno == EINTR) {
+    int locked = 0;
+    while ((locked = flock(fd, how)) != 0 && errno == EINTR) {
     }
     if (locked != 0) {
         lastError = "cannot lock " + dir + ": " + QByteArray(strerror(errno));
-        if (fd >= 0)
-            close(fd);
+        close(fd);
         return -1;
     }
     return fd;
 }
 
-bool VTagIndex::writeRemovedAt(const QByteArray& dir, qint64 ms)
+bool VTagIndex::writeRemovedAt(const QByteArray& prefix, qint64 ms)
 {
     char text[RemovedSize];
     memcpy(text, RemovedMagic, 4);
     qToLittleEndian(quint64(ms), text + 4);
     qToLittleEndian(crc32c(text, 12), text + 12);
-    if (replaceFile(dir + "/removed", QByteArray(text, RemovedSize)))
+    if (replaceFile(prefix + ".removed", QByteArray(text, RemovedSize)))
         return true;
-    lastError = "cannot write " + dir + "/removed: " + QByteArray(strerror(errno));
+    lastError = "cannot write " + prefix + ".removed: " + QByteArray(strerror(errno));
     return false;
 }
 
 bool VTagIndex::enter(const QByteArray& ns, const QByteArray& key, const QList<QByteArray>& tags, qint64 sinceMs,
                       Entry& entry, QByteArray* why)
 {
-    const QByteArray name = ns + '-' + key;
+    const QByteArray name = '-' + ns + '-' + key;
+    QSet<QByteArray> locked;
     for (const QByteArray& tag : tags) {
-        const QByteArray dir = tagDir(tag);
-        const int fd = lockTag(dir, LOCK_SH);
-        if (fd < 0) {
-            *why = lastError;
-            return false;
+        const QByteArray prefix = tagPrefix(tag);
+        const QByteArray bucket = prefix.left(prefix.lastIndexOf('/'));
+        if (!locked.contains(bucket)) {
+            const int fd = lockTag(prefix, LOCK_SH);
+            if (fd < 0) {
+                *why = lastError;
+                return false;
+            }
+            entry.locks << fd;
+            locked.insert(bucket);
+            step("locked");
         }
-        entry.locks << fd;
-        step("locked");
-        if (!createEmpty(dir + '/' + name)) {
+        if (!createEmpty(prefix + name)) {
             *why = "cannot enter the page under tag " + tag + ": " + QByteArray(strerror(errno));
             return false;
         }
         step("entered");
-        qint64 removed = readRemovedAt(dir);
+        qint64 removed = readRemovedAt(prefix);
         // A removal time that can't be read is taken as now: the pages being
         // built go, and the tag is usable again after.
-        if (removed == -2 && writeRemovedAt(dir, nowMs()))
+        if (removed == -2 && writeRemovedAt(prefix, nowMs()))
             removed = nowMs();
         if (removed == -2 || removed >= sinceMs) {
             *why = "tag " + tag + " was removed while the page was built";
@@ -234,15 +242,19 @@ QList<QPair<QByteArray, QByteArray>> VTagIndex::pagesOf(const QByteArray& tag, b
     QList<QPair<QByteArray, QByteArray>> pages;
     if (sound)
         *sound = true;
-    DIR* dir = opendir(tagDir(tag).constData());
+    const QByteArray prefix = tagPrefix(tag);
+    const QByteArray hash = prefix.mid(prefix.lastIndexOf('/') + 1);
+    DIR* dir = opendir(prefix.left(prefix.lastIndexOf('/')).constData());
     if (!dir)
         return pages;
+    // A name of no form at all may have been any tag's.
     while (const dirent* item = readdir(dir)) {
         const QByteArray name(item->d_name);
         QPair<QByteArray, QByteArray> page;
-        if (name.startsWith('.') || name == "removed")
+        const bool tagged = name.size() > 33 && name.at(32) == '-' && isHex(name.constData(), 32);
+        if (name.startsWith('.') || (name.size() == 40 && name.endsWith(".removed")) || (tagged && !name.startsWith(hash)))
             continue;
-        if (pageOfName(name, &page))
+        if (tagged && pageOfName(name.mid(33), &page))
             pages << page;
         else if (sound)
             *sound = false;
@@ -253,7 +265,7 @@ QList<QPair<QByteArray, QByteArray>> VTagIndex::pagesOf(const QByteArray& tag, b
 
 qint64 VTagIndex::removedAt(const QByteArray& tag) const
 {
-    return qMax<qint64>(0, readRemovedAt(tagDir(tag)));
+    return qMax<qint64>(0, readRemovedAt(tagPrefix(tag)));
 }
 
 int VTagIndex::remove(const QByteArray& tag, const PageRemover& removePage,
@@ -278,13 +290,13 @@ int VTagIndex::remove(const QByteArray& tag, const PageRemover& removePage,
 int VTagIndex::removeListed(const QByteArray& tag, const PageRemover& removePage,
                             const std::function<bool(const QByteArray& tag)>& unlisted, bool* complete)
 {
-    const QByteArray dir = tagDir(tag);
+    const QByteArray prefix = tagPrefix(tag);
     *complete = false;
-    const int fd = lockTag(dir, LOCK_EX);
+    const int fd = lockTag(prefix, LOCK_EX);
     if (fd < 0)
         return 0;
     step("locked");
-    if (!writeRemovedAt(dir, nowMs())) {
+    if (!writeRemovedAt(prefix, nowMs())) {
         close(fd);
         return 0;
     }
@@ -296,7 +308,7 @@ int VTagIndex::removeListed(const QByteArray& tag, const PageRemover& removePage
         // The entry goes only with its page: a removal cut short leaves it
         // for the one that finishes the work.
         if (removePage(page.first, page.second))
-            unlink((dir + '/' + page.first + '-' + page.second).constData());
+            unlink((prefix + '-' + page.first + '-' + page.second).constData());
         else
             *complete = false;
         step("page");

@@ -78,9 +78,9 @@ public:
     static std::function<void(const char* step)> reached;
 
 private:
-    QByteArray tagDir(const QByteArray& tag) const;
-    int lockTag(const QByteArray& dir, int how);
-    bool writeRemovedAt(const QByteArray& dir, qint64 ms);
+    QByteArray tagPrefix(const QByteArray& tag) const;
+    int lockTag(const QByteArray& prefix, int how);
+    bool writeRemovedAt(const QByteArray& prefix, qint64 ms);
     int removeListed(const QByteArray& tag, const PageRemover& removePage,
                      const std::function<bool(const QByteArray& tag)>& unlisted, bool* complete);
     static void step(const char* name);

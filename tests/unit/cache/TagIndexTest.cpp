@@ -8,6 +8,7 @@
 
 #include <QDateTime>
 #include <QDir>
+#include <QFileInfo>
 
 namespace {
 
@@ -45,10 +46,11 @@ protected:
         EXPECT_TRUE(complete);
         return removed;
     }
-    QString tagDir(const QByteArray& tag) const
+    // Where the tag's names begin: its bucket, and the MD5 of the tag.
+    QString tagPrefix(const QByteArray& tag) const
     {
         const QByteArray hash = VMD5::hash(tag);
-        return QFile::decodeName(cache->store()->root() + ".tags/t/" + hash.left(2) + '/' + hash);
+        return QFile::decodeName(cache->store()->root() + ".tags/t/" + hash.left(1) + '/' + hash.mid(1, 2) + '/' + hash);
     }
 
     const QByteArray ns = VMD5::hash("http://h/p");
@@ -88,7 +90,8 @@ TEST_F(TagIndexTest, BothCopiesCarryTheTagsAfterTheBodyAndARemovalEndsThePagesOf
     EXPECT_FALSE(stored(1) || stored(2));
     EXPECT_TRUE(stored(3));
     EXPECT_FALSE(cache->entryExists(ns, key(1) + ".z", false));
-    EXPECT_EQ(QStringList{QStringLiteral("removed")}, QDir(tagDir("list")).entryList(QDir::Files));
+    const QFileInfo list(tagPrefix("list"));
+    EXPECT_EQ(QStringList{list.fileName() + ".removed"}, list.dir().entryList({list.fileName() + '*'}, QDir::Files));
 }
 
 TEST_F(TagIndexTest, APageWhoseBuildBeganBeforeARemovalOfItsTagIsNotStored)
@@ -106,13 +109,13 @@ TEST_F(TagIndexTest, DamageCountsAsARemovalOrSendsTheRemovalToTheRecords)
     ASSERT_TRUE(store(1, {"a"}));
     ASSERT_TRUE(store(2, {"b"}));
     // A listing with a name that is no page's: the records say which pages hold the tag.
-    QFile(tagDir("a") + QStringLiteral("/junk")).open(QIODevice::WriteOnly);
-    QFile::remove(tagDir("a") + QLatin1Char('/') + QString::fromLatin1(ns + '-' + key(1)));
+    QFile(tagPrefix("a") + QStringLiteral("-junk")).open(QIODevice::WriteOnly);
+    QFile::remove(tagPrefix("a") + QLatin1Char('-') + QString::fromLatin1(ns + '-' + key(1)));
     removeTags({"a"});
     EXPECT_FALSE(stored(1));
     EXPECT_TRUE(stored(2));
     // A removal time that fails its checks is a removal now.
-    QFile removed(tagDir("b") + QStringLiteral("/removed"));
+    QFile removed(tagPrefix("b") + QStringLiteral(".removed"));
     ASSERT_TRUE(removed.open(QIODevice::WriteOnly));
     removed.write("damaged");
     removed.close();
