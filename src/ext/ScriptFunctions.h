@@ -1,7 +1,8 @@
 #pragma once
 // The PHP functions the extension gives scripts: two steer the running
 // request, five remove stored pages (and hand the removal on to the other
-// nodes of a cluster), one adds a purge rule. Each answers the PHP boolean.
+// nodes of a cluster), one adds a purge rule, one tags the page being built
+// and one removes the pages of tags. Each answers the PHP boolean.
 
 struct VeskCall;
 
