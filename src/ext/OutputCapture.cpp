@@ -272,7 +272,8 @@ void storeWhole(const char* output, size_t length, int responseCode)
     }
     if (!vesk_headers_sent())
         sendPageLines(lines);
-    sayVerdict("miss", tagsCount().constData());
+    const QByteArray counted = tagsCount();
+    sayVerdict("miss", counted.isNull() ? nullptr : counted.constData());
     if (pageCacheConfig.pulse_enable)
         PageCachePulse::instance()->addTimeSaved(r.rule->id, r.rule->name, QString::fromLatin1(r.matchKey));
     logStored(output, length);
