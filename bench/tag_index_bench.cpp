@@ -51,7 +51,7 @@ bool loadCache(VHTMLCache* cache, const QTemporaryDir& dir)
     QFile::copy(QStringLiteral(VESK_SOURCE_DIR "/conf/pagecache_rules_schema.xsd"),
                 dir.filePath(QStringLiteral("pagecache_rules_schema.xsd")));
     return cache->load(QFile::encodeName(dir.filePath(QStringLiteral("store"))).constData(), 2,
-                       QFile::encodeName(rules).constData(), 300, false, 100, false);
+                       QFile::encodeName(rules).constData(), 100);
 }
 
 } // namespace

@@ -119,7 +119,7 @@ int main()
     PageCacheLogStream = VDebug::DEVNULL;
     cache = VHTMLCache::instance();
     if (!cache->load(QFile::encodeName(dir.filePath(QStringLiteral("store"))).constData(), 1,
-                     QFile::encodeName(rules).constData(), 300, false, 100, false)) {
+                     QFile::encodeName(rules).constData(), 100)) {
         fprintf(stderr, "cannot load: %s\n", qPrintable(cache->lastError()));
         return 1;
     }

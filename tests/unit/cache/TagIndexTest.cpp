@@ -21,7 +21,7 @@ protected:
         const QString rules = writeRulesFile(R"xml(<url schema="http" host="h" path="p"><name>p</name></url>)xml");
         cache = VHTMLCache::instance();
         ASSERT_TRUE(cache->load(QFile::encodeName(dir.filePath(QStringLiteral("store"))).constData(), 1,
-                                QFile::encodeName(rules).constData(), 300, false, 100, false));
+                                QFile::encodeName(rules).constData(), 100));
     }
     void TearDown() override
     {
