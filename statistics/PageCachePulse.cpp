@@ -112,6 +112,14 @@ void PageCachePulse::addWait(qint64 ruleId, const QString& ruleName, qint64 wait
     add(VPageCacheStatsMessage::Wait, waitedMs, ruleId, ruleName, QString(), true);
 }
 
+void PageCachePulse::addTagRemoval(qint64 pages, const QString& tags)
+{
+    if (!pulseInitialized)
+        return;
+    VLOG(log(), 5) << "Adding PageCache-TagRemoval message:" << pages << "pages";
+    add(VPageCacheStatsMessage::TagRemoval, pages, 0, QString(), tags, true);
+}
+
 void PageCachePulse::clear()
 {
     if (!pulseInitialized)

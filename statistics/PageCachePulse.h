@@ -47,6 +47,8 @@ public:
     void addStale(qint64 ruleId, const QString& ruleName, const QString& key);
     // The time a request waited for another worker to build its page.
     void addWait(qint64 ruleId, const QString& ruleName, qint64 waitedMs);
+    // A removal by tag that ended `pages` pages; `tags` goes as the key.
+    void addTagRemoval(qint64 pages, const QString& tags);
     void clear();
     // Sends what the request gathered, unless it came in on an internal port.
     void sendMessages(bool internalRequest, const char* currentUrl);

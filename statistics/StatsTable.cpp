@@ -66,6 +66,10 @@ void StatsTable::add(const VPageCacheStatsMessage& message)
         figures.waits += 1;
         figures.waitedMs += message.counterValue;
         break;
+    case VPageCacheStatsMessage::TagRemoval:
+        figures.tagRemovals += 1;
+        figures.pagesRemovedByTag += message.counterValue;
+        break;
     }
 }
 
@@ -120,6 +124,8 @@ QByteArray StatsTable::prometheus() const
         {"vesk_pagecache_stale_hits_total", "counter", "Hits served past their lifetime, in grace."},
         {"vesk_pagecache_lock_waits_total", "counter", "Requests that waited for another worker's build."},
         {"vesk_pagecache_lock_wait_seconds_total", "counter", "Time those requests waited."},
+        {"vesk_pagecache_tag_removals_total", "counter", "Removals by tag."},
+        {"vesk_pagecache_pages_removed_by_tag_total", "counter", "Pages those removals ended."},
     };
     QByteArray out;
     for (size_t m = 0; m < sizeof metrics / sizeof metrics[0]; ++m) {
@@ -129,7 +135,8 @@ QByteArray StatsTable::prometheus() const
             const Figures& f = it.value();
             const double values[] = {double(f.possible), double(f.hits), double(f.misses), f.hitRatio(),
                                      double(f.timeSavedMs) / 1000.0, double(f.staleHits), double(f.waits),
-                                     double(f.waitedMs) / 1000.0};
+                                     double(f.waitedMs) / 1000.0, double(f.tagRemovals),
+                                     double(f.pagesRemovedByTag)};
             out += QByteArray(metrics[m].name) + "{rule_id=\"" + QByteArray::number(it.key().first)
                    + "\",app_id=\"" + QByteArray::number(it.key().second) + "\",rule=\"" + labelValue(f.name)
                    + "\"} " + QByteArray::number(values[m], 'g', 15) + '\n';

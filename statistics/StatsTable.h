@@ -28,6 +28,9 @@ public:
         qint64 staleHits = 0;
         qint64 waits = 0;
         qint64 waitedMs = 0;
+        // Removals by tag, and the pages they ended (the row of rule 0).
+        qint64 tagRemovals = 0;
+        qint64 pagesRemovedByTag = 0;
         // Of the pages answered, the share served from the store; 0 with none.
         double hitRatio() const;
     };

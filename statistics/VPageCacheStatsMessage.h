@@ -27,8 +27,9 @@ class VPageCacheStatsMessage : public VStatisticsMessage
 {
 public:
     // A stale hit sends Hit and Stale; a request that waited for another
-    // worker's build sends Wait with the milliseconds it waited.
-    enum CounterType { Possible = 0, Hit = 1, Miss = 2, TimeSaved = 3, Stale = 4, Wait = 5 };
+    // worker's build sends Wait with the milliseconds it waited. A removal
+    // by tag sends TagRemoval with the number of pages it ended.
+    enum CounterType { Possible = 0, Hit = 1, Miss = 2, TimeSaved = 3, Stale = 4, Wait = 5, TagRemoval = 6 };
     static constexpr int Kind = 1;
 
     VPageCacheStatsMessage() : VStatisticsMessage(Kind) {}

@@ -148,10 +148,13 @@ int commandList(CliContext& context, const QStringList& args)
     QCommandLineParser parser;
     const QCommandLineOption ruleOption(QStringLiteral("rule"), QStringLiteral("Only the pages of rule NAME."),
                                         QStringLiteral("NAME"));
-    parser.addOption(ruleOption);
+    const QCommandLineOption tagOption(QStringLiteral("tag"), QStringLiteral("Only the pages holding tag TAG."),
+                                       QStringLiteral("TAG"));
+    parser.addOptions({ruleOption, tagOption});
     int code = ExitOk;
-    if (!parseCommand(parser, args, 0, 0, QStringLiteral("[--rule NAME]"), &code))
+    if (!parseCommand(parser, args, 0, 0, QStringLiteral("[--rule NAME] [--tag TAG]"), &code))
         return code;
+    const QByteArray tag = parser.value(tagOption).toUtf8();
     VHTMLCache* cache = context.cache();
     if (!cache)
         return ExitFailed;
@@ -163,7 +166,8 @@ int commandList(CliContext& context, const QStringList& args)
     QString error;
     const bool read = forEachStoredPage(*cache->store(), [&](const StoredPage& page) {
         const QString rule = nameOf(names, page.ns);
-        if (parser.isSet(ruleOption) && rule != only)
+        // The records' own tags: what a removal of the tag ends.
+        if ((parser.isSet(ruleOption) && rule != only) || (parser.isSet(tagOption) && !page.entry.tags().contains(tag)))
             return;
         out(QStringLiteral("%1\t%2\t%3\tstatus %4\tage %5 s\texpires %6\t%7 bytes%8")
                 .arg(rule, QString::fromUtf8(page.entry.url()), QString::fromLatin1(page.key))
@@ -233,6 +237,9 @@ bool showCopies(VHTMLCache& cache, const CacheRule& rule, const QByteArray& url,
                 .arg(mine ? QStringLiteral(" (this request's)") : QString()));
         for (const QByteArray& header : page.entry.headers())
             out(QStringLiteral("    ") + QString::fromLatin1(header));
+        const QList<QByteArray> tags = page.entry.tags();
+        if (!tags.isEmpty())
+            out(QStringLiteral("    tags: ") + QString::fromUtf8(tags.join(' ')));
     }, error);
     if (read && copies == 0)
         out(QStringLiteral("no stored copy"));

@@ -39,6 +39,10 @@ bool responseAccepted()
         refuse(r.storeRefusal.constData());
         return false;
     }
+    if (!r.tagsRefusal.isNull()) {
+        refuse(r.tagsRefusal.constData());
+        return false;
+    }
     if (!cache->areHeadersCacheable(r.seenHeaders, r.appId)) {
         disableCaching();
         refuse("header rule");
@@ -169,6 +173,13 @@ bool holdEndedCapture(const char* output, size_t length, const VeskOutputPass& p
     return true;
 }
 
+// How many tags the stored page holds, for the verdict; null for none.
+QByteArray tagsCount()
+{
+    const int count = requestState.pageTags.size();
+    return count == 0 ? QByteArray() : QByteArray::number(count) + (count == 1 ? " tag" : " tags");
+}
+
 // What a rule that publishes needs to publish the page: the Content-Type
 // the client got, which is the engine's default when the script set none.
 PublishTarget publishTarget()
@@ -265,16 +276,25 @@ void storeWhole(const char* output, size_t length, int responseCode)
     const bool compress = !r.responseCompressed && gzipCopyWanted(qint64(length));
     const bool publish = pagePublishable();
     const PublishTarget target = publish ? publishTarget() : PublishTarget();
-    if (!VHTMLCache::instance()->storeOutput(r.namespaceKey, r.matchKey, r.url.whole(), output, qint64(length),
-                                             responseCode, lines, lifetime, compress, r.responseCompressed,
-                                             publish ? &target : nullptr)) {
+    PageTags tags;
+    tags.tags = r.pageTags;
+    tags.sinceMs = r.buildStartMs;
+    VHTMLCache* cache = VHTMLCache::instance();
+    if (!cache->storeOutput(r.namespaceKey, r.matchKey, r.url.whole(), output, qint64(length), responseCode, lines,
+                            lifetime, compress, r.responseCompressed, publish ? &target : nullptr, &tags)) {
+        // A tag removed while the page was built: the page is out of date.
+        if (!cache->tagRefusal().isNull()) {
+            refuse("tag removed");
+            return;
+        }
         VLOG(log, 0) << "Storing entry failed";
         sayPass("store error");
         return;
     }
     if (!vesk_headers_sent())
         sendPageLines(lines);
-    sayVerdict("miss");
+    const QByteArray counted = tagsCount();
+    sayVerdict("miss", counted.isNull() ? nullptr : counted.constData());
     if (pageCacheConfig.pulse_enable)
         PageCachePulse::instance()->addTimeSaved(r.rule->id, r.rule->name, QString::fromLatin1(r.matchKey));
     logStored(output, length);
