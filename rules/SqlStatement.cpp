@@ -727,9 +727,9 @@ void Reader::setting(int b, int e)
             continue;
         const QByteArray value = t[k + 2].text.toLower();
         if (value == "0" || value == "off" || value == "false")
-            out.control = SqlStatement::Begin;
+            out.control = SqlStatement::AutocommitOff;
         else if (value == "1" || value == "on" || value == "true")
-            out.control = SqlStatement::Commit;
+            out.control = SqlStatement::AutocommitOn;
     }
     scanReads(b + 1, e);
 }

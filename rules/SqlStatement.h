@@ -24,7 +24,9 @@ struct SqlTableAccess
 class SqlStatement
 {
 public:
-    enum Control { Plain, Begin, Commit, Rollback };
+    // Autocommit off holds every write that follows until a commit, and
+    // turning it on again commits.
+    enum Control { Plain, Begin, Commit, Rollback, AutocommitOff, AutocommitOn };
 
     // `keys` names the key column of a table (both in lower case); a table
     // not listed has "id". `backslashEscapes`: a backslash escapes in

@@ -28,7 +28,7 @@ std::string summary(const char* sql, bool backslashEscapes = true)
         parts << QStringLiteral("R*");
     if (s.writesAnything)
         parts << QStringLiteral("W*");
-    const char* const controls[] = {"", "begin", "commit", "rollback"};
+    const char* const controls[] = {"", "begin", "commit", "rollback", "autocommit off", "autocommit on"};
     if (s.control != SqlStatement::Plain)
         parts << QString::fromLatin1(controls[s.control]);
     return parts.join(QLatin1Char(' ')).toStdString();
@@ -104,8 +104,8 @@ INSTANTIATE_TEST_SUITE_P(Statements, SqlReading, testing::Values(
     // Transactions.
     Case{"START TRANSACTION", "begin"},
     Case{"BEGIN IMMEDIATE", "begin"},
-    Case{"SET autocommit = 0", "begin"},
-    Case{"SET @@session.autocommit=1", "commit"},
+    Case{"SET autocommit = 0", "autocommit off"},
+    Case{"SET @@session.autocommit=1", "autocommit on"},
     Case{"COMMIT", "commit"},
     Case{"ROLLBACK", "rollback"},
     Case{"ROLLBACK TO SAVEPOINT s1", ""},
