@@ -1,5 +1,7 @@
 #include "LearnedTags.h"
 #include "SqlStatement.h"
+#include "VException.h"
+#include "../rules/RulesTestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -195,6 +197,27 @@ TEST(LearnIgnoreList, RefusesWhatItCantRead)
     EXPECT_FALSE(list.parse(QStringLiteral("wp_options option_name=x"), &bad));
     EXPECT_EQ(QStringLiteral("option_name=x"), bad);
     EXPECT_TRUE(LearnIgnoreList().mark().isEmpty());
+}
+
+class LearnRules : public RulesFixture
+{
+};
+
+// Every writer needs the keys and the distinct lists of the rules that
+// learn, whatever rule its own request matched.
+TEST_F(LearnRules, RulesFileNamesKeysAndLists)
+{
+    ParsedRules rules(rulesXml(R"(
+      <url schema="http" host="h" path="a" learn_keys="wp_options.option_name" learn_ignore="wp_options.option_name=cron"/>
+      <url schema="http" host="h" path="b" learn_ignore="wp_options.option_name=cron"/>
+      <url schema="http" host="h" path="c" learn="false" learn_ignore="other"/>
+      <url schema="http" host="h" path="d"/>)"));
+    EXPECT_EQ(QByteArray("option_name"), rules.learnKeys().value("wp_options"));
+    ASSERT_EQ(2, rules.learnLists().size());
+    EXPECT_FALSE(rules.rule("http://h/c").d->learn);
+    EXPECT_EQ(rules.learnLists().first().mark(), rules.rule("http://h/b").d->learnIgnored.mark());
+    EXPECT_THROW(ParsedRules(rulesXml(R"(<url schema="http" host="h" path="a" learn_ignore=".x=1"/>)")), VException);
+    EXPECT_THROW(ParsedRules(rulesXml(R"(<url schema="http" host="h" path="a" learn_keys="nodot"/>)")), VException);
 }
 
 } // namespace
