@@ -14,6 +14,8 @@ const qint64 FirstDay = 2415021; // 1900-01-01
 const qint64 LastDay = 5373484;  // 9999-12-31
 const qint64 UnixEpochDay = 2440588;
 const qint64 MSecsPerDay = 86400000;
+// Marks the tags after the body: a record without them ends with the body.
+const qint32 TagsMark = 0x54414753; // "TAGS"
 
 // The fields of a record as a version 18 stream lays them out, big-endian,
 // read where they lie; every read fails once the record runs short.
@@ -51,6 +53,7 @@ public:
     }
 
     bool atEnd() const { return at == end; }
+    QByteArray rest() const { return QByteArray::fromRawData(at, int(end - at)); }
 
 private:
     const char* at;
@@ -91,14 +94,18 @@ QByteArray CacheEntry::toRecord()
     out.setVersion(QDataStream::Qt_5_12);
     // Written in local time, as the format has always held it.
     out << m_formatTag << m_created.toLocalTime() << m_url << m_status << m_headers << m_body;
+    if (!m_tags.isEmpty())
+        out << TagsMark << m_tags;
     return record;
 }
 
 void CacheEntry::readRecord(const QByteArray& record)
 {
     m_record.reset();
-    if (readInPlace(record.constData(), record.size()))
+    if (readInPlace(record.constData(), record.size())) {
         m_body = copyOf(m_body);
+        m_tail = copyOf(m_tail);
+    }
     else
         readThroughStream(record);
 }
@@ -154,6 +161,7 @@ bool CacheEntry::readInPlace(const char* data, int size)
     m_status = status;
     m_headers = headers;
     m_body = body;
+    m_tail = in.rest();
     return true;
 }
 
@@ -162,6 +170,22 @@ void CacheEntry::readThroughStream(const QByteArray& record)
     QDataStream in(record);
     in.setVersion(QDataStream::Qt_5_12);
     in >> m_formatTag >> m_created >> m_url >> m_status >> m_headers >> m_body;
+    m_tail = in.device() ? copyOf(record.mid(int(in.device()->pos()))) : QByteArray();
     if (m_created.isValid())
         m_created = m_created.toUTC();
+}
+
+QList<QByteArray> CacheEntry::tags() const
+{
+    QList<QByteArray> tags;
+    if (m_tail.isEmpty())
+        return tags;
+    QDataStream in(m_tail);
+    in.setVersion(QDataStream::Qt_5_12);
+    qint32 mark = 0;
+    in >> mark;
+    if (mark != TagsMark)
+        return tags;
+    in >> tags;
+    return in.status() == QDataStream::Ok ? tags : QList<QByteArray>();
 }

@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QDateTime>
 #include <QLinkedList>
+#include <QList>
 
 #include <memory>
 
@@ -33,6 +34,9 @@ public:
     QByteArray url() const { return m_url; }
     QDateTime created() const { return m_created; }
     qint32 formatTag() const { return m_formatTag; }
+    // The page's tags, which follow the body in its record (see
+    // STORE_FORMAT.md); read only when asked for, never by a hit.
+    QList<QByteArray> tags() const;
 
     qint32 m_formatTag = 0;
     QDateTime m_created;
@@ -40,6 +44,8 @@ public:
     qint32 m_status = 0;
     QLinkedList<QByteArray> m_headers;
     QByteArray m_body;
+    // Written after the body when not empty.
+    QList<QByteArray> m_tags;
 
 private:
     bool readInPlace(const char* data, int size);
@@ -47,4 +53,6 @@ private:
 
     // The record a body read in place lies in.
     std::shared_ptr<const char> m_record;
+    // What follows the body in the record read, where it lies.
+    QByteArray m_tail;
 };

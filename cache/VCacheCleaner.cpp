@@ -8,6 +8,7 @@
 #include "VDiskStorage.h"
 #include "VException.h"
 #include "VGlobals.h"
+#include "VHTMLCache.h"
 #include "VPublishedPages.h"
 #include "VeskServerInfo.h"
 
@@ -170,6 +171,9 @@ void VCacheCleaner::clean()
         if (published && maxStoreSize > 0)
             storage->setSizeBound(qMax<qint64>(1, maxStoreSize - published->bytes()), pageOf);
         storage->cleanExpired();
+        // A removal by tag cut short by a killed process is finished here,
+        // so that no page outlives it for longer than a cleaning.
+        VHTMLCache::finishTagRemovals(*storage);
         // The web server can't ask the purge rules: after a purge every
         // published file goes.
         if (published && purgeDatabaseChanged())

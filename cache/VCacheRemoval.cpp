@@ -18,6 +18,7 @@ const char* const functionNames[] = {
     "page_cache_remove_cached_contents_by_rules_ids",
     "page_cache_remove_all_cached_contents",
     "page_cache_purge",
+    "page_cache_remove_by_tags",
 };
 
 QJsonValue text(const QByteArray& bytes)
@@ -44,6 +45,12 @@ bool argumentsFit(VCacheRemoval::Kind kind, const QJsonArray& call)
         return call.size() == 1;
     case VCacheRemoval::Purge:
         return call.size() == 2 && call.at(1).isObject();
+    case VCacheRemoval::ByTags:
+        for (const QJsonValue& tag : call.at(1).toArray()) {
+            if (!tag.isString())
+                return false;
+        }
+        return call.size() == 2 && call.at(1).isArray();
     }
     return false;
 }
@@ -88,6 +95,14 @@ VCacheRemoval VCacheRemoval::all()
     return VCacheRemoval();
 }
 
+VCacheRemoval VCacheRemoval::byTags(const QList<QByteArray>& tags)
+{
+    VCacheRemoval removal;
+    removal.m_kind = ByTags;
+    removal.m_tags = tags;
+    return removal;
+}
+
 VCacheRemoval VCacheRemoval::purge(const QString& url, const QDateTime& createdUntil, const QString& application)
 {
     VCacheRemoval removal;
@@ -108,7 +123,7 @@ bool VCacheRemoval::fromPayload(const QByteArray& payload, VCacheRemoval* remova
         return false;
     }
     const QString name = call.at(0).toString();
-    for (int kind = ByPattern; kind <= Purge; ++kind) {
+    for (int kind = ByPattern; kind <= ByTags; ++kind) {
         if (name != QLatin1String(functionNames[kind]))
             continue;
         if (!argumentsFit(Kind(kind), call)) {
@@ -119,6 +134,9 @@ bool VCacheRemoval::fromPayload(const QByteArray& payload, VCacheRemoval* remova
         removal->m_first = call.at(1).toString().toUtf8();
         removal->m_second = call.at(2).toString().toUtf8();
         removal->m_ids.clear();
+        removal->m_tags.clear();
+        for (const QJsonValue& tag : call.at(1).toArray())
+            removal->m_tags << tag.toString().toUtf8();
         for (int i = 1; kind == ByRuleIds && i < call.size(); ++i)
             removal->m_ids << qint64(call.at(i).toDouble());
         const QJsonObject rule = call.at(1).toObject();
@@ -142,6 +160,12 @@ QString VCacheRemoval::payload() const
         call << text(m_second);
     for (qint64 id : m_ids)
         call << double(id);
+    if (m_kind == ByTags) {
+        QJsonArray tags;
+        for (const QByteArray& tag : m_tags)
+            tags << text(tag);
+        call << tags;
+    }
     if (m_kind == Purge) {
         QJsonObject rule;
         if (!m_url.isEmpty())
@@ -159,7 +183,8 @@ tkd::TaskType VCacheRemoval::taskType() const
 {
     static const tkd::TaskType types[] = {tkd::PAGECACHE_REMOVE_CACHED_CONTENTS, tkd::PAGECACHE_REMOVE_BY_URI,
                                           tkd::PAGECACHE_REMOVE_BY_RULE,         tkd::PAGECACHE_REMOVE_BY_RULES_IDS,
-                                          tkd::PAGECACHE_REMOVE_ALL,             tkd::PAGECACHE_PURGE};
+                                          tkd::PAGECACHE_REMOVE_ALL,             tkd::PAGECACHE_PURGE,
+                                          tkd::PAGECACHE_REMOVE_BY_TAGS};
     return types[m_kind];
 }
 
@@ -173,6 +198,7 @@ const char* VCacheRemoval::queueFailure() const
         "page_cache_remove_cached_contents_by_rules_ids: failed to add TKD task.",
         "page_cache_remove_all_cached_contents: failed to add TKD task.",
         "page_cache_purge: failed to add TKD task.",
+        "page_cache_remove_by_tags: failed to add TKD task.",
     };
     return failures[m_kind];
 }
@@ -205,6 +231,8 @@ bool VCacheRemoval::carryOut(VHTMLCache& cache) const
         return false;
     case Purge:
         return removePurged(cache);
+    case ByTags:
+        return removeByTags(cache);
     }
     return false;
 }
@@ -217,6 +245,16 @@ bool VCacheRemoval::removeByRuleIds(VHTMLCache& cache) const
             return false;
     }
     return true;
+}
+
+bool VCacheRemoval::removeByTags(VHTMLCache& cache) const
+{
+    VLOG(PageCacheLogStream, 5) << "Removing cached contents for tags" << m_tags.join(' ');
+    bool complete = false;
+    if (!cache.store())
+        return false;
+    VHTMLCache::removeByTags(*cache.store(), m_tags, &complete);
+    return complete;
 }
 
 bool VCacheRemoval::removePurged(VHTMLCache& cache) const

@@ -17,7 +17,7 @@ class VHTMLCache;
 class VCacheRemoval
 {
 public:
-    enum Kind { ByPattern, ByUri, ByRule, ByRuleIds, All, Purge };
+    enum Kind { ByPattern, ByUri, ByRule, ByRuleIds, All, Purge, ByTags };
 
     // The rule's URL pattern, with ordinary groups or non-capturing ones.
     static VCacheRemoval byPattern(const QByteArray& url);
@@ -25,6 +25,8 @@ public:
     static VCacheRemoval byRule(const QByteArray& rule);
     static VCacheRemoval byRuleIds(const QList<qint64>& ids);
     static VCacheRemoval all();
+    // The pages holding any of `tags`.
+    static VCacheRemoval byTags(const QList<QByteArray>& tags);
     // The pages a purge rule covers: those of `url` (empty for none), and
     // those created at or before `createdUntil` (invalid for none), to the
     // millisecond. The store
@@ -50,11 +52,13 @@ public:
 private:
     bool removeByRuleIds(VHTMLCache& cache) const;
     bool removePurged(VHTMLCache& cache) const;
+    bool removeByTags(VHTMLCache& cache) const;
 
     Kind m_kind = All;
     QByteArray m_first;  // the pattern, or the rule's name
     QByteArray m_second; // the URI
     QList<qint64> m_ids;
+    QList<QByteArray> m_tags;
     QString m_url;
     QDateTime m_createdUntil;
     QString m_application;

@@ -4,6 +4,8 @@
 #include "QtIOCompressor.h"
 #include "VDiskStorage.h"
 #include "VHeaderLines.h"
+#include "StoreListing.h"
+#include "VTagIndex.h"
 #include "VMD5.h"
 #include "VCacheCleaner.h"
 #include "VCleanerWatch.h"
@@ -346,9 +348,12 @@ void readInto(VDiskStorage* storage, const QByteArray& ns, const QByteArray& key
 
 // One copy of a page, clear or gzip, as one record of the store.
 bool writeCopy(VDiskStorage* storage, const QByteArray& ns, const QByteArray& key, const QByteArray& url, int status,
-               const QLinkedList<QByteArray>& headers, const QByteArray& body, PageLifetime lifetime)
+               const QLinkedList<QByteArray>& headers, const QByteArray& body, PageLifetime lifetime,
+               const PageTags* tags)
 {
     CacheEntry entry;
+    if (tags)
+        entry.m_tags = tags->tags;
     entry.m_formatTag = CacheEntry::FormatTag;
     entry.m_url = url;
     entry.m_status = status;
@@ -363,6 +368,34 @@ bool writeCopy(VDiskStorage* storage, const QByteArray& ns, const QByteArray& ke
         VLOG(PageCacheLogStream, 0) << "failed to store output for" << key << storage->lastError.constData();
     return false;
 }
+
+// Both copies of a page, and its published files.
+bool endPage(VDiskStorage& storage, const QByteArray& ns, const QByteArray& key)
+{
+    const bool clearRemoved = storage.remove(ns, key);
+    const bool gzipRemoved = storage.remove(ns, key + ".z");
+    if (publishedPages)
+        publishedPages->unpublish(ns, key);
+    return gzipRemoved && clearRemoved;
+}
+
+// Ends, from the records themselves, the pages holding `tag`: for a tag
+// whose listing in the index is damaged.
+bool endPagesFromRecords(VDiskStorage& storage, const QByteArray& tag)
+{
+    VLOG(PageCacheLogStream, 1) << "The tag index of" << tag << "is damaged: looking for its pages in the records";
+    bool ended = true;
+    QString error;
+    const bool walked = forEachStoredPage(storage, [&](const StoredPage& page) {
+        const QByteArray key = page.compressedCopy() ? page.key.left(page.key.size() - 2) : page.key;
+        if (page.entry.tags().contains(tag))
+            ended = endPage(storage, page.ns, key) && ended;
+    }, &error);
+    if (!walked)
+        VLOG(PageCacheLogStream, 0) << "Could not read the whole store for tag" << tag << ":" << error;
+    return walked && ended;
+}
+
 } // namespace
 
 void VHTMLCache::readEntry(const QByteArray& ns, const QByteArray& key, CacheEntry& entry)
@@ -396,22 +429,26 @@ bool VHTMLCache::removeEntry(const QByteArray& ns, const QByteArray& key)
 {
     // Both copies: a gzip copy left behind would go on answering for the
     // page when the next one is stored without one.
-    if (!storage)
-        return false;
-    const bool clearRemoved = storage->remove(ns, key);
-    const bool gzipRemoved = storage->remove(ns, key + ".z");
-    if (publishedPages)
-        publishedPages->unpublish(ns, key);
-    return gzipRemoved && clearRemoved;
+    return storage && endPage(*storage, ns, key);
 }
 
 bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const QByteArray& url, const char* data,
                              qint64 size, int status, const QLinkedList<QByteArray>& headers, PageLifetime lifetime,
-                             bool compress, bool alreadyCompressed, const PublishTarget* publish)
+                             bool compress, bool alreadyCompressed, const PublishTarget* publish,
+                             const PageTags* tags)
 {
     const VDebug::StreamId log = PageCacheLogStream;
+    m_tagRefusal.clear();
     if (!storage) {
         VLOG(log, 0) << "failed to store output for" << key << "no store is open";
+        return false;
+    }
+    // The page is listed under its tags, which stay locked until its
+    // records are written: a removal of a tag ends it or keeps it out.
+    VTagIndex index(storage->root());
+    VTagIndex::Entry entered;
+    if (tags && !tags->tags.isEmpty() && !index.enter(ns, key, tags->tags, tags->sinceMs, entered, &m_tagRefusal)) {
+        VLOG(log, 3) << "Not storing" << url << ":" << m_tagRefusal;
         return false;
     }
     const QByteArray input = QByteArray::fromRawData(data, int(size));
@@ -444,7 +481,7 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
     // answering gzip clients.
     if (!storeCompressed)
         storage->remove(ns, key + ".z");
-    else if (!writeCopy(storage, ns, key + ".z", url, status, copyHeaders, compressedBody, lifetime))
+    else if (!writeCopy(storage, ns, key + ".z", url, status, copyHeaders, compressedBody, lifetime, tags))
         return false;
     QByteArray clearBody = input;
     if (alreadyCompressed) {
@@ -458,7 +495,7 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
         }
         VHeaderLines::removeName(clearHeaders, "Content-Encoding");
     }
-    if (!writeCopy(storage, ns, key, url, status, clearHeaders, clearBody, lifetime))
+    if (!writeCopy(storage, ns, key, url, status, clearHeaders, clearBody, lifetime, tags))
         return false;
     if (publish && publishedPages)
         publishStored(ns, key, *publish, status, clearHeaders, clearBody, storeCompressed ? compressedBody : QByteArray());
@@ -553,6 +590,30 @@ bool VHTMLCache::clearNamespace(const QByteArray& ns)
     m_lastError = storage->lastError.isNull() ? QString() : QString::fromUtf8(storage->lastError.constData());
     VLOG(PageCacheLogStream, 0) << "Cannot clear namespace" << ns << "." << m_lastError;
     return cleared;
+}
+
+int VHTMLCache::removeByTags(VDiskStorage& store, const QList<QByteArray>& tags, bool* complete)
+{
+    VTagIndex index(store.root());
+    const auto removePage = [&store](const QByteArray& ns, const QByteArray& key) { return endPage(store, ns, key); };
+    const auto fromRecords = [&store](const QByteArray& tag) { return endPagesFromRecords(store, tag); };
+    int removed = 0;
+    *complete = true;
+    for (const QByteArray& tag : tags) {
+        bool ended = false;
+        removed += index.remove(tag, removePage, fromRecords, &ended);
+        if (!ended)
+            VLOG(PageCacheLogStream, 0) << "Failed to remove the pages of tag" << tag << index.lastError;
+        *complete = *complete && ended;
+    }
+    return removed;
+}
+
+void VHTMLCache::finishTagRemovals(VDiskStorage& store)
+{
+    VTagIndex index(store.root());
+    index.finishInterrupted([&store](const QByteArray& ns, const QByteArray& key) { return endPage(store, ns, key); },
+                            [&store](const QByteArray& tag) { return endPagesFromRecords(store, tag); });
 }
 
 QByteArray VHTMLCache::ruleNamespace(const CacheRule& rule)

@@ -25,6 +25,14 @@ struct PageLifetime
     quint32 fresh;
 };
 
+// A page's tags, and when the build of the page began (ms since 1970): a
+// removal of one of the tags since then keeps the page out of the store.
+struct PageTags
+{
+    QList<QByteArray> tags;
+    qint64 sinceMs = 0;
+};
+
 class VHTMLCache : public VRuleMatcher
 {
 public:
@@ -85,7 +93,11 @@ public:
     // and otherwise loses what an older page of the record published.
     bool storeOutput(const QByteArray& ns, const QByteArray& key, const QByteArray& url, const char* data,
                      qint64 size, int status, const QLinkedList<QByteArray>& headers, PageLifetime lifetime,
-                     bool compress, bool alreadyCompressed, const PublishTarget* publish = nullptr);
+                     bool compress, bool alreadyCompressed, const PublishTarget* publish = nullptr,
+                     const PageTags* tags = nullptr);
+    // Why the last storeOutput() refused a page for its tags (one of them
+    // removed while it was built); null when it didn't.
+    QByteArray tagRefusal() const { return m_tagRefusal; }
     static QDateTime parseHttpDate(const char* text);
     // Whether a page gets a gzip copy: more than 1024 bytes, compression
     // allowed for the request, and no tidy pass ("tidy.clean_output") that
@@ -105,6 +117,12 @@ public:
     // publishes; `defaultType` the Content-Type sent when the page set none.
     void republish(const QByteArray& ns, const QByteArray& key, const CacheRuleData& rule,
                    const QByteArray& defaultType);
+    // Ends every page holding one of `tags`, and its published files, from
+    // `store`; answers how many pages the tags listed. `complete` false
+    // when one could not be ended.
+    static int removeByTags(VDiskStorage& store, const QList<QByteArray>& tags, bool* complete);
+    // Finishes the removals by tag that a killed process left unfinished.
+    static void finishTagRemovals(VDiskStorage& store);
     bool removeByRuleId(qint64 id);
     bool removeByRuleName(const char* name);
     // Names are UTF-8. A rule split by anything but the request URI alone
@@ -134,4 +152,5 @@ private:
     VDiskStorage* storage = nullptr;
     VCacheCleaner* cleaner = nullptr;
     QString m_lastError;
+    QByteArray m_tagRefusal;
 };

@@ -75,6 +75,9 @@ public:
     // without PHP; only set when the web server can decide all that decides
     // them (see publishRefusal).
     bool publish = false;
+    // The response header whose words are the page's tags ("X-Cache-Tags");
+    // it neither goes out nor is stored. Empty for none.
+    QByteArray tagsHeader;
     qint32 appId = -1;
     // A page built for a request with credentials (HTTP authentication)
     // is stored only when the rule says so.

@@ -161,6 +161,7 @@ void RulesFileReader::parseUrl()
     rule.d->compress = !isOff(attribute(QLatin1String("compress")));
     rule.d->enable = !isOff(attribute(QLatin1String("enable")));
     rule.d->publish = isOn(attribute(QLatin1String("publish")));
+    rule.d->tagsHeader = attribute(QLatin1String("tags_header")).trimmed().toLatin1();
     rule.d->storeCredentials = isOn(attribute(QLatin1String("store_credentials")));
     rule.d->storeAnyCookie = isOn(attribute(QLatin1String("store_any_cookie")));
     for (const QString& cookie : attribute(QLatin1String("ignore_cookies")).split(QLatin1Char(' '), Qt::SkipEmptyParts))

@@ -14,7 +14,7 @@
 
 namespace {
 
-const char* const Syntax = "[--cluster] pattern PATTERN | uri RULE URI | rule NAME | ids ID... | all";
+const char* const Syntax = "[--cluster] pattern PATTERN | uri RULE URI | rule NAME | ids ID... | tag TAG... | all";
 
 // Only a node of a cluster queues; the local removal has been done and
 // stands whatever happens to the task.
@@ -50,6 +50,12 @@ VCacheRemoval removalOf(const QStringList& what)
             ids << what.at(i).toLongLong();
         return VCacheRemoval::byRuleIds(ids);
     }
+    if (kind == QLatin1String("tag")) {
+        QList<QByteArray> tags;
+        for (int i = 1; i < what.size(); ++i)
+            tags << what.at(i).toUtf8();
+        return VCacheRemoval::byTags(tags);
+    }
     return VCacheRemoval::all();
 }
 
@@ -60,7 +66,7 @@ int wordsOf(const QString& kind)
         return 1;
     if (kind == QLatin1String("uri"))
         return 2;
-    if (kind == QLatin1String("ids"))
+    if (kind == QLatin1String("ids") || kind == QLatin1String("tag"))
         return -1;
     if (kind == QLatin1String("all"))
         return 0;
@@ -111,7 +117,7 @@ int commandRemove(CliContext& context, const QStringList& args)
     const int words = wordsOf(what.first());
     if (words == -2 || (words >= 0 && what.size() != words + 1) || (words == -1 && what.size() < 2))
         return fail(ExitUsage, QStringLiteral("usage: vesk-pagecache remove %1").arg(QString::fromLatin1(Syntax)));
-    if (words == -1 && !idsAreNumbers(what))
+    if (what.first() == QLatin1String("ids") && !idsAreNumbers(what))
         return fail(ExitUsage, QStringLiteral("remove ids: rule ids are numbers other than 0"));
     VHTMLCache* cache = context.cache();
     if (!cache)

@@ -4,6 +4,7 @@
 #include "RequestPath.h"
 
 #include "ModuleState.h"
+#include "PageTags.h"
 #include "RequestState.h"
 #include "host/vesk_host.h"
 
@@ -36,21 +37,23 @@ void logEncoding(const QByteArray& line)
 }
 
 // Follows every header operation of the response, so that the stored
-// lines are the ones its client got.
-void captureHeaderLine(VeskHeaderOp op, const char* text, size_t length)
+// lines are the ones its client got. The rule's tags header is taken out.
+bool captureHeaderLine(VeskHeaderOp op, const char* text, size_t length)
 {
     RequestState& r = requestState;
+    if ((op == VeskHeaderOp::Add || op == VeskHeaderOp::Replace) && takeTagsHeader(QByteArray(text, int(length))))
+        return false;
     if (!r.buffering || r.sayingVerdict)
-        return;
+        return true;
     const VDebug::StreamId log = moduleState.logStream;
     if (op == VeskHeaderOp::Delete || op == VeskHeaderOp::DeleteAll) {
         if (r.captureEndedByScript)
-            return;
+            return true;
         VHeaderLines::apply(r.storedHeaders,
                             op == VeskHeaderOp::Delete ? VHeaderLines::Op::Delete : VHeaderLines::Op::DeleteAll,
                             QByteArray(text, int(length)));
         noteResponseLines();
-        return;
+        return true;
     }
     const QByteArray line(text, int(length));
     r.seenHeaders.append(line);
@@ -59,16 +62,17 @@ void captureHeaderLine(VeskHeaderOp op, const char* text, size_t length)
     // it; what the levels below add later (an engine's compression) is
     // the transport's, not the page's. The response rules still see it.
     if (r.captureEndedByScript)
-        return;
+        return true;
     // The visitor's own session cookie never goes into a stored page.
     if (r.inSessionStartup && VHeaderLines::hasName(line, "Set-Cookie")) {
         VLOG(log, 4) << "Ignoring header for storing (during session startup):" << line;
-        return;
+        return true;
     }
     VLOG(log, 4) << "Buffering header for storing:" << line;
     VHeaderLines::apply(r.storedHeaders, op == VeskHeaderOp::Add ? VHeaderLines::Op::Add : VHeaderLines::Op::Replace,
                         line);
     noteResponseLines();
+    return true;
 }
 
 } // namespace

@@ -39,6 +39,10 @@ bool responseAccepted()
         refuse(r.storeRefusal.constData());
         return false;
     }
+    if (!r.tagsRefusal.isNull()) {
+        refuse(r.tagsRefusal.constData());
+        return false;
+    }
     if (!cache->areHeadersCacheable(r.seenHeaders, r.appId)) {
         disableCaching();
         refuse("header rule");
@@ -244,9 +248,17 @@ void storeWhole(const char* output, size_t length, int responseCode)
     const bool compress = !r.responseCompressed && gzipCopyWanted(qint64(length));
     const bool publish = pagePublishable();
     const PublishTarget target = publish ? publishTarget() : PublishTarget();
-    if (!VHTMLCache::instance()->storeOutput(r.namespaceKey, r.matchKey, r.url.whole(), output, qint64(length),
-                                             responseCode, lines, lifetime, compress, r.responseCompressed,
-                                             publish ? &target : nullptr)) {
+    PageTags tags;
+    tags.tags = r.pageTags;
+    tags.sinceMs = r.buildStartMs;
+    VHTMLCache* cache = VHTMLCache::instance();
+    if (!cache->storeOutput(r.namespaceKey, r.matchKey, r.url.whole(), output, qint64(length), responseCode, lines,
+                            lifetime, compress, r.responseCompressed, publish ? &target : nullptr, &tags)) {
+        // A tag removed while the page was built: the page is out of date.
+        if (!cache->tagRefusal().isNull()) {
+            refuse("tag removed");
+            return;
+        }
         VLOG(log, 0) << "Storing entry failed";
         sayPass("store error");
         return;

@@ -225,6 +225,9 @@ void setUpRule()
         r.engineLines.append(QByteArray(line.data(), int(line.size())));
     r.storedHeaders = r.engineLines;
     r.storeRefusal = unaccountedCookie(*r.rule);
+    r.pageTags.clear();
+    r.tagsRefusal = QByteArray();
+    r.buildStartMs = QDateTime::currentMSecsSinceEpoch();
     if (r.rule->d->splitNeedsSession) {
         r.waitingForSession = true;
     } else if (r.rule->conditionsHoldWithoutSession()) {

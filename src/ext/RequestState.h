@@ -74,6 +74,13 @@ struct RequestState
     // Why no page is stored from this request though one may be served to
     // it ("cookie NAME"), null when nothing keeps it from the store.
     QByteArray storeRefusal;
+    // The tags of the page being built, and when its build began (ms since
+    // 1970): a removal of one of them since keeps the page out of the store.
+    QList<QByteArray> pageTags;
+    qint64 buildStartMs = 0;
+    // Why the page's tags keep it from the store ("tags": past the bound);
+    // null when they don't.
+    QByteArray tagsRefusal;
     // Facts for the host's statistics function, reported at request end.
     QList<PageCacheStatRecord> statisticsQueue;
 };

@@ -2,6 +2,7 @@
 
 #include "GlobalDirectives.h"
 #include "ModuleState.h"
+#include "PageTags.h"
 #include "RequestPath.h"
 #include "RequestState.h"
 #include "host/vesk_host.h"
@@ -320,6 +321,62 @@ bool pageCachePurge(VeskCall* call)
     // The web server can't ask the purge rules: published files all go,
     // and pages the rule spares are published again as they are stored.
     VHTMLCache::unpublishAll();
+    return true;
+}
+
+namespace {
+
+// The words of a string, or of each string of an array; false for any
+// other value.
+bool tagWords(const VeskValue& value, QStringList& tags)
+{
+    if (value.type == VeskValue::String) {
+        tags << QString::fromUtf8(bytes(value));
+        return true;
+    }
+    if (value.type != VeskValue::Array)
+        return false;
+    for (const VeskArrayElement& element : value.elements) {
+        if (element.value.type != VeskValue::String)
+            return false;
+        tags << QString::fromUtf8(bytes(element.value));
+    }
+    return true;
+}
+
+} // namespace
+
+// True when the tags went to a page being built; false outside a captured
+// miss, where there is no page to tag.
+bool pageCacheAddTags(VeskCall* call)
+{
+    Arguments args;
+    QStringList tags;
+    if (!argumentsOf(call, "z", args, "page_cache_add_tags"))
+        return false;
+    if (!tagWords(args[0], tags)) {
+        warn("page_cache_add_tags() takes a string or an array of strings\n");
+        return false;
+    }
+    if (!moduleState.enabled || !requestState.ruleActive || !requestState.buffering)
+        return false;
+    addPageTags(tags);
+    return requestState.tagsRefusal.isNull();
+}
+
+// Works on the command line too, where the cache is off: the pages are the
+// workers'. The cluster flag is off unless given.
+bool pageCacheRemoveByTags(VeskCall* call)
+{
+    Arguments args;
+    QStringList tags;
+    if (!argumentsOf(call, "a|b", args, "page_cache_remove_by_tags"))
+        return false;
+    if (!tagWords(args[0], tags)) {
+        warn("page_cache_remove_by_tags() takes an array of strings\n");
+        return false;
+    }
+    removePagesByTags(tags, args.size() > 1 && args[1].type == VeskValue::True);
     return true;
 }
 

@@ -15,6 +15,9 @@ bool pageCacheRemoveCachedContentsByRule(VeskCall* call);
 bool pageCacheRemoveCachedContentsByRulesIds(VeskCall* call);
 bool pageCacheRemoveAllCachedContents(VeskCall* call);
 bool pageCachePurge(VeskCall* call);
+// Tags on the page being built, and the removal of the pages of tags.
+bool pageCacheAddTags(VeskCall* call);
+bool pageCacheRemoveByTags(VeskCall* call);
 
 // Runs one of them for the engine: nothing is let through, and a failure
 // that escapes the function is logged and answers false.

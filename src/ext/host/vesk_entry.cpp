@@ -115,6 +115,8 @@ const zend_function_entry scriptFunctions[] = {
     VESK_FE("page_cache_remove_cached_contents_by_rules_ids", pageCacheRemoveCachedContentsByRulesIds)
     VESK_FE("page_cache_remove_all_cached_contents", pageCacheRemoveAllCachedContents)
     VESK_FE("page_cache_purge", pageCachePurge)
+    VESK_FE("page_cache_add_tags", pageCacheAddTags)
+    VESK_FE("page_cache_remove_by_tags", pageCacheRemoveByTags)
     PHP_FE_END
 };
 #undef VESK_FE

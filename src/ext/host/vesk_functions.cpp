@@ -132,6 +132,10 @@ bool vesk_parse_parameters(VeskCall* call, const char* format, std::vector<VeskV
             return false;
         if (given > 0)
             args->push_back(boolean(flag));
+    } else if (strcmp(format, "z") == 0) {
+        if (zend_parse_parameters_ex(ZEND_PARSE_PARAMS_QUIET, given, "z", &array) == FAILURE)
+            return false;
+        args->push_back(convert(array, 0));
     } else if (strcmp(format, "a") == 0) {
         if (zend_parse_parameters_ex(ZEND_PARSE_PARAMS_QUIET, given, "a", &array) == FAILURE)
             return false;

@@ -166,8 +166,10 @@ bool vesk_finish_response_early(int responseCode);
 // Hooks of one request. The header hook sees each header operation the
 // script makes, then hands it on to the server's own handler. `line` is the
 // whole line for Add and Replace, the name for Delete, null for DeleteAll.
+// A line of Add or Replace for which the hook answers false is dropped:
+// neither the server nor the response gets it.
 enum class VeskHeaderOp { Add, Replace, Delete, DeleteAll };
-typedef void (*VeskHeaderCallback)(VeskHeaderOp op, const char* line, size_t length);
+typedef bool (*VeskHeaderCallback)(VeskHeaderOp op, const char* line, size_t length);
 void vesk_install_header_hook(VeskHeaderCallback callback);
 // Forwards the server's flush, so the server may flush while hooks stand.
 void vesk_install_flush_forwarder();
@@ -247,7 +249,7 @@ enum : int { VeskValueDepth = 32 };
 
 int vesk_num_args(VeskCall* call);
 // Parses the call's arguments with one of the formats "s|b", "ss|b", "a|b",
-// "|b" and "a", without the engine's own messages. `args` gets one value per
+// "|b", "a" and "z" (one value of any type), without the engine's own messages. `args` gets one value per
 // argument given. False on a mismatch or an unknown format.
 bool vesk_parse_parameters(VeskCall* call, const char* format, std::vector<VeskValue>* args);
 // The engine's own complaint about the number of arguments.

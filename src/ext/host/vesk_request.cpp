@@ -70,7 +70,8 @@ int headerHook(sapi_header_struct* header, sapi_header_op_enum op, sapi_headers_
                 const VeskHeaderOp ours = op == SAPI_HEADER_ADD       ? VeskHeaderOp::Add
                                           : op == SAPI_HEADER_REPLACE ? VeskHeaderOp::Replace
                                                                       : VeskHeaderOp::Delete;
-                headerCallback(ours, header->header, header->header_len);
+                if (!headerCallback(ours, header->header, header->header_len) && op != SAPI_HEADER_DELETE)
+                    return 0;
             }
             break;
         case SAPI_HEADER_DELETE_ALL:
