@@ -223,7 +223,9 @@ int Reader::tableName(int k, int e, QByteArray& table) const
     table = t[k].text.toLower();
     ++k;
     while (k + 1 < e && isSymbol(k, ".") && isNameToken(k + 1)) {
-        table = t[k + 1].text.toLower();
+        // The server's own tables of the schema keep that name.
+        if (table != "information_schema")
+            table = t[k + 1].text.toLower();
         k += 2;
     }
     return k;
@@ -286,8 +288,13 @@ void Reader::scanSegment(int b, int e)
             ++k;
         }
     }
+    // What the schema holds changes with every change of a table's shape,
+    // and what a server counts with nearly every write.
+    static const QSet<QByteArray> schemaTables = {"information_schema", "sqlite_master", "sqlite_schema",
+                                                  "sqlite_temp_master", "sqlite_sequence"};
     const bool single = refs.size() == 1 && !joined;
     for (const TableRef& ref : refs) {
+        out.readsAnything = out.readsAnything || schemaTables.contains(ref.table);
         SqlTableAccess read{ref.table, {}, {}};
         if (single && where >= 0)
             read.rows = whereRows(where + 1, clauseEnd(where + 1, e), ref);

@@ -120,6 +120,8 @@ INSTANTIATE_TEST_SUITE_P(Statements, SqlReading, testing::Values(
     // What can't be read well enough: never nothing.
     Case{"SET @x = (SELECT secret FROM s)", "r:s"},
     Case{"SHOW TABLES LIKE 'wp_posts'", "R*"},
+    Case{"SELECT name FROM sqlite_master WHERE name = 'posts'", "r:sqlite_master R*"},
+    Case{"SELECT * FROM information_schema.tables", "r:information_schema R*"},
     Case{"PRAGMA table_info(page)", "R*"},
     Case{"CALL refresh_all()", "R* W*"},
     Case{"PREPARE s FROM @sql", "R* W*"},
