@@ -505,7 +505,21 @@ void Reader::inquiry(int b, int e)
     const bool setsOrCounts = isWord(b, "show") ? b + 1 < e && t[b + 1].type == Token::Word
                                                       && settings.contains(t[b + 1].text)
                                                 : findSymbol(b, e, "=") >= 0;
-    out.readsAnything = out.readsAnything || !setsOrCounts;
+    // The shape of one table (SHOW [FULL] COLUMNS FROM t, SHOW INDEX FROM
+    // t, SHOW CREATE TABLE t) changes with that table's changes alone.
+    QByteArray table;
+    int k = b + 1;
+    while (isWord(k, "full") || isWord(k, "columns") || isWord(k, "fields") || isWord(k, "index")
+           || isWord(k, "indexes") || isWord(k, "keys") || (isWord(k, "create") && isWord(k + 1, "table")))
+        k += isWord(k, "create") ? 2 : 1;
+    const bool named = isWord(b, "show") && k > b + 1;
+    if (named && (isWord(k, "from") || isWord(k, "in") || isWord(k - 1, "table")))
+        k += isWord(k - 1, "table") ? 0 : 1;
+    const int after = named ? tableName(k, e, table) : -1;
+    if (after >= 0 && !isWord(after, "in"))
+        out.reads.append(SqlTableAccess{table, {}, {}});
+    else
+        out.readsAnything = out.readsAnything || !setsOrCounts;
 }
 
 int Reader::findSymbol(int b, int e, const char* symbol) const

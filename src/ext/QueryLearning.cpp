@@ -134,6 +134,8 @@ void onStatement(const char* sql, size_t length, bool mysql, bool succeeded)
             statement = SqlStatement::read(QByteArray::fromRawData(sql, int(length)), known->learnKeys(), mysql);
         else
             statement.readsAnything = statement.writesAnything = true;
+        if (statement.readsAnything)
+            VLOG(moduleState.logStream, 5) << "Query read as reading anything:" << QByteArray(sql, int(qMin<size_t>(length, 200)));
         learnRead(statement);
         learnWrite(statement, *known);
         control(statement.control);

@@ -91,3 +91,67 @@ class OwnSite(harness.Case):
                            cwd=self.site, env=harness.php_environment("cli", False), timeout=60)
             self.assert_fresh(before, changed, title if changed else None)
         self.assertEqual([], [path for path in self.records() if "cli" in path])
+
+
+class LearningWordPress(RecipeCase):
+    """WordPress with its recipe, without the must-use removal plugin."""
+    recipe = "wordpress.xml"
+
+    @classmethod
+    def setUpClass(cls):
+        cls.make_workspace(webapps.WORDPRESS_PACKAGES)
+        if not os.access("/etc/wordpress", os.W_OK):
+            raise unittest.SkipTest("Debian's WordPress reads its configuration from /etc/wordpress only")
+        database = webapps.MariaDB(cls.workspace.root)
+        cls.addClassCleanup(database.stop)
+        site = webapps.WordPress(cls.workspace.root, cls.host, database, posts=2)
+        cls.addClassCleanup(site.remove)
+        cls.password = site.password
+        cls.start(webapps.WORDPRESS_ROOT)
+        cls.admin = cls.log_in(cls)
+        cls.nonce = cls.admin.get("/wp-admin/admin-ajax.php?action=rest-nonce")[2].decode()
+        # A theme's first view writes its settings.
+        RecipeCase.visitor(cls).get("/")
+
+    def log_in(self):
+        admin = RecipeCase.visitor(self)
+        admin.cookies["wordpress_test_cookie"] = "WP%20Cookie%20check"
+        admin.post("/wp-login.php", {"log": "admin", "pwd": self.password, "testcookie": "1"})
+        return admin
+
+    def rest(self, route, fields):
+        """A change the block editor makes: answers the object made or changed."""
+        status, _, body = self.admin.request("POST", "/?rest_route=" + route, json.dumps(fields),
+                                             {"Content-Type": "application/json", "X-WP-Nonce": self.nonce})
+        self.assertIn(status, (200, 201), body[:300])
+        return json.loads(body)
+
+    def assert_edit_reaches(self, paths, edit, unchanged=()):
+        """After `edit(marker)`, the next view of each of `paths` shows the
+        marker, and the pages of `unchanged` are still hits."""
+        visitor = self.visitor()
+        for path in list(paths) + list(unchanged):
+            visitor.get(path)
+            self.assertIn(HIT, visitor.get(path)[1], path)
+        marker = "Learned-%s" % uuid.uuid4().hex[:8]
+        edit(marker)
+        for path in paths:
+            status, headers, body = visitor.get(path)
+            self.assertEqual((200, None), (status, headers.get(HIT)), path)
+            self.assertIn(marker.encode(), body, path)
+        for path in unchanged:
+            self.assertIn(HIT, visitor.get(path)[1], path)
+
+    def test_edits_reach_every_page_that_shows_them(self):
+        # A menu of a block theme lists the pages: a new page changes it.
+        for what, paths, edit, unchanged in [
+                ("post", ["/?p=5", "/"], lambda m: self.rest("/wp/v2/posts/5", {"title": m}), []),
+                ("comment", ["/?p=4"], lambda m: self.admin.post(
+                    "/wp-comments-post.php", {"comment_post_ID": "4", "comment": m}), []),
+                ("title", ["/", "/?p=4"], lambda m: self.rest("/wp/v2/settings", {"title": m}), []),
+                ("menu", ["/", "/?p=5"], lambda m: self.rest("/wp/v2/pages", {"title": m, "status": "publish"}),
+                 []),
+                # A login writes its session, which the recipe ignores.
+                ("login", [], lambda m: self.log_in(), ["/", "/?p=4", "/?p=5"])]:
+            with self.subTest(what):
+                self.assert_edit_reaches(paths, edit, unchanged)

@@ -120,6 +120,9 @@ INSTANTIATE_TEST_SUITE_P(Statements, SqlReading, testing::Values(
     // What can't be read well enough: never nothing.
     Case{"SET @x = (SELECT secret FROM s)", "r:s"},
     Case{"SHOW TABLES LIKE 'wp_posts'", "R*"},
+    Case{"SHOW FULL COLUMNS FROM `wp_usermeta`", "r:wp_usermeta"},
+    Case{"SHOW CREATE TABLE wp_posts", "r:wp_posts"},
+    Case{"SHOW INDEX FROM t IN other_db", "R*"},
     Case{"SELECT name FROM sqlite_master WHERE name = 'posts'", "r:sqlite_master R*"},
     Case{"SELECT * FROM information_schema.tables", "r:information_schema R*"},
     Case{"PRAGMA table_info(page)", "R*"},
