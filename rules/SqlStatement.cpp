@@ -23,7 +23,7 @@ public:
     Tokenizer(const QByteArray& sql, bool backslashEscapes) : s(sql), escapes(backslashEscapes) {}
 
     // False for a text that doesn't split into tokens cleanly: an open
-    // quote or comment, or a comment the server itself executes (/*! */).
+    // quote or comment.
     bool run(QVector<Token>& out)
     {
         while (i < s.size()) {
@@ -33,9 +33,17 @@ public:
             } else if (c == '#' || (c == '-' && at(1) == '-')) {
                 while (i < s.size() && s[i] != '\n')
                     ++i;
-            } else if (c == '/' && at(1) == '*') {
-                if (at(2) == '!' || at(2) == '+')
+            } else if (c == '/' && at(1) == '*' && at(2) == '!' && escapes) {
+                // MySQL runs what such a comment holds (after a version).
+                if (executable)
                     return false;
+                executable = true;
+                for (i += 3; i < s.size() && isdigit(uchar(s[i]));)
+                    ++i;
+            } else if (c == '*' && at(1) == '/' && executable) {
+                executable = false;
+                i += 2;
+            } else if (c == '/' && at(1) == '*') {
                 const int end = s.indexOf("*/", i + 2);
                 if (end < 0)
                     return false;
@@ -44,7 +52,7 @@ public:
                 return false;
             }
         }
-        return true;
+        return !executable;
     }
 
 private:
@@ -111,6 +119,7 @@ private:
 
     const QByteArray& s;
     const bool escapes;
+    bool executable = false;
     int i = 0;
 };
 
@@ -179,6 +188,7 @@ private:
     void scanReads(int b, int e);
     void scanSegment(int b, int e);
     int clauseEnd(int b, int e) const;
+    bool schemaRead(int b, int e, const TableRef& ref);
     bool conjuncts(int b, int e, QList<QPair<int, int>>& parts) const;
     int column(int b, int e, const TableRef& ref, QByteArray& name) const;
     bool keyValue(int k, const QByteArray& key, QByteArray& value) const;
@@ -274,7 +284,8 @@ void Reader::scanSegment(int b, int e)
                                || (isWord(k, "using") && k + 1 < e && !isSymbol(k + 1, "("));
         if (isWord(k, "where"))
             where = k;
-        joined = joined || isWord(k, "join") || isWord(k, "straight_join");
+        // SELECT STRAIGHT_JOIN is an order for the joins, not one.
+        joined = joined || isWord(k, "join") || (isWord(k, "straight_join") && k > b && !isWord(k - 1, "select"));
         ++k;
         while (listStart) {
             TableRef ref;
@@ -294,12 +305,25 @@ void Reader::scanSegment(int b, int e)
                                                   "sqlite_temp_master", "sqlite_sequence"};
     const bool single = refs.size() == 1 && !joined;
     for (const TableRef& ref : refs) {
-        out.readsAnything = out.readsAnything || schemaTables.contains(ref.table);
+        if (schemaTables.contains(ref.table) && !(single && where >= 0 && schemaRead(where + 1, e, ref)))
+            out.readsAnything = true;
         SqlTableAccess read{ref.table, {}, {}};
         if (single && where >= 0)
             read.rows = whereRows(where + 1, clauseEnd(where + 1, e), ref);
         out.reads.append(read);
     }
+}
+
+// SQLite's schema asked about one table by name, as "does it exist" is:
+// that table's changes are the ones that change the answer.
+bool Reader::schemaRead(int b, int e, const TableRef& ref)
+{
+    const QHash<QByteArray, QByteArray> values = whereValues(b, clauseEnd(b, e), ref);
+    const QByteArray table = values.value("tbl_name", values.value("name"));
+    if (!ref.table.startsWith("sqlite_") || table.isEmpty() || table.endsWith('*'))
+        return false;
+    out.reads.append(SqlTableAccess{table, {}, {}});
+    return true;
 }
 
 int Reader::clauseEnd(int b, int e) const

@@ -123,7 +123,8 @@ INSTANTIATE_TEST_SUITE_P(Statements, SqlReading, testing::Values(
     Case{"SHOW FULL COLUMNS FROM `wp_usermeta`", "r:wp_usermeta"},
     Case{"SHOW CREATE TABLE wp_posts", "r:wp_posts"},
     Case{"SHOW INDEX FROM t IN other_db", "R*"},
-    Case{"SELECT name FROM sqlite_master WHERE name = 'posts'", "r:sqlite_master R*"},
+    Case{"SELECT name FROM sqlite_master WHERE name = 'posts'", "r:posts r:sqlite_master"},
+    Case{"SELECT name FROM sqlite_master WHERE type = 'table'", "r:sqlite_master R*"},
     Case{"SELECT * FROM information_schema.tables", "r:information_schema R*"},
     Case{"PRAGMA table_info(page)", "R*"},
     Case{"CALL refresh_all()", "R* W*"},
@@ -131,7 +132,8 @@ INSTANTIATE_TEST_SUITE_P(Statements, SqlReading, testing::Values(
     Case{"CREATE VIEW v AS SELECT * FROM t", "R* W*"},
     Case{"WITH c AS (SELECT 1) DELETE FROM t", "R* W*"},
     Case{"SELECT 'unterminated", "R* W*"},
-    Case{"SELECT /*! STRAIGHT_JOIN */ * FROM t", "R* W*"},
+    Case{"SELECT /*!40000 STRAIGHT_JOIN */ * FROM t WHERE id = 1", "r:t=1"},
+    Case{"SELECT /*! * FROM t", "R* W*"},
     Case{"SELECT (1", "R* W*"},
     Case{"SELECT * FROM a WHERE id = 1; UPDATE b SET x = 1 WHERE id = 2", "r:a=1 w:b=2"},
     Case{"BEGIN; UPDATE b SET x = 1; COMMIT", "w:b R* W*"}));
@@ -142,6 +144,8 @@ TEST(SqlReading, QuotesFollowTheDialect)
     // goes on after the quote.
     EXPECT_EQ("r:a=x", summary("SELECT * FROM a WHERE id = 'x' AND n = 'a\\' OR 1'", true).substr(0, 5));
     EXPECT_EQ("r:a", summary("SELECT * FROM a WHERE id = 'x' AND n = 'a\\' OR 1 = 1", false));
+    // To SQLite, MySQL's executable comment is a comment.
+    EXPECT_EQ("r:a", summary("SELECT /*! STRAIGHT_JOIN */ * FROM a, b", false).substr(0, 3));
 }
 
 // Whom a write removes: no page of the read, any, or only those of rules
