@@ -215,3 +215,8 @@ void queryLearningRequestEnds()
     learning = Learning();
     vesk_forget_prepared();
 }
+
+int learnedTagCount()
+{
+    return learning.pageTags.size();
+}

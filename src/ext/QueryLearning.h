@@ -9,3 +9,5 @@
 bool installQueryLearning(bool web);
 // Request end: writes of a transaction still open count as done.
 void queryLearningRequestEnds();
+// How many tags the page this request builds has learned so far.
+int learnedTagCount();

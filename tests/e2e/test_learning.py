@@ -33,6 +33,8 @@ class OwnSite(harness.Case):
     def view(self, path):
         """Whether the page came from the store, and its body."""
         _, headers, body = self.server.get(path)
+        if headers.get("X-PageCache") != "hit":
+            self.assertRegex(headers.get("X-PageCache"), r"^miss \(\d+ learned tags\)$", path)
         return headers.get("X-PageCache") == "hit", body
 
     def stored(self):
