@@ -117,14 +117,6 @@ class Workspace:
         return workspace, docroot
 
 
-def run_tool(workspace, directives, *args):
-    """The operators' tool over `directives`, written to an ini file of the workspace."""
-    ini = workspace.path("tool.ini")
-    write(ini, "[PHP]\n" + "".join('%s = "%s"\n' % item for item in directives.items()))
-    return subprocess.run([TOOL, "--ini", ini] + list(args), capture_output=True, text=True, timeout=600,
-                          env=dict(os.environ, PHP_INI_SCAN_DIR=""))
-
-
 def http_get(port, path, headers=None, method="GET"):
     """One request to 127.0.0.1: status, headers (lower-case names), body."""
     connection = http.client.HTTPConnection("127.0.0.1", port, timeout=10)
@@ -142,6 +134,43 @@ def run_tool(workspace, directives, *args):
         f.write("".join('%s = "%s"\n' % item for item in directives.items()))
     return subprocess.run([TOOL, "--ini", ini] + list(args), capture_output=True, text=True, timeout=60,
                           env=dict(os.environ, PHP_INI_SCAN_DIR=""))
+
+
+class Browser:
+    """Keeps the cookies a site sets, as a browser would; sends `headers`
+    (and `host`, when named) with each request."""
+
+    def __init__(self, port, host=None, headers=None, timeout=60):
+        self.port, self.timeout, self.cookies = port, timeout, {}
+        self.headers = dict(headers or {}, **({"Host": host} if host else {}))
+        self.received = []   # (name, value) of every Set-Cookie
+
+    def request(self, method, path, body=None, headers=None):
+        """Status, headers (lower-case names), body."""
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=self.timeout)
+        headers = dict(self.headers, **(headers or {}))
+        if self.cookies:
+            headers["Cookie"] = "; ".join("%s=%s" % item for item in self.cookies.items())
+        connection.request(method, path, body=body, headers=headers)
+        response = connection.getresponse()
+        result = response.status, {k.lower(): v for k, v in response.getheaders()}, response.read()
+        for value in response.msg.get_all("set-cookie") or []:
+            cookie, _, attributes = value.partition(";")
+            name, _, text = (part.strip() for part in cookie.partition("="))
+            self.received.append((name, text))
+            if "1970" in attributes or "max-age=0" in attributes.lower() or text == "deleted":
+                self.cookies.pop(name, None)
+            else:
+                self.cookies[name] = text
+        connection.close()
+        return result
+
+    def get(self, path):
+        return self.request("GET", path)
+
+    def post(self, path, fields):
+        return self.request("POST", path, urllib.parse.urlencode(fields),
+                            {"Content-Type": "application/x-www-form-urlencoded"})
 
 
 def php_command(directives, bare=True):
@@ -216,24 +245,16 @@ def _spawn(command, output, env=None):
 
 def _listening(server, process, what, seconds=15):
     """Waits until `process` listens on `server`'s port; stops the server when it doesn't."""
-    try:
-        _wait_for_port(server.port, process, seconds, what)
-    except RuntimeError:
-        server.stop()
-        raise
-
-
-def _wait_for_port(port, process, seconds, what):
     deadline = time.monotonic() + seconds
-    while time.monotonic() < deadline:
-        if process.poll() is not None:
-            raise RuntimeError("%s exited with %s" % (what, process.returncode))
+    while process.poll() is None and time.monotonic() < deadline:
         try:
-            with socket.create_connection(("127.0.0.1", port), timeout=0.5):
+            with socket.create_connection(("127.0.0.1", server.port), timeout=0.5):
                 return
         except OSError:
             time.sleep(0.05)
-    raise RuntimeError("%s did not listen within %s s" % (what, seconds))
+    server.stop()
+    raise RuntimeError("%s exited with %s" % (what, process.returncode) if process.poll() is not None
+                       else "%s did not listen within %s s" % (what, seconds))
 
 
 def _terminate(process):

@@ -10,6 +10,7 @@ import time
 import unittest
 import uuid
 
+import harness
 import test_recipes
 
 # Debian's python3-selenium, also for a Python of another installation.
@@ -38,7 +39,7 @@ class Browser(test_recipes.WordPressSite, test_recipes.RecipeCase):
             raise unittest.SkipTest("chromium, chromium-driver or python3-selenium is not installed "
                                     "(scripts/bootstrap installs them)")
         super().setUpClass()
-        visitor = test_recipes.Browser(cls.server.port, cls.host)
+        visitor = harness.Browser(cls.server.port, cls.host)
         for post in (4, 5):
             visitor.get("/?p=%d" % post)
         cls.stored = time.monotonic()

@@ -89,15 +89,12 @@ class Tool(harness.Case):
         status = self.ok("status")
         self.assertIn('rule "Pages": 2 pages, 0 gzip copies', status)
         self.assertIn('rule "Sized": 1 pages, 1 gzip copies', status)
-        self.assertIn("cleaner: running, pid", status)
         listed = self.ok("list", "--rule", "Pages").splitlines()
         self.assertEqual(2, len(listed), listed)
         for line in listed:
             self.assertRegex(line, r"^Pages\thttp://127\.0\.0\.1:\d+/page\.php\?a=[12]\t[0-9a-f]{32}\tstatus 200\t")
         inspected = self.ok("inspect", "http://127.0.0.1:%d//page.php?a=9" % self.server.port)
         self.assertIn('covered by rule "Pages" (id 7)', inspected)
-        self.assertIn("conditions: _COOKIE[session] does not exist", inspected)
-        self.assertIn("split by: _SERVER[REQUEST_URI]", inspected)
         self.assertEqual(2, inspected.count("stored copy "), inspected)
         self.assertIn("block 1: _COOKIE[session] does not exist: yes", inspected)
         self.assertIn("this request: conditions hold; its copy is", inspected)
@@ -111,8 +108,6 @@ class Tool(harness.Case):
         self.assertIn("this request: conditions fail: the page is neither served from the store nor stored",
                       logged_in)
         self.assertRegex(inspected, r"of http://127\.0\.0\.1:\d+/page\.php\?a=1: status 200, age \d+ s, expires in \d+ s, \d+ bytes\n    Last-Modified: ")
-        never = self.ok("inspect", "http://127.0.0.1/never.php")
-        self.assertIn("not covered: listed under <dont_cache>", never)
         self.assertIn("not covered: no enabled rule", self.ok("inspect", "http://127.0.0.1/other.php"))
 
     def test_each_removal_makes_the_next_request_a_miss(self):

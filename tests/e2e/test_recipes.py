@@ -4,13 +4,11 @@ own, MediaWiki on SQLite. Anonymous pages are hits equal to their misses; a
 logged-in user is never served a stored page and never stores one; an edit
 followed by the recipe's removal is fresh at the next view."""
 import gzip
-import http.client
 import json
 import os
 import re
 import shutil
 import unittest
-import urllib.parse
 import uuid
 
 import harness
@@ -18,42 +16,6 @@ import webapps
 
 RECIPES = os.path.join(harness.SOURCE_ROOT, "conf", "recipes")
 HIT = "x-pagecache-compression"   # carried by hits alone, under enable_qa_info
-
-
-class Browser:
-    """Keeps the cookies a site sets, as a browser would, and names the site's host."""
-
-    def __init__(self, port, host):
-        self.port = port
-        self.host = host
-        self.cookies = {}
-
-    def request(self, method, path, body=None, headers=None):
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=60)
-        headers = dict(headers or {}, Host=self.host)
-        if self.cookies:
-            headers["Cookie"] = "; ".join("%s=%s" % item for item in self.cookies.items())
-        connection.request(method, path, body=body, headers=headers)
-        response = connection.getresponse()
-        result = response.status, {k.lower(): v for k, v in response.getheaders()}, response.read()
-        for name, value in response.getheaders():
-            if name.lower() == "set-cookie":
-                cookie, _, attributes = value.partition(";")
-                key, _, text = cookie.partition("=")
-                gone = "1970" in attributes or "max-age=0" in attributes.lower() or text == "deleted"
-                if gone:
-                    self.cookies.pop(key.strip(), None)
-                else:
-                    self.cookies[key.strip()] = text
-        connection.close()
-        return result
-
-    def get(self, path):
-        return self.request("GET", path)
-
-    def post(self, path, fields):
-        return self.request("POST", path, urllib.parse.urlencode(fields),
-                            {"Content-Type": "application/x-www-form-urlencoded"})
 
 
 class RecipeCase(unittest.TestCase):
@@ -91,7 +53,7 @@ class RecipeCase(unittest.TestCase):
         cls.host = "vesk-%s.test" % uuid.uuid4().hex[:12]
 
     def visitor(self):
-        return Browser(self.server.port, self.host)
+        return harness.Browser(self.server.port, self.host)
 
     def assert_hits_equal_misses(self, paths, status=200):
         """Each page stored from a gzip client, and its hits decoded once equal to it."""

@@ -5,7 +5,6 @@ response of a covered URL says so ("X-PageCache: miss", "hit", "pass
 import datetime
 import email.utils
 import gzip
-import http.client
 import socket
 
 import harness
@@ -77,37 +76,26 @@ class RequestPath(harness.Case):
         self.assertEqual(before + 4, self.runs("page.php"))
 
     def test_conditional_requests(self):
-        _, headers, body = self.request("GET", "/page.php?cond=1")
-        created = headers["last-modified"]
-        status, _, empty = self.request("GET", "/page.php?cond=1", {"If-Modified-Since": created})
-        self.assertEqual((304, b""), (status, empty))
-        # The date the client was sent is no modification after itself.
-        status, _, again = self.request("GET", "/page.php?cond=1", {"If-Unmodified-Since": created})
-        self.assertEqual((200, body), (status, again))
-        created_time = email.utils.parsedate_to_datetime(created)
-        earlier = email.utils.format_datetime(created_time - datetime.timedelta(seconds=1), usegmt=True)
-        status, _, _ = self.request("GET", "/page.php?cond=1", {"If-Unmodified-Since": earlier})
-        self.assertEqual(412, status)
+        # 304 and 412 against the date sent are checked under every server
+        # (test_production_php); here what only the order of the tests shows.
+        _, headers, _ = self.request("GET", "/page.php?cond=1")
+        created = email.utils.parsedate_to_datetime(headers["last-modified"])
+        earlier = email.utils.format_datetime(created - datetime.timedelta(seconds=1), usegmt=True)
         # Both: only If-Unmodified-Since counts.
         status, _, _ = self.request("GET", "/page.php?cond=1",
-                                    {"If-Unmodified-Since": earlier, "If-Modified-Since": created})
+                                    {"If-Unmodified-Since": earlier, "If-Modified-Since": headers["last-modified"]})
         self.assertEqual(412, status)
         # A page not stored yet: a miss.
-        status, _, _ = self.request("GET", "/page.php?cond=2", {"If-Modified-Since": created})
+        status, _, _ = self.request("GET", "/page.php?cond=2", {"If-Modified-Since": headers["last-modified"]})
         self.assertEqual(200, status)
         self.assertLogged("Cache entry doesn't exist yet")
 
-    def test_gzip_copy_for_clients_that_accept_it(self):
-        _, _, clear = self.request("GET", "/page.php?size=1025")
-        status, headers, packed = self.request("GET", "/page.php?size=1025", {"Accept-Encoding": "gzip"})
-        self.assertEqual(200, status)
-        self.assertEqual("gzip", headers["content-encoding"])
-        self.assertEqual("1", headers["x-pagecache-compression"])
-        self.assertEqual(clear, gzip.decompress(packed))
-        _, headers, small = self.request("GET", "/page.php?size=1024")
-        _, headers, small_again = self.request("GET", "/page.php?size=1024", {"Accept-Encoding": "gzip"})
-        self.assertNotIn("content-encoding", headers)
-        self.assertEqual(small, small_again)
+    def test_gzip_copy_above_1024_bytes_only(self):
+        for size, encoding in ((1025, "gzip"), (1024, None)):
+            self.request("GET", "/page.php?size=%d" % size)
+            _, headers, _ = self.request("GET", "/page.php?size=%d" % size, {"Accept-Encoding": "gzip"})
+            self.assertEqual((encoding, "1" if encoding else "0"),
+                             (headers.get("content-encoding"), headers["x-pagecache-compression"]))
 
     def test_application_gzip_is_stored_as_it_came(self):
         _, _, packed = self.request("GET", "/gzip.php", {"Accept-Encoding": "gzip"})

@@ -1,4 +1,5 @@
-"""Workers pick up a changed rules file at their next request, once each."""
+"""Forked workers share the one start-up, and pick up a changed rules file
+at their next request, once each."""
 import os
 import re
 
@@ -23,6 +24,8 @@ class RulesReload(harness.Case):
     def test_a_later_file_is_reloaded_once_by_each_worker(self):
         self.serve_pages(4)
         self.assertEqual({}, self.reloads_by_pid())
+        # Start-up ran once, before the workers were forked.
+        self.assertEqual(1, self.workspace.log().count("Rules File:"))
         self.workspace.change_rules()
         self.serve_pages(20)
         reloads = self.reloads_by_pid()

@@ -1,10 +1,6 @@
 --TEST--
 A command-line run with default directives refuses the cache, and its request passes the cache by
 --INI--
-vesk.httpd_uid=0
-vesk.log_dir=${VESK_TEST_DIR}/log
-vesk.conf_dir=${VESK_TEST_DIR}/conf
-vesk.temp_dir=${VESK_TEST_DIR}/tmp
 vesk_pagecache.log_verbosity_level=5
 --FILE--
 <?php

@@ -1,9 +1,6 @@
 --TEST--
 With the cache switched off start-up logs an empty line at level 3 and reads no rules
 --INI--
-vesk.httpd_uid=0
-vesk.log_dir=${VESK_TEST_DIR}/log
-vesk.conf_dir=${VESK_TEST_DIR}/conf
 vesk_pagecache.enable=0
 vesk_pagecache.enable_cli=1
 vesk_pagecache.log_verbosity_level=5

@@ -7,16 +7,11 @@ page=2&q=Shoes
 --FILE--
 <?php
 // The script never names the server variables, so the engine prepares them
-// only when the rules ask.
+// only when the rules ask. The match words themselves are tested without PHP.
 foreach ([
     ['_GET[page]', 'equals', '2'],
-    ['_GET[page]', 'not_equals', '2'],
-    ['_GET[q]', 'regex_match', 'Sho'],
-    ['_GET[q]', 'regex_match', 'Sho.*'],
     ['_GET[q]', 'regex_match_i', 'shoes'],
-    ['_GET[q]', 'regex_not_match_i', 'shoes'],
     ['_GET[none]', 'not_exists', ''],
-    ['_GET[none]', 'equals', ''],
     ['_SERVER[REQUEST_METHOD]', 'equals', 'GET'],
 ] as [$name, $type, $value]) {
     printf("%s %s %s: %s\n", $name, $type, $value, var_export(vesk_test_condition($name, $type, $value), true));
@@ -26,13 +21,8 @@ var_dump(vesk_test_split_key([]));
 ?>
 --EXPECT--
 _GET[page] equals 2: true
-_GET[page] not_equals 2: false
-_GET[q] regex_match Sho: false
-_GET[q] regex_match Sho.*: true
 _GET[q] regex_match_i shoes: true
-_GET[q] regex_not_match_i shoes: false
 _GET[none] not_exists : true
-_GET[none] equals : true
 _SERVER[REQUEST_METHOD] equals GET: true
 string(19) "_GET2_SERVERGET_GET"
 string(0) ""

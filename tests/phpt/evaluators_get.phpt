@@ -19,13 +19,6 @@ var_dump(vesk_test_global_exists('_GET[5]'));
 var_dump(substr(vesk_test_global_value('_GET'), 0, 5));
 var_dump(vesk_test_global_value('_COOKIE[theme]'));
 var_dump(vesk_test_global_exists('_POST'), vesk_test_global_exists('_POST[x]'));
-foreach (['_FILES[a]', '[a]'] as $name) {
-    try {
-        vesk_test_global_value($name);
-    } catch (Exception $e) {
-        echo $e->getMessage(), "\n";
-    }
-}
 ?>
 --EXPECT--
 string(1) "1"
@@ -40,5 +33,3 @@ string(5) "a:5:{"
 string(4) "dark"
 bool(true)
 bool(false)
-Unknown Global variable: _FILES
-Unknown Global variable: [a]

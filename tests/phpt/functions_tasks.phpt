@@ -1,10 +1,6 @@
 --TEST--
 On a cluster node removals queue their tasks, each payload a JSON array of the function's name and its arguments, quotes and backslashes escaped; never with the flag off or on a stand-alone server
 --INI--
-vesk.httpd_uid=0
-vesk.log_dir=${VESK_TEST_DIR}/log
-vesk.conf_dir=${VESK_TEST_DIR}/conf
-vesk.temp_dir=${VESK_TEST_DIR}/tmp
 vesk.install_dir=${VESK_TEST_DIR}
 vesk.node_id=2
 vesk.webserver_type=nginx

@@ -8,17 +8,10 @@ require __DIR__ . '/log.inc';
 var_dump(ini_get("vesk_pagecache.dir_depth"));
 var_dump(get_cfg_var("vesk.httpd_uid"));
 var_dump(get_cfg_var("other.setting"));
-echo implode("\n", vesk_info_rows()), "\n";
+echo vesk_info_rows()[4], "\n";
 ?>
---EXPECTF--
+--EXPECT--
 string(1) "4"
 string(1) "0"
 bool(false)
-Version => 2021.4.6
-Enable => Yes
-Cache dependencies file => %s/conf/pagecache_rules.xml
-Log verbosity level => 2
 Disk storage directory structure depth => 4
-Disk storage save path => %s/tmp/pagecache
-Compression enable => 1
-Cache cleaning frequency => 300

@@ -1,25 +1,23 @@
 --TEST--
-The information page shows the eight rows of a running cache
+The information page shows the eight rows of a running cache; absolute paths are taken as they stand, not joined to their directories
 --INI--
-vesk.httpd_uid=0
-vesk.log_dir=${VESK_TEST_DIR}/log
-vesk.conf_dir=${VESK_TEST_DIR}/conf
-vesk.temp_dir=${VESK_TEST_DIR}/tmp
 vesk_pagecache.enable_cli=1
 vesk_pagecache.dir_depth=3
 vesk_pagecache.compression_enable=0
 vesk_pagecache.clean_frequency=60
+vesk_pagecache.dependencies_file=${VESK_TEST_DIR}/rules/site.xml
+vesk_pagecache.save_path=/var/cache/somewhere
 --FILE--
 <?php
 require __DIR__ . '/log.inc';
-echo implode("\n", vesk_info_rows()), "\n";
+echo str_replace(getenv('VESK_TEST_DIR'), 'DIR', implode("\n", vesk_info_rows())), "\n";
 ?>
---EXPECTF--
+--EXPECT--
 Version => 2021.4.6
 Enable => Yes
-Cache dependencies file => %s/conf/pagecache_rules.xml
+Cache dependencies file => DIR/rules/site.xml
 Log verbosity level => 2
 Disk storage directory structure depth => 3
-Disk storage save path => %s/tmp/pagecache
+Disk storage save path => /var/cache/somewhere
 Compression enable => 0
 Cache cleaning frequency => 60

@@ -1,10 +1,6 @@
 --TEST--
 Without the web server's user id the cache is refused; a missing group id falls back to the user id
 --INI--
-vesk.httpd_uid=0
-vesk.log_dir=${VESK_TEST_DIR}/log
-vesk.conf_dir=${VESK_TEST_DIR}/conf
-vesk.temp_dir=${VESK_TEST_DIR}/tmp
 vesk_pagecache.enable_cli=1
 vesk_pagecache.log_verbosity_level=3
 --FILE--

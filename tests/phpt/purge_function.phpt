@@ -1,10 +1,6 @@
 --TEST--
 page_cache_purge: element checks, response header descriptions, and the rows it writes
 --INI--
-vesk.httpd_uid=0
-vesk.log_dir=${VESK_TEST_DIR}/log
-vesk.conf_dir=${VESK_TEST_DIR}/conf
-vesk.temp_dir=${VESK_TEST_DIR}/tmp
 vesk.install_dir=${VESK_TEST_DIR}
 vesk_pagecache.enable_cli=1
 vesk_pagecache.log_verbosity_level=3

@@ -2,11 +2,6 @@
 PHP_INI_SCAN_DIR is a list as PHP reads it: the empty entry is the engine's own scan directory
 --ENV--
 PHP_INI_SCAN_DIR=:{PWD}/scan
---INI--
-vesk.httpd_uid=0
-vesk.log_dir=${VESK_TEST_DIR}/log
-vesk.conf_dir=${VESK_TEST_DIR}/conf
-vesk.temp_dir=${VESK_TEST_DIR}/tmp
 --FILE--
 <?php
 // The runner starts PHP with -n, so PHP itself read no scan directory: what

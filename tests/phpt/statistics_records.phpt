@@ -3,8 +3,6 @@ Statistics records reach the script's vesk_report_statistics as an array, and no
 --INI--
 extension=${VESK_TEST_MODULE}
 vesk_statistics.enable=1
-vesk.httpd_uid=0
-vesk.log_dir=${VESK_TEST_DIR}/log
 --FILE--
 <?php
 // Without the function the record is dropped quietly.

@@ -1,10 +1,6 @@
 --TEST--
 A rules file that can't be read refuses the cache at start-up, says so in PHP's error log too, and PHP runs on
 --INI--
-vesk.httpd_uid=0
-vesk.log_dir=${VESK_TEST_DIR}/log
-vesk.conf_dir=${VESK_TEST_DIR}/conf
-vesk.temp_dir=${VESK_TEST_DIR}/tmp
 vesk_pagecache.enable_cli=1
 vesk_pagecache.dependencies_file=missing.xml
 vesk_pagecache.log_verbosity_level=3

@@ -7,7 +7,6 @@
 #include "VHeaderLines.h"
 #include "VMD5.h"
 
-#include <QBuffer>
 #include <QDataStream>
 #include <QLocale>
 #include <QTextCodec>
@@ -303,66 +302,6 @@ TEST_F(CacheTest, RemovalNamesRulesAndUrlsInUtf8WhateverTheLocale)
     EXPECT_TRUE(cache->clearNamespace(VHTMLCache::patternNamespace(QString::fromUtf8("http://h/caf\xc3\xa9/(\xc3\xa0|b)"))));
     EXPECT_FALSE(has(uriKey));
     QTextCodec::setCodecForLocale(previous);
-}
-
-class Messages
-{
-public:
-    Messages() { previous = qInstallMessageHandler(&Messages::handler); texts().clear(); }
-    ~Messages() { qInstallMessageHandler(previous); }
-    static QStringList& texts()
-    {
-        static QStringList list;
-        return list;
-    }
-
-private:
-    static void handler(QtMsgType, const QMessageLogContext&, const QString& text) { texts().append(text); }
-    QtMessageHandler previous;
-};
-
-TEST(QtIOCompressorTest, OpenModes)
-{
-    Messages messages;
-    QBuffer buffer;
-    QtIOCompressor both(&buffer);
-    EXPECT_FALSE(both.open(QIODevice::ReadWrite));
-    ASSERT_EQ(1, Messages::texts().size());
-    EXPECT_EQ(QStringLiteral("QtIOCompressor::open: QtIOCompressor can only be opened in the ReadOnly or WriteOnly modes"),
-              Messages::texts().first());
-    QtIOCompressor append(&buffer);
-    EXPECT_TRUE(append.open(QIODevice::WriteOnly | QIODevice::Append));
-    EXPECT_FALSE(append.open(QIODevice::WriteOnly));
-    EXPECT_EQ(QStringLiteral("QtIOCompressor::open: device already open"), Messages::texts().last());
-    EXPECT_TRUE(QtIOCompressor::gzipSupported("1.2.11"));
-    EXPECT_FALSE(QtIOCompressor::gzipSupported("1.1.4"));
-    EXPECT_FALSE(QtIOCompressor::gzipSupported("0.9"));
-    EXPECT_TRUE(QtIOCompressor::gzipSupported("2.0"));
-    EXPECT_FALSE(QtIOCompressor::gzipSupported("1."));
-}
-
-TEST(QtIOCompressorTest, ReadingFailuresAndTheEndOfTheStream)
-{
-    QByteArray garbage("this is no gzip stream");
-    QBuffer bad(&garbage);
-    QtIOCompressor failing(&bad);
-    failing.setStreamFormat(QtIOCompressor::GzipFormat);
-    ASSERT_TRUE(failing.open(QIODevice::ReadOnly));
-    char out[64];
-    EXPECT_EQ(-1, failing.read(out, sizeof out));
-    EXPECT_TRUE(failing.errorString().startsWith(QStringLiteral("Internal zlib error when decompressing: ")));
-    EXPECT_EQ(-1, failing.read(out, sizeof out));
-
-    QByteArray stream = gzip("hello") + "TAIL";
-    QBuffer good(&stream);
-    ASSERT_TRUE(good.open(QIODevice::ReadOnly));
-    QtIOCompressor reader(&good);
-    reader.setStreamFormat(QtIOCompressor::GzipFormat);
-    ASSERT_TRUE(reader.open(QIODevice::ReadOnly));
-    EXPECT_EQ(QByteArray("hello"), reader.readAll());
-    EXPECT_EQ(0, reader.read(out, sizeof out));
-    // What followed the stream went back to the device.
-    EXPECT_TRUE(good.readAll().contains("TAIL"));
 }
 
 TEST_F(RulesFixture, DecompressingNothingIsLogged)

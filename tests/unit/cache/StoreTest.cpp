@@ -130,10 +130,8 @@ TEST_F(StoreTest, ReadContainsAndLifetimes)
     ASSERT_TRUE(put("ns", "forever", "kept", 0));
     env.clock += 100 * 365 * 86400LL;
     EXPECT_EQ(QByteArray("kept"), get("ns", "forever"));
-}
 
-TEST_F(StoreTest, EmptyValuesAndTheNullNamespace)
-{
+    // An empty value, in the null namespace, is a value.
     ASSERT_TRUE(put(QByteArray(), "key", QByteArray()));
     EXPECT_EQ(QByteArray(""), get(QByteArray(), "key"));
     EXPECT_TRUE(store->contains(QByteArray(), "key", false));

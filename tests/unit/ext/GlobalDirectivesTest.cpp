@@ -166,35 +166,31 @@ TEST_F(GlobalDirectivesTest, SingleIniFileUnderConfDir)
 
 TEST_F(GlobalDirectivesTest, RefusalsNameWhatIsMissing)
 {
-    host().configuration["vesk.ini_scandir"] = "scan";
-    EXPECT_EQ(-1, loadGlobalDirectives());
-    ASSERT_EQ(1u, host().errors.size());
-    EXPECT_EQ(VESK_E_ERROR, host().errors[0].first);
-    EXPECT_EQ("vesk.ini_scandir was specified (scan), but vesk.conf_dir was not: can't locate the scandir",
-              host().errors[0].second);
-
-    host().reset();
-    host().configuration["vesk.ini_file"] = "x.ini";
-    EXPECT_EQ(-1, loadGlobalDirectives());
-    ASSERT_EQ(1u, host().errors.size());
-    EXPECT_EQ("vesk.ini_file was specified (x.ini), but vesk.conf_dir was not: can't locate the ini file",
-              host().errors[0].second);
-
-    host().reset();
-    host().configuration["vesk.conf_dir"] = conf;
-    host().configuration["vesk.ini_scandir"] = std::string(4095, 'd');
-    EXPECT_EQ(-1, loadGlobalDirectives());
-    ASSERT_EQ(1u, host().errors.size());
-    EXPECT_EQ(0u, host().errors[0].second.find("scandir path too long (vesk.conf_dir: "));
-
-    host().reset();
-    host().configuration["vesk.conf_dir"] = conf;
-    host().configuration["vesk.ini_scandir"] = "missing";
-    EXPECT_EQ(-1, loadGlobalDirectives());
-    ASSERT_EQ(1u, host().errors.size());
-    EXPECT_EQ(VESK_E_WARNING, host().errors[0].first);
-    EXPECT_EQ("Failed to open the scandir [" + conf + "/missing]: No such file or directory",
-              host().errors[0].second);
+    const struct
+    {
+        std::map<std::string, std::string> configuration;
+        int type;
+        std::string message;
+    } table[] = {
+        {{{"vesk.ini_scandir", "scan"}}, VESK_E_ERROR,
+         "vesk.ini_scandir was specified (scan), but vesk.conf_dir was not: can't locate the scandir"},
+        {{{"vesk.ini_file", "x.ini"}}, VESK_E_ERROR,
+         "vesk.ini_file was specified (x.ini), but vesk.conf_dir was not: can't locate the ini file"},
+        {{{"vesk.conf_dir", conf}, {"vesk.ini_scandir", std::string(4095, 'd')}}, VESK_E_ERROR,
+         "scandir path too long (vesk.conf_dir: " + conf},
+        {{{"vesk.conf_dir", conf}, {"vesk.ini_scandir", "missing"}}, VESK_E_WARNING,
+         "Failed to open the scandir [" + conf + "/missing]: No such file or directory"},
+    };
+    for (const auto& row : table) {
+        host().reset();
+        host().configuration = row.configuration;
+        EXPECT_EQ(-1, loadGlobalDirectives());
+        ASSERT_EQ(1u, host().errors.size()) << row.message;
+        EXPECT_EQ(row.type, host().errors[0].first) << row.message;
+        const std::string& said = host().errors[0].second;
+        // The message that names the long path is known by its start.
+        EXPECT_EQ(row.message, said.size() > 4000 ? said.substr(0, row.message.size()) : said);
+    }
 }
 
 TEST_F(GlobalDirectivesTest, TableComesBeforeEngineAndGettersHaveTheirDefaults)

@@ -23,8 +23,9 @@ TEST_F(RulesFixture, AttributeDefaults)
 {
     ParsedRules rules(rulesXml(R"(
       <url schema="http" host="h" path="a" compress="no" enable="FALSE" app_id="" lifetime="x" id="4294967295" grace="-1"/>
-      <url schema="http" host="h" path="b" compress="0" enable="false" app_id="abc" lifetime="60" id="7" priority="5" grace="30"/>
-      <url schema="http" host="h" path="c" compress="false" enable="0" app_id="12" priority="zz"/>)"));
+      <url schema="http" host="h" path="b" compress="0" enable="false" app_id="abc" lifetime="60" id="7" priority="5" grace="30"
+           publish="false"/>
+      <url schema="http" host="h" path="c" compress="false" enable="0" app_id="12" priority="zz" publish="1"/>)"));
     const CacheRule a = rules.rule("http://h/a");
     EXPECT_TRUE(a.d->compress);
     EXPECT_TRUE(a.d->enable);
@@ -34,6 +35,7 @@ TEST_F(RulesFixture, AttributeDefaults)
     EXPECT_EQ(-1, a.id); // widened with its sign
     EXPECT_EQ(0, a.priority);
     EXPECT_TRUE(a.d->initialised);
+    EXPECT_FALSE(a.d->publish);
     const CacheRule b = rules.rule("http://h/b");
     EXPECT_FALSE(b.d->compress);
     EXPECT_FALSE(b.d->enable);
@@ -42,12 +44,14 @@ TEST_F(RulesFixture, AttributeDefaults)
     EXPECT_EQ(30u, b.d->grace);
     EXPECT_EQ(7, b.id);
     EXPECT_EQ(5, b.priority);
+    EXPECT_FALSE(b.d->publish);
     const CacheRule c = rules.rule("http://h/c");
     EXPECT_FALSE(c.d->compress);
     EXPECT_FALSE(c.d->enable);
     EXPECT_EQ(12, c.d->appId);
     EXPECT_EQ(0, c.priority);
     EXPECT_EQ(0u, c.d->grace);
+    EXPECT_TRUE(c.d->publish);
 }
 
 // The store keeps a page for its grace past its lifetime. Written in second
@@ -257,25 +261,14 @@ protected:
     }
 };
 
-TEST_F(LoadTest, ShippedExampleLoads)
-{
-    QFile example(QStringLiteral(VESK_SOURCE_DIR "/conf/pagecache_rules.xml"));
-    ASSERT_TRUE(example.open(QIODevice::ReadOnly));
-    ASSERT_TRUE(load(write(example.readAll()))) << VHTMLCache::instance()->lastError().toStdString();
-    EXPECT_EQ(1, VHTMLCache::instance()->rules().size());
-    EXPECT_TRUE(log().contains("XML validation OK"));
-    EXPECT_TRUE(log().contains("New rules list: \n"));
-    EXPECT_FALSE(log().contains("WARNING]"));
-}
-
-// Each recipe for an application loads, and none of its rules shares pages
-// across hosts, schemes or paths.
-TEST_F(LoadTest, RecipesLoadWithoutWarnings)
+// The shipped example and each recipe for an application load, and none of
+// their rules shares pages across hosts, schemes or paths.
+TEST_F(LoadTest, ExampleAndRecipesLoadWithoutWarnings)
 {
     const QDir recipes(QStringLiteral(VESK_SOURCE_DIR "/conf/recipes"));
     const QStringList files = recipes.entryList({QStringLiteral("*.xml")}, QDir::Files, QDir::Name);
     EXPECT_EQ(QStringList({"drupal.xml", "laravel.xml", "mediawiki.xml", "wordpress.xml"}), files);
-    for (const QString& name : files) {
+    for (const QString& name : files + QStringList{QStringLiteral("../pagecache_rules.xml")}) {
         clearLog();
         QFile recipe(recipes.filePath(name));
         ASSERT_TRUE(recipe.open(QIODevice::ReadOnly));
@@ -286,17 +279,11 @@ TEST_F(LoadTest, RecipesLoadWithoutWarnings)
     }
 }
 
-TEST_F(LoadTest, SchemaTakesGrace)
+TEST_F(LoadTest, SchemaTakesGraceAndPublish)
 {
-    ASSERT_TRUE(load(write(rulesXml(R"(<url schema="http" host="h" path="p" lifetime="1" grace="30"/>)"))))
+    ASSERT_TRUE(load(write(rulesXml(R"(<url schema="http" host="h" path="p" lifetime="1" grace="30" publish="true"/>)"))))
         << VHTMLCache::instance()->lastError().toStdString();
     EXPECT_EQ(30u, VHTMLCache::instance()->rules().first().d->grace);
-}
-
-TEST_F(LoadTest, SchemaTakesPublish)
-{
-    ASSERT_TRUE(load(write(rulesXml(R"(<url schema="http" host="h" path="p" publish="true"/>)"))))
-        << VHTMLCache::instance()->lastError().toStdString();
     EXPECT_TRUE(VHTMLCache::instance()->rules().first().d->publish);
 }
 
@@ -364,15 +351,6 @@ INSTANTIATE_TEST_SUITE_P(
 
 #undef COND
 #undef SPLIT
-
-TEST_F(RulesFixture, PublishOffByDefault)
-{
-    ParsedRules rules(rulesXml(R"(<url schema="http" host="h" path="a"/>
-      <url schema="http" host="h" path="b" publish="false"/><url schema="http" host="h" path="c" publish="1"/>)"));
-    EXPECT_FALSE(rules.rule("http://h/a").d->publish);
-    EXPECT_FALSE(rules.rule("http://h/b").d->publish);
-    EXPECT_TRUE(rules.rule("http://h/c").d->publish);
-}
 
 TEST_F(LoadTest, MissingSchema)
 {

@@ -5,12 +5,12 @@
 // not with the extension, and the closing "N passed, N failed" line; exits 1
 // when any test differs that way.
 //
-// usage: php summarize.php SUITES OFF_RESULTS OFF_ROOT ON_RESULTS ON_ROOT
+// usage: php summarize-php-suites.php SUITES OFF_RESULTS OFF_ROOT ON_RESULTS ON_ROOT
 //   SUITES: lines "name<TAB>relative/dir" (the order is the report's)
 //   *_ROOT: the copied source tree each run's paths start with
 
 if ($argc != 6) {
-    fwrite(STDERR, "usage: summarize.php SUITES OFF_RESULTS OFF_ROOT ON_RESULTS ON_ROOT\n");
+    fwrite(STDERR, "usage: summarize-php-suites.php SUITES OFF_RESULTS OFF_ROOT ON_RESULTS ON_ROOT\n");
     exit(2);
 }
 [, $suitesFile, $offFile, $offRoot, $onFile, $onRoot] = $argv;
