@@ -661,7 +661,9 @@ void Reader::update(int b, int e)
     }
     const int where = findWord(set, e, "where");
     const int whereEnd = where < 0 ? e : clauseEnd(where + 1, e);
-    QHash<QByteArray, QByteArray> values = where < 0 ? QHash<QByteArray, QByteArray>() : whereValues(where + 1, whereEnd, ref);
+    QHash<QByteArray, QByteArray> values;
+    if (where >= 0)
+        values = whereValues(where + 1, whereEnd, ref);
     bool keyAssigned = findWord(set, e, "from") >= 0;
     for (const auto& item : items(set + 1, where < 0 ? clauseEnd(set + 1, e) : where)) {
         QByteArray name;

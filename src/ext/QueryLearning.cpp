@@ -76,7 +76,9 @@ void learnRead(const SqlStatement& statement)
     }
     learning.pageTags += fresh;
     const QStringList tags = fresh.values();
-    VLOG(moduleState.logStream, 5) << "Learned tags:" << tags.join(QLatin1Char(' '));
+    // Joined only for a log that shows it: this runs for every query.
+    if (VDebug::sinkLevel(moduleState.logStream) >= 5)
+        VLOG(moduleState.logStream, 5) << "Learned tags:" << tags.join(QLatin1Char(' '));
     addPageTags(tags);
 }
 
@@ -86,7 +88,8 @@ void remove(const QSet<QString>& tags)
         return;
     const QStringList list = tags.values();
     const int removed = removePagesByTags(list, true);
-    VLOG(moduleState.logStream, 3) << "Removed pages by learned tags:" << removed << list.join(QLatin1Char(' '));
+    if (VDebug::sinkLevel(moduleState.logStream) >= 3)
+        VLOG(moduleState.logStream, 3) << "Removed pages by learned tags:" << removed << list.join(QLatin1Char(' '));
 }
 
 void learnWrite(const SqlStatement& statement, const RulesFileReader& rules)
@@ -134,8 +137,9 @@ void onStatement(const char* sql, size_t length, bool mysql, bool succeeded)
             statement = SqlStatement::read(QByteArray::fromRawData(sql, int(length)), known->learnKeys(), mysql);
         else
             statement.readsAnything = statement.writesAnything = true;
-        if (statement.readsAnything)
-            VLOG(moduleState.logStream, 5) << "Query read as reading anything:" << QByteArray(sql, int(qMin<size_t>(length, 200)));
+        if (statement.readsAnything && VDebug::sinkLevel(moduleState.logStream) >= 5)
+            VLOG(moduleState.logStream, 5) << "Query read as reading anything:"
+                                           << QByteArray(sql, int(qMin<size_t>(length, 200)));
         learnRead(statement);
         learnWrite(statement, *known);
         control(statement.control);

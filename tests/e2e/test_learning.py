@@ -89,7 +89,8 @@ class OwnSite(harness.Case):
         for learn, title, changed in [("0", "Unseen", set()), ("1", "Seen", {"/post.php?id=1", "/list.php"})]:
             before = self.stored()
             subprocess.run(command + ["-d", "vesk_pagecache.learn_cli=" + learn, "write.php", "commit"],
-                           input="UPDATE posts SET title = '%s' WHERE id = 1" % title, text=True, check=True, capture_output=True,
+                           input="UPDATE posts SET title = '%s' WHERE id = 1" % title, text=True, check=True,
+                           capture_output=True,
                            cwd=self.site, env=harness.php_environment("cli", False), timeout=60)
             self.assert_fresh(before, changed, title if changed else None)
         self.assertEqual([], [path for path in self.records() if "cli" in path])
@@ -204,7 +205,8 @@ class LearningMediaWiki(RecipeCase):
         view = "/index.php?title="
         for what, paths, edit, unchanged in [
                 ("article", [view + "Page_3"], lambda m: self.edit("Page_3", m), []),
-                ("template", [view + "Page_1", view + "Page_2"], lambda m: (self.edit("Template:Box", m), self.run_jobs()), []),
+                ("template", [view + "Page_1", view + "Page_2"],
+                 lambda m: (self.edit("Template:Box", m), self.run_jobs()), []),
                 ("login", [], lambda m: self.log_in(), [view + "Page_1", view + "Page_3"])]:
             with self.subTest(what):
                 LearningWordPress.assert_edit_reaches(self, paths, edit, unchanged)

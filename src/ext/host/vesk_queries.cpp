@@ -16,7 +16,10 @@
 
 namespace {
 
-enum class Kind { Query, Prepare, PrepareOn, Construct, Execute, PdoQuery, PdoExecute, Begin, Commit, Rollback, Autocommit };
+enum class Kind
+{
+    Query, Prepare, PrepareOn, Construct, Execute, PdoQuery, PdoExecute, Begin, Commit, Rollback, Autocommit
+};
 
 struct Watched
 {
@@ -59,10 +62,20 @@ std::unordered_map<uint32_t, std::string>* prepared = nullptr;
 
 void wrapper(INTERNAL_FUNCTION_PARAMETERS);
 
+// The watched call being run. A class that extends PDO or mysqli gets its
+// own copy of an inherited method, our handler included: that copy is found
+// by its name and the class it came from.
 const Watched* find(zend_function* function)
 {
     for (const Watched& w : *watched) {
         if (w.function == function)
+            return &w;
+    }
+    zend_class_entry* scope = function->common.scope;
+    for (const Watched& w : *watched) {
+        zend_class_entry* origin = w.function->common.scope;
+        if (scope && origin && instanceof_function(scope, origin)
+            && zend_string_equals(function->common.function_name, w.function->common.function_name))
             return &w;
     }
     return nullptr;

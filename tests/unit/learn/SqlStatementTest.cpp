@@ -217,7 +217,8 @@ class LearnRules : public RulesFixture
 TEST_F(LearnRules, RulesFileNamesKeysAndLists)
 {
     ParsedRules rules(rulesXml(R"(
-      <url schema="http" host="h" path="a" learn_keys="wp_options.option_name" learn_ignore="wp_options.option_name=cron"/>
+      <url schema="http" host="h" path="a" learn_keys="wp_options.option_name"
+           learn_ignore="wp_options.option_name=cron"/>
       <url schema="http" host="h" path="b" learn_ignore="wp_options.option_name=cron"/>
       <url schema="http" host="h" path="c" learn="false" learn_ignore="other"/>
       <url schema="http" host="h" path="d"/>)"));
