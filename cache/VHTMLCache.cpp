@@ -7,50 +7,25 @@
 #include "StoreListing.h"
 #include "VTagIndex.h"
 #include "VMD5.h"
-#include "VCacheCleaner.h"
-#include "VCleanerWatch.h"
-#include "VClusterAgent.h"
-#include "VPrivilegesDropper.h"
-#include "VProcess.h"
 #include "VException.h"
 #include "VPHPGlobalsEvaluator.h"
 #include "RulesFileValidator.h"
 
 #include <QFile>
-#include <QFileInfo>
 
 #include <typeinfo>
 
 #include <cstring>
 #include <ctime>
-#include <QDir>
-#include <cerrno>
-#include <csignal>
 #include <memory>
 #include <strings.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
 VHTMLCache* s_instance = nullptr;
-// The cleaner this process forked, or inherited from the process that did:
-// pid and start time, in this process's own memory, the one source of what
-// the master signals.
-quint64 cleanerIdentity = 0;
-pid_t cleanerLauncherPid = -1;
-bool waitForCleaner = false;
-bool handOverCleaner = false;
-qint64 maxStoreBytes = 0;
-QByteArray clusterQueueUrl;
-qint64 clusterNodeId = 0;
-// What the cleaner's agent opens: the store and rules of the last load.
-VClusterAgent::Store clusterStore;
 // Inherited by the cleaner, which ends the files of pages that expire.
 VPublishedPages* publishedPages = nullptr;
-QByteArray purgeDatabasePath;
-// Shared with the cleaner and inherited by every process forked later.
-VCleanerWatch* cleanerWatch = nullptr;
 
 } // namespace
 
@@ -75,9 +50,8 @@ VHTMLCache::~VHTMLCache()
     delete storage;
 }
 
-bool VHTMLCache::load(const char* savePath, qint64 dirDepth, const char* rulesFile,
-                      qint64 cleanFrequency, bool cleanerDisabled, qint64 maxCachedRules,
-                      bool startCleaner, bool atStartup)
+bool VHTMLCache::load(const char* savePath, qint64 dirDepth, const char* rulesFile, qint64 maxCachedRules,
+                      bool atStartup)
 {
     VPHPEvaluatorsManager::instance()->createEvaluators();
     clearRuleCache();
@@ -109,53 +83,9 @@ bool VHTMLCache::load(const char* savePath, qint64 dirDepth, const char* rulesFi
         return false;
     }
     setMaxCachedRules(int(qBound<qint64>(0, maxCachedRules, INT_MAX)));
-    if (!startCleaner)
-        return true;
-    clusterStore = {savePath, dirDepth, rulesFile};
-    // The directory above the one that holds the rules file.
-    const QString rulesDir = QFileInfo(QString::fromLocal8Bit(rulesFile)).absolutePath();
-    const QString productDir = QFileInfo(rulesDir + QStringLiteral("/..")).absoluteFilePath();
-    launchCleaner(int(cleanFrequency), cleanerDisabled, QDir::cleanPath(productDir));
     return true;
 }
 
-void VHTMLCache::setWaitForCleaner(bool wait)
-{
-    waitForCleaner = wait;
-}
-
-void VHTMLCache::setHandOverCleaner(bool handOver)
-{
-    handOverCleaner = handOver;
-}
-
-void VHTMLCache::setMaxStoreSize(qint64 bytes)
-{
-    maxStoreBytes = qMax<qint64>(0, bytes);
-}
-
-void VHTMLCache::setClusterQueue(const QByteArray& url, qint64 nodeId)
-{
-    clusterQueueUrl = url;
-    clusterNodeId = nodeId;
-}
-
-namespace {
-
-// The cleaner reads the farm's tasks when there is a queue to read.
-VClusterAgent* clusterAgent()
-{
-    if (clusterQueueUrl.isEmpty())
-        return nullptr;
-    try {
-        return new VClusterAgent(clusterQueueUrl, clusterNodeId, clusterStore);
-    } catch (const VException& e) {
-        VLOG(PageCacheLogStream, 0) << "No cluster agent:" << e.what();
-        return nullptr;
-    }
-}
-
-} // namespace
 void VHTMLCache::setPublishDir(const QByteArray& dir)
 {
     delete publishedPages;
@@ -165,11 +95,6 @@ void VHTMLCache::setPublishDir(const QByteArray& dir)
         delete publishedPages;
         publishedPages = nullptr;
     }
-}
-
-void VHTMLCache::setPurgeDatabase(const QByteArray& path)
-{
-    purgeDatabasePath = path;
 }
 
 VPublishedPages* VHTMLCache::published()
@@ -222,113 +147,14 @@ void VHTMLCache::unpublishChangedRules()
     publishedPages->keepRules(published);
 }
 
-void VHTMLCache::launchCleaner(int frequency, bool disabled, const QString& productDir)
-{
-    const VDebug::StreamId log = PageCacheLogStream;
-    if (disabled)
-        return;
-    // One cleaner per master: a process whose master runs one already (a
-    // second start-up, a forked worker) starts none.
-    if (cleanerWatch && VCleanerWatch::running(cleanerIdentity)) {
-        VLOG(log, 3) << "Cache cleaner already running at pid" << qint64(VCleanerWatch::pidOf(cleanerIdentity));
-        return;
-    }
-    VCleanerWatch* watch = VCleanerWatch::create();
-    const pid_t pid = watch ? fork() : -1;
-    if (pid > 0) {
-        cleanerIdentity = VCleanerWatch::identity(pid);
-        cleanerLauncherPid = getpid();
-        cleanerWatch = watch;
-        return;
-    }
-    if (pid < 0) {
-        VLOG(log, 0) << "Could not launch the Cache Cleaner" << strerror(errno);
-        if (watch)
-            watch->release();
-        return;
-    }
-    // The cleaner reads what the workers and the farm write: it keeps
-    // nothing of root, and goes on as the user the store belongs to (the
-    // one start-up took on) or not at all.
-    if (!VPrivilegesDropper::dropForGood(geteuid(), getegid())) {
-        VLOG(log, 0) << "Cache cleaner could not give up root's privileges:" << strerror(errno);
-        _exit(1);
-    }
-    signal(SIGHUP, VCacheCleaner::stopBySignal);
-    signal(SIGTERM, VCacheCleaner::stopBySignal);
-    cleaner = new VCacheCleaner(frequency, storage, productDir);
-    cleaner->watchMaster(watch);
-    // Nothing of the server's may stay open here: not its standard output
-    // (a pipe would never see its end), not its listening sockets. The log
-    // stays.
-    VProcess::dropInheritedDescriptors(VDebug::openFiles());
-    VLOG(log, 3) << "Starting Cache Cleaner at pid" << qint64(getpid()) << "with frequency of" << frequency;
-    cleaner->setMaxStoreSize(maxStoreBytes);
-    cleaner->setAgent(clusterAgent());
-    cleaner->setPublished(publishedPages);
-    cleaner->setPurgeDatabase(purgeDatabasePath);
-    cleaner->run();
-    // Only a stop request or the end of the master ends run(); nothing of
-    // the parent's start-up may go on in this process.
-    _exit(0);
-}
-
 bool VHTMLCache::validateRulesFile(const char* rulesFile, bool atStartup)
 {
     return validateRulesFileAgainstSchema(rulesFile, m_lastError, atStartup);
 }
 
-namespace {
-
-// The child that goes on as master when the launcher daemonizes: it leads a
-// session of its own, as php-fpm's master does after its fork.
-pid_t daemonHeir(pid_t cleaner)
-{
-    for (pid_t child : VProcess::children(getpid())) {
-        VProcess::Status status;
-        if (child != cleaner && VProcess::status(child, &status) && status.session == child)
-            return child;
-    }
-    return -1;
-}
-
-void stopCleaner()
-{
-    const VDebug::StreamId log = PageCacheLogStream;
-    // Workers inherit the watch, and are never its master.
-    if (!cleanerWatch || !cleanerWatch->isMaster())
-        return;
-    const pid_t cleaner = VCleanerWatch::pidOf(cleanerIdentity);
-    const pid_t heir = handOverCleaner && getpid() == cleanerLauncherPid ? daemonHeir(cleaner) : -1;
-    if (heir > 0) {
-        VLOG(log, 3) << "Cache cleaner at pid" << qint64(cleaner) << "stays with the master at pid" << qint64(heir);
-        cleanerWatch->handOver(heir);
-    } else if (cleaner > 0 && VCleanerWatch::running(cleanerIdentity)) {
-        VLOG(log, 5) << "Sending SIGTERM to cache cleaner at pid" << qint64(cleaner);
-        kill(cleaner, SIGTERM);
-        if (waitForCleaner) {
-            int result;
-            do {
-                result = waitpid(cleaner, nullptr, 0);
-            } while (result < 0 && errno == EINTR);
-            // A master that took the cleaner over isn't its parent: it
-            // watches it go, for ten seconds at most.
-            for (int wait = 0; result < 0 && wait < 1000 && VCleanerWatch::running(cleanerIdentity); ++wait)
-                usleep(10000);
-        }
-    }
-    cleanerWatch->release();
-    cleanerWatch = nullptr;
-    cleanerIdentity = 0;
-    cleanerLauncherPid = -1;
-}
-
-} // namespace
-
 int VHTMLCache::shutdown()
 {
     VPHPEvaluatorsManager::destroyInstance();
-    stopCleaner();
     delete storage;
     storage = nullptr;
     return 1;

@@ -11,7 +11,6 @@
 // The one cache object of a worker process: the rules in force and the
 // store of pages. A reload of the rules file destroys it and makes a new
 // one, so no rule outlives the file it came from.
-class VCacheCleaner;
 class VDiskStorage;
 
 // How long the store keeps a page, and how long of that it is fresh: the
@@ -42,27 +41,12 @@ public:
     // Reads the rules file and opens the store under `savePath`. Answers
     // false with the reason in lastError(); no rule is in force then.
     // `atStartup` false names a worker's reload in the reason.
-    bool load(const char* savePath, qint64 dirDepth, const char* rulesFile,
-              qint64 cleanFrequency, bool cleanerDisabled, qint64 maxCachedRules,
-              bool startCleaner, bool atStartup = true);
+    bool load(const char* savePath, qint64 dirDepth, const char* rulesFile, qint64 maxCachedRules,
+              bool atStartup = true);
     // Validates the rules file against pagecache_rules_schema.xsd beside it.
     bool validateRulesFile(const char* rulesFile, bool atStartup = true);
-    // Stops the cleaner (from its master) and lets go of the store. Always 1.
+    // Lets go of the store. Always 1.
     int shutdown();
-    // Forks the process that drops expired pages every `frequency` seconds,
-    // unless one of this master's runs already.
-    void launchCleaner(int frequency, bool disabled, const QString& productDir);
-    // Whether shutdown waits for the cleaner to be gone (under php-fpm).
-    static void setWaitForCleaner(bool wait);
-    // Whether a launcher that daemonizes (php-fpm's first process, which
-    // forks the real master and exits) leaves the cleaner to that master.
-    static void setHandOverCleaner(bool handOver);
-    // What the cleaner leaves of the store at each cleaning, in bytes; 0 for
-    // no bound.
-    static void setMaxStoreSize(qint64 bytes);
-    // The farm's task queue ("redis://host:port/db") whose tasks the
-    // cleaner carries out on this store as node `nodeId`; empty for none.
-    static void setClusterQueue(const QByteArray& url, qint64 nodeId);
     // Where pages of rules that publish are mirrored as static files; empty
     // for nowhere, and nothing is then written outside the store. A folder
     // that holds what the cache did not write is refused (logged): nothing
@@ -70,9 +54,6 @@ public:
     static void setPublishDir(const QByteArray& dir);
     // The mirror, or null when there is no publish directory.
     static VPublishedPages* published();
-    // The purge rules' database: the cleaner ends every published file when
-    // it changes, whoever wrote it.
-    static void setPurgeDatabase(const QByteArray& path);
 
     QString lastError() const { return m_lastError; }
 
@@ -150,7 +131,6 @@ private:
     bool clearFirstRule(const std::function<bool(const CacheRule&)>& matches);
 
     VDiskStorage* storage = nullptr;
-    VCacheCleaner* cleaner = nullptr;
     QString m_lastError;
     QByteArray m_tagRefusal;
 };

@@ -34,8 +34,8 @@ VHTMLCache* CliContext::cache()
     VHTMLCache::setPublishDir(directives.publishDir());
     VHTMLCache* cache = VHTMLCache::instance();
     // The workers' own load, less the cleaner: theirs already runs.
-    if (!cache->load(savePath.constData(), directives.dirDepth(), rulesFile.constData(), 0, true,
-                     directives.number("vesk_pagecache.max_cached_rules", 100), false)) {
+    if (!cache->load(savePath.constData(), directives.dirDepth(), rulesFile.constData(),
+                     directives.number("vesk_pagecache.max_cached_rules", 100))) {
         fail(ExitFailed, cache->lastError());
         return nullptr;
     }

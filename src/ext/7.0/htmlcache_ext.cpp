@@ -18,6 +18,7 @@
 #include "VFileMode.h"
 #include "VGlobals.h"
 #include "TKDTaskInserter.h"
+#include "VCleanerProcess.h"
 #include "VHTMLCache.h"
 #include "VPrivilegesDropper.h"
 
@@ -189,7 +190,7 @@ int moduleStartup()
     moduleState.serverInfo = VeskServerInfo(installDir(), webserverType(), moduleState.logStream);
     moduleState.serverInfo.setServerNumber(int(nodeId()));
     TKDTaskInserter::setClusterQueue(clusterQueue());
-    VHTMLCache::setClusterQueue(clusterQueue(), nodeId());
+    VCleanerProcess::setClusterQueue(clusterQueue(), nodeId());
     if (refusedOutsideWebRuns()) {
         installQueryLearning(false);
         return 0;
@@ -205,11 +206,11 @@ int moduleStartup()
         VDebug::setRotationSize(moduleState.logStream, int(pageCacheConfig.log_rotation_size));
         moduleState.purgeRules = new PageCachePurgeRules(moduleState.serverInfo, moduleState.logStream);
         moduleState.enabled = pageCacheConfig.enable;
-        VHTMLCache::setWaitForCleaner(isFpm());
-        VHTMLCache::setHandOverCleaner(isFpm());
+        VCleanerProcess::setWaitForCleaner(isFpm());
+        VCleanerProcess::setHandOverCleaner(isFpm());
         // MiB; anything that isn't a positive number leaves the store unbounded.
-        VHTMLCache::setMaxStoreSize(qBound<qint64>(0, pageCacheConfig.max_store_size, qint64(1) << 40) << 20);
-        VHTMLCache::setPurgeDatabase(QFile::encodeName(moduleState.purgeRules->databaseFileName()));
+        VCleanerProcess::setMaxStoreSize(qBound<qint64>(0, pageCacheConfig.max_store_size, qint64(1) << 40) << 20);
+        VCleanerProcess::setPurgeDatabase(QFile::encodeName(moduleState.purgeRules->databaseFileName()));
         const char* publishDir = pageCacheConfig.publish_dir;
         VHTMLCache::setPublishDir(publishDir && *publishDir ? resolvePath(publishDir, TempDirBase) : QByteArray());
         reloadRules(true);
@@ -228,6 +229,7 @@ int moduleStartup()
 
 int moduleShutdown()
 {
+    VCleanerProcess::stop();
     VHTMLCache::instance()->shutdown();
     VHTMLCache::destroyInstance();
     vesk_unregister_ini_entries();
@@ -258,9 +260,12 @@ void reloadRules(bool isStartup)
     VHTMLCache::destroyInstance();
     VHTMLCache* cache = VHTMLCache::instance();
     if (!cache->load(orNull(moduleState.resolvedSavePath), pageCacheConfig.dir_depth,
-                     orNull(moduleState.resolvedRulesFile), pageCacheConfig.clean_frequency, false,
-                     pageCacheConfig.max_cached_rules, isStartup, isStartup)) {
+                     orNull(moduleState.resolvedRulesFile), pageCacheConfig.max_cached_rules, isStartup)) {
         VLOG(log, 0) << cache->lastError();
+    } else if (isStartup) {
+        // The master's start-up forks the node's cleaner over the store just opened.
+        VCleanerProcess::launch(*cache, {moduleState.resolvedSavePath, pageCacheConfig.dir_depth,
+                                         moduleState.resolvedRulesFile}, int(pageCacheConfig.clean_frequency));
     }
     // What was published under rules that changed may not be what these
     // rules publish: those pages are published afresh at their next hit.

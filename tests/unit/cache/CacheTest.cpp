@@ -46,7 +46,7 @@ protected:
     {
         VHTMLCache::destroyInstance();
         cache = VHTMLCache::instance();
-        ASSERT_TRUE(cache->load(savePath.constData(), 1, rulesPath.constData(), 300, false, 100, false))
+        ASSERT_TRUE(cache->load(savePath.constData(), 1, rulesPath.constData(), 100))
             << cache->lastError().toStdString();
     }
     void TearDown() override

@@ -116,7 +116,7 @@ protected:
         VHTMLCache::setPublishDir(publishDir);
         cache = VHTMLCache::instance();
         ASSERT_TRUE(cache->load(QFile::encodeName(dir.filePath(QStringLiteral("store"))).constData(), 1,
-                                QFile::encodeName(rules).constData(), 300, false, 100, false))
+                                QFile::encodeName(rules).constData(), 100))
             << cache->lastError().toStdString();
     }
     void TearDown() override

@@ -257,7 +257,7 @@ protected:
     bool load(const QByteArray& path)
     {
         VHTMLCache::destroyInstance();
-        return VHTMLCache::instance()->load("store", 2, path.constData(), 300, false, 100, false);
+        return VHTMLCache::instance()->load("store", 2, path.constData(), 100);
     }
 };
 

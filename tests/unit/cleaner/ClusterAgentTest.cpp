@@ -67,7 +67,7 @@ protected:
         where.rulesFile = QFile::encodeName(rules);
         VHTMLCache::destroyInstance();
         cache = VHTMLCache::instance();
-        ASSERT_TRUE(cache->load(where.savePath.constData(), 1, where.rulesFile.constData(), 300, false, 100, false));
+        ASSERT_TRUE(cache->load(where.savePath.constData(), 1, where.rulesFile.constData(), 100));
         TKDTaskInserter::setClusterQueue(redis.url());
         agent.reset(new VClusterAgent(redis.url(), 2, where));
         // The group starts at the stream's end: joined before any task.

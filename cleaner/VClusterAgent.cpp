@@ -36,8 +36,7 @@ void VClusterAgent::loadNewerRules()
     rulesDate = date;
     delete cache;
     cache = new VHTMLCache;
-    if (!cache->load(store.savePath.constData(), store.dirDepth, store.rulesFile.constData(), 0, true, 100, false,
-                     false))
+    if (!cache->load(store.savePath.constData(), store.dirDepth, store.rulesFile.constData(), 100, false))
         VLOG(PageCacheLogStream, 0) << "Cluster agent:" << cache->lastError();
 }
 
