@@ -23,7 +23,6 @@
 #include "PageCacheConfig.h"
 #include "PageCachePurgeRules.h"
 #include "RequestPrivacy.h"
-#include "QueryLearning.h"
 #include "RequestState.h"
 #include "StatisticsRecords.h"
 #include "host/vesk_host.h"
@@ -549,7 +548,6 @@ int requestShutdown()
     if (kept::daemonMode)
         return 0;
     RequestState& r = requestState;
-    queryLearningRequestEnds();
     if (r.captureEndedByScript)
         finishEndedCapture();
     // Stored or not, the others waiting for the page go on now.
