@@ -225,21 +225,21 @@ bool endPage(VDiskStorage& storage, const QByteArray& ns, const QByteArray& key)
     return gzipRemoved && clearRemoved;
 }
 
-// Ends, from the records themselves, the pages holding `tag`: for a tag
-// whose listing in the index is damaged.
-bool endPagesFromRecords(VDiskStorage& storage, const QByteArray& tag)
+// Hands each stored page, with its tags, to `visit`: what the tag index is
+// rebuilt from when it is found damaged. Both copies count, since either may
+// be the one left of a page.
+bool walkTaggedPages(VDiskStorage& storage, const VTagIndex::PageVisitor& visit)
 {
-    VLOG(PageCacheLogStream, 1) << "The tag index of" << tag << "is damaged: looking for its pages in the records";
-    bool ended = true;
+    VLOG(PageCacheLogStream, 1) << "The tag index is damaged: rebuilding it from the records";
     QString error;
     const bool walked = forEachStoredPage(storage, [&](const StoredPage& page) {
-        const QByteArray key = page.compressedCopy() ? page.key.left(page.key.size() - 2) : page.key;
-        if (page.entry.tags().contains(tag))
-            ended = endPage(storage, page.ns, key) && ended;
+        const QList<QByteArray> tags = page.entry.tags();
+        if (!tags.isEmpty())
+            visit(page.ns, page.compressedCopy() ? page.key.left(page.key.size() - 2) : page.key, tags);
     }, &error);
     if (!walked)
-        VLOG(PageCacheLogStream, 0) << "Could not read the whole store for tag" << tag << ":" << error;
-    return walked && ended;
+        VLOG(PageCacheLogStream, 0) << "Could not read the whole store for the tag index:" << error;
+    return walked;
 }
 
 } // namespace
@@ -437,7 +437,7 @@ int VHTMLCache::removeByTags(VDiskStorage& store, const QList<QByteArray>& tags,
 {
     VTagIndex index(store.root());
     const auto removePage = [&store](const QByteArray& ns, const QByteArray& key) { return endPage(store, ns, key); };
-    const auto fromRecords = [&store](const QByteArray& tag) { return endPagesFromRecords(store, tag); };
+    const auto fromRecords = [&store](const VTagIndex::PageVisitor& visit) { return walkTaggedPages(store, visit); };
     int removed = 0;
     *complete = true;
     for (const QByteArray& tag : tags) {
@@ -454,7 +454,8 @@ void VHTMLCache::finishTagRemovals(VDiskStorage& store)
 {
     VTagIndex index(store.root());
     index.finishInterrupted([&store](const QByteArray& ns, const QByteArray& key) { return endPage(store, ns, key); },
-                            [&store](const QByteArray& tag) { return endPagesFromRecords(store, tag); });
+                            [&store](const VTagIndex::PageVisitor& visit) { return walkTaggedPages(store, visit); });
+    index.compact();
 }
 
 QByteArray VHTMLCache::ruleNamespace(const CacheRule& rule)

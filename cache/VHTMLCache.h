@@ -102,7 +102,8 @@ public:
     // `store`; answers how many pages the tags listed. `complete` false
     // when one could not be ended.
     static int removeByTags(VDiskStorage& store, const QList<QByteArray>& tags, bool* complete);
-    // Finishes the removals by tag that a killed process left unfinished.
+    // Finishes the removals by tag that a killed process left unfinished,
+    // and rewrites the tag listings that have grown mostly dead.
     static void finishTagRemovals(VDiskStorage& store);
     bool removeByRuleId(qint64 id);
     bool removeByRuleName(const char* name);

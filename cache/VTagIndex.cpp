@@ -4,11 +4,14 @@
 #include "VFileMode.h"
 #include "VMD5.h"
 
+#include <QHash>
+#include <QMap>
 #include <QSet>
 #include <QtEndian>
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -21,6 +24,15 @@ namespace {
 
 const char RemovedMagic[4] = {'V', 'K', 'T', 'R'};
 const int RemovedSize = 16;
+// A line of a bucket's listing: "E <tag hash> <namespace> <key> <crc>\n",
+// the hashes in hex and the CRC-32C of the 100 bytes before it in hex.
+const int LineSize = 110;
+const int CheckedBytes = 100;
+// A listing is rewritten once it is this long and mostly dead.
+const qint64 CompactFrom = 64 * 1024;
+const char EntriesName[] = "entries";
+
+typedef QPair<QByteArray, QByteArray> Page;
 std::atomic<unsigned> tempCounter{0};
 
 qint64 nowMs()
@@ -57,15 +69,6 @@ bool pageOfName(const QByteArray& name, QPair<QByteArray, QByteArray>* page)
         return false;
     *page = qMakePair(name.left(32), name.mid(33));
     return true;
-}
-
-bool createEmpty(const QByteArray& path)
-{
-    const int fd = open(path.constData(), O_WRONLY | O_CREAT | O_CLOEXEC, VFileMode::files());
-    if (fd < 0)
-        return false;
-    VFileMode::apply(fd);
-    return close(fd) == 0;
 }
 
 // `text` in place of `path`, whole or not at all.
@@ -109,7 +112,98 @@ qint64 readRemovedAt(const QByteArray& prefix)
     return qint64(qFromLittleEndian<quint64>(text.constData() + 4));
 }
 
+QByteArray readWholeFile(const QByteArray& path)
+{
+    QByteArray text;
+    const int fd = open(path.constData(), O_RDONLY | O_CLOEXEC);
+    struct stat info;
+    if (fd < 0 || fstat(fd, &info) != 0) {
+        if (fd >= 0)
+            close(fd);
+        return text;
+    }
+    text.resize(int(qMin<qint64>(info.st_size, 1 << 30)));
+    int got = 0;
+    ssize_t n = 0;
+    while (got < text.size() && (n = read(fd, text.data() + got, size_t(text.size() - got))) > 0)
+        got += int(n);
+    close(fd);
+    text.resize(got);
+    return text;
+}
+
+QByteArray lineOf(char op, const QByteArray& tagHash, const Page& page)
+{
+    QByteArray text;
+    text.reserve(LineSize);
+    text.append(op).append(' ').append(tagHash).append(' ').append(page.first).append(' ').append(page.second);
+    char crc[10];
+    snprintf(crc, sizeof crc, " %08x", crc32c(text.constData(), CheckedBytes));
+    return text.append(crc).append('\n');
+}
+
+// A line as lineOf() writes it; anything else is damage (a write torn by a
+// crash, or the tail of one that shifted all lines after it).
+bool wellFormed(const char* line)
+{
+    if ((line[0] != 'E' && line[0] != 'D') || line[1] != ' ' || line[34] != ' ' || line[67] != ' '
+        || line[100] != ' ' || line[109] != '\n' || !isHex(line + 2, 32) || !isHex(line + 35, 32)
+        || !isHex(line + 68, 32) || !isHex(line + 101, 8))
+        return false;
+    return QByteArray(line + 101, 8).toUInt(nullptr, 16) == crc32c(line, CheckedBytes);
+}
+
 } // namespace
+
+// What a bucket lists: the pages of each tag (by its hash), from its
+// entries file and from names of the earlier form (one empty file per
+// page and tag).
+struct VTagIndex::Listing
+{
+    QHash<QByteArray, QSet<Page>> live;
+    QHash<QByteArray, QSet<Page>> oldNames;
+    int lines = 0;
+    qint64 bytes = 0;
+    bool damaged = false;
+
+    void readEntries(const QByteArray& text)
+    {
+        bytes = text.size();
+        damaged = text.size() % LineSize != 0;
+        for (int at = 0; at + LineSize <= text.size(); at += LineSize) {
+            const char* line = text.constData() + at;
+            ++lines;
+            if (!wellFormed(line))
+                damaged = true;
+            else if (line[0] == 'E')
+                live[QByteArray(line + 2, 32)].insert(Page(QByteArray(line + 35, 32), QByteArray(line + 68, 32)));
+            else
+                live.remove(QByteArray(line + 2, 32));
+        }
+    }
+    // A name of no form at all may have been any tag's.
+    void readNames(DIR* dir)
+    {
+        while (const dirent* item = readdir(dir)) {
+            const QByteArray name(item->d_name);
+            Page page;
+            if (name.startsWith('.') || name == EntriesName || (name.size() == 40 && name.endsWith(".removed")))
+                continue;
+            if (name.size() > 33 && name.at(32) == '-' && isHex(name.constData(), 32) && pageOfName(name.mid(33), &page))
+                oldNames[name.left(32)].insert(page);
+            else
+                damaged = true;
+        }
+    }
+    QSet<Page> pagesOf(const QByteArray& hash) const { return live.value(hash) + oldNames.value(hash); }
+    int liveLines() const
+    {
+        int count = 0;
+        for (const QSet<Page>& pages : live)
+            count += pages.size();
+        return count;
+    }
+};
 
 VTagIndex::VTagIndex(const QByteArray& storeRoot) : m_root(storeRoot + ".tags")
 {
@@ -200,29 +294,54 @@ bool VTagIndex::writeRemovedAt(const QByteArray& prefix, qint64 ms)
     return false;
 }
 
+// One write per bucket, with O_APPEND: lines of writers working at once
+// (each under the shared lock) never mix, and a killed writer leaves its
+// lines whole or absent.
+bool VTagIndex::appendLines(const QByteArray& bucket, const QByteArray& lines)
+{
+    const QByteArray path = bucket + '/' + EntriesName;
+    int fd = open(path.constData(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    if (fd < 0 && errno == ENOENT && (fd = open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC,
+                                              VFileMode::files())) >= 0)
+        VFileMode::apply(fd);
+    const bool written = fd >= 0 && write(fd, lines.constData(), size_t(lines.size())) == lines.size();
+    if (!written)
+        lastError = "cannot write " + path + ": " + QByteArray(strerror(errno));
+    if (fd >= 0)
+        close(fd);
+    return written;
+}
+
 bool VTagIndex::enter(const QByteArray& ns, const QByteArray& key, const QList<QByteArray>& tags, qint64 sinceMs,
                       Entry& entry, QByteArray* why)
 {
-    const QByteArray name = '-' + ns + '-' + key;
-    QSet<QByteArray> locked;
+    if (ns.size() != 32 || key.size() != 32 || !isHex(ns.constData(), 32) || !isHex(key.constData(), 32)) {
+        *why = "the page's name is not one the tag index can hold";
+        return false;
+    }
+    // The lines of each bucket, so that one write enters the page under all
+    // its tags there.
+    QMap<QByteArray, QByteArray> lines;
     for (const QByteArray& tag : tags) {
         const QByteArray prefix = tagPrefix(tag);
-        const QByteArray bucket = prefix.left(prefix.lastIndexOf('/'));
-        if (!locked.contains(bucket)) {
-            const int fd = lockTag(prefix, LOCK_SH);
-            if (fd < 0) {
-                *why = lastError;
-                return false;
-            }
-            entry.locks << fd;
-            locked.insert(bucket);
-            step("locked");
+        lines[prefix.left(prefix.lastIndexOf('/'))] += lineOf('E', prefix.mid(prefix.lastIndexOf('/') + 1), Page(ns, key));
+    }
+    for (auto it = lines.cbegin(); it != lines.cend(); ++it) {
+        const int fd = lockTag(it.key() + '/', LOCK_SH);
+        if (fd < 0) {
+            *why = lastError;
+            return false;
         }
-        if (!createEmpty(prefix + name)) {
-            *why = "cannot enter the page under tag " + tag + ": " + QByteArray(strerror(errno));
+        entry.locks << fd;
+        step("locked");
+        if (!appendLines(it.key(), it.value())) {
+            *why = "cannot enter the page under its tags: " + lastError;
             return false;
         }
         step("entered");
+    }
+    for (const QByteArray& tag : tags) {
+        const QByteArray prefix = tagPrefix(tag);
         qint64 removed = readRemovedAt(prefix);
         // A removal time that can't be read is taken as now: the pages being
         // built go, and the tag is usable again after.
@@ -237,30 +356,24 @@ bool VTagIndex::enter(const QByteArray& ns, const QByteArray& key, const QList<Q
     return true;
 }
 
+VTagIndex::Listing VTagIndex::listing(const QByteArray& bucket) const
+{
+    Listing listing;
+    listing.readEntries(readWholeFile(bucket + '/' + EntriesName));
+    if (DIR* dir = opendir(bucket.constData())) {
+        listing.readNames(dir);
+        closedir(dir);
+    }
+    return listing;
+}
+
 QList<QPair<QByteArray, QByteArray>> VTagIndex::pagesOf(const QByteArray& tag, bool* sound) const
 {
-    QList<QPair<QByteArray, QByteArray>> pages;
-    if (sound)
-        *sound = true;
     const QByteArray prefix = tagPrefix(tag);
-    const QByteArray hash = prefix.mid(prefix.lastIndexOf('/') + 1);
-    DIR* dir = opendir(prefix.left(prefix.lastIndexOf('/')).constData());
-    if (!dir)
-        return pages;
-    // A name of no form at all may have been any tag's.
-    while (const dirent* item = readdir(dir)) {
-        const QByteArray name(item->d_name);
-        QPair<QByteArray, QByteArray> page;
-        const bool tagged = name.size() > 33 && name.at(32) == '-' && isHex(name.constData(), 32);
-        if (name.startsWith('.') || (name.size() == 40 && name.endsWith(".removed")) || (tagged && !name.startsWith(hash)))
-            continue;
-        if (tagged && pageOfName(name.mid(33), &page))
-            pages << page;
-        else if (sound)
-            *sound = false;
-    }
-    closedir(dir);
-    return pages;
+    const Listing listed = listing(prefix.left(prefix.lastIndexOf('/')));
+    if (sound)
+        *sound = !listed.damaged;
+    return listed.pagesOf(prefix.mid(prefix.lastIndexOf('/') + 1)).values();
 }
 
 qint64 VTagIndex::removedAt(const QByteArray& tag) const
@@ -268,10 +381,10 @@ qint64 VTagIndex::removedAt(const QByteArray& tag) const
     return qMax<qint64>(0, readRemovedAt(tagPrefix(tag)));
 }
 
-int VTagIndex::remove(const QByteArray& tag, const PageRemover& removePage,
-                      const std::function<bool(const QByteArray& tag)>& unlisted, bool* complete)
+int VTagIndex::remove(const QByteArray& tag, const PageRemover& removePage, const RecordWalker& walk,
+                      bool* complete)
 {
-    finishInterrupted(removePage, unlisted);
+    finishInterrupted(removePage, walk);
     const QByteArray pending = m_root + "/pending/" + VMD5::hash(tag);
     if (!makeDirs(m_root + "/pending") || !replaceFile(pending, tag)) {
         lastError = "cannot note the removal of tag " + tag + ": " + QByteArray(strerror(errno));
@@ -279,18 +392,68 @@ int VTagIndex::remove(const QByteArray& tag, const PageRemover& removePage,
         return 0;
     }
     step("noted");
-    const int removed = removeListed(tag, removePage, unlisted, complete);
+    const int removed = removeListed(tag, removePage, walk, complete);
     if (*complete)
         unlink(pending.constData());
     return removed;
 }
 
+// The bucket's entries as the records say, for a listing found damaged:
+// under the exclusive lock, every page entered under a tag of the bucket
+// has its records written, or its writer failed and it is no page.
+bool VTagIndex::rebuild(const QByteArray& bucket, const RecordWalker& walk)
+{
+    Listing rebuilt;
+    const bool walked = walk([&](const QByteArray& ns, const QByteArray& key, const QList<QByteArray>& tags) {
+        if (ns.size() != 32 || key.size() != 32 || !isHex(ns.constData(), 32) || !isHex(key.constData(), 32))
+            return;
+        for (const QByteArray& tag : tags) {
+            const QByteArray prefix = tagPrefix(tag);
+            if (prefix.startsWith(bucket) && prefix.at(bucket.size()) == '/')
+                rebuilt.live[prefix.mid(bucket.size() + 1)].insert(Page(ns, key));
+        }
+    });
+    if (!walked) {
+        lastError = "cannot read the whole store to rebuild the tag index in " + bucket;
+        return false;
+    }
+    if (!rewrite(bucket, rebuilt))
+        return false;
+    // The records stand for the names of the earlier form, and for any
+    // damaged name, from now on.
+    DIR* dir = opendir(bucket.constData());
+    while (const dirent* item = dir ? readdir(dir) : nullptr) {
+        const QByteArray name(item->d_name);
+        if (!name.startsWith('.') && name != EntriesName && !(name.size() == 40 && name.endsWith(".removed")))
+            unlinkat(dirfd(dir), item->d_name, 0);
+    }
+    if (dir)
+        closedir(dir);
+    return true;
+}
+
+bool VTagIndex::rewrite(const QByteArray& bucket, const Listing& listing)
+{
+    QByteArray lines;
+    lines.reserve(listing.liveLines() * LineSize);
+    for (auto tag = listing.live.cbegin(); tag != listing.live.cend(); ++tag) {
+        for (const Page& page : tag.value())
+            lines += lineOf('E', tag.key(), page);
+    }
+    if (replaceFile(bucket + '/' + EntriesName, lines))
+        return true;
+    lastError = "cannot rewrite " + bucket + '/' + EntriesName + ": " + QByteArray(strerror(errno));
+    return false;
+}
+
 // Under the tag's exclusive lock: no page of it is being entered meanwhile,
 // and one entered later sees the new removal time.
-int VTagIndex::removeListed(const QByteArray& tag, const PageRemover& removePage,
-                            const std::function<bool(const QByteArray& tag)>& unlisted, bool* complete)
+int VTagIndex::removeListed(const QByteArray& tag, const PageRemover& removePage, const RecordWalker& walk,
+                            bool* complete)
 {
     const QByteArray prefix = tagPrefix(tag);
+    const QByteArray bucket = prefix.left(prefix.lastIndexOf('/'));
+    const QByteArray hash = prefix.mid(bucket.size() + 1);
     *complete = false;
     const int fd = lockTag(prefix, LOCK_EX);
     if (fd < 0)
@@ -301,24 +464,39 @@ int VTagIndex::removeListed(const QByteArray& tag, const PageRemover& removePage
         return 0;
     }
     step("dated");
-    bool sound = true;
-    const QList<QPair<QByteArray, QByteArray>> pages = pagesOf(tag, &sound);
-    *complete = sound || unlisted(tag);
-    for (const QPair<QByteArray, QByteArray>& page : pages) {
-        // The entry goes only with its page: a removal cut short leaves it
-        // for the one that finishes the work.
-        if (removePage(page.first, page.second))
-            unlink((prefix + '-' + page.first + '-' + page.second).constData());
-        else
+    Listing listed = listing(bucket);
+    *complete = !listed.damaged || rebuild(bucket, walk);
+    if (listed.damaged && *complete)
+        listed = listing(bucket);
+    const QSet<Page> pages = listed.pagesOf(hash);
+    for (const Page& page : pages) {
+        // An entry goes only with its page: a removal cut short leaves
+        // them all for the one that finishes the work.
+        if (!removePage(page.first, page.second))
             *complete = false;
+        else if (listed.oldNames.value(hash).contains(page))
+            unlink((prefix + '-' + page.first + '-' + page.second).constData());
         step("page");
     }
+    if (*complete && !pages.isEmpty())
+        *complete = closeListing(bucket, hash, listed);
     close(fd);
     return pages.size();
 }
 
-void VTagIndex::finishInterrupted(const PageRemover& removePage,
-                                  const std::function<bool(const QByteArray& tag)>& unlisted)
+// The tag's entries end with its pages: a line that says so, or, once the
+// listing is mostly dead, a listing without them.
+bool VTagIndex::closeListing(const QByteArray& bucket, const QByteArray& hash, Listing& listed)
+{
+    listed.live.remove(hash);
+    const bool compact = listed.bytes >= CompactFrom && listed.lines > 2 * listed.liveLines();
+    const bool closed = compact ? rewrite(bucket, listed)
+                                : appendLines(bucket, lineOf('D', hash, Page(QByteArray(32, '0'), QByteArray(32, '0'))));
+    step("closed");
+    return closed;
+}
+
+void VTagIndex::finishInterrupted(const PageRemover& removePage, const RecordWalker& walk)
 {
     const QByteArray pendingDir = m_root + "/pending";
     DIR* dir = opendir(pendingDir.constData());
@@ -337,8 +515,27 @@ void VTagIndex::finishInterrupted(const PageRemover& removePage,
         // A note that names no tag of its own name is damage: its tag is
         // not known, and the note can only go.
         if (VMD5::hash(tag) == name)
-            removeListed(tag, removePage, unlisted, &complete);
+            removeListed(tag, removePage, walk, &complete);
         if (complete || VMD5::hash(tag) != name)
             unlink(path.constData());
+    }
+}
+
+void VTagIndex::compact()
+{
+    static const char Hex[] = "0123456789abcdef";
+    for (int bucket = 0; bucket < 4096; ++bucket) {
+        const QByteArray path = m_root + "/t/" + Hex[bucket >> 8] + '/' + Hex[(bucket >> 4) & 15] + Hex[bucket & 15];
+        struct stat info;
+        if (stat((path + '/' + EntriesName).constData(), &info) != 0 || info.st_size < CompactFrom)
+            continue;
+        const int fd = open(path.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0) {
+            const Listing listed = listing(path);
+            if (!listed.damaged && listed.lines > 2 * listed.liveLines())
+                rewrite(path, listed);
+        }
+        if (fd >= 0)
+            close(fd);
     }
 }

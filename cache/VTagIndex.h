@@ -53,19 +53,26 @@ public:
 
     // Ends a page; true when it is gone.
     typedef std::function<bool(const QByteArray& ns, const QByteArray& key)> PageRemover;
+    // Hands each stored page, with the tags its records carry, to the visitor;
+    // false when part of the store could not be read.
+    typedef std::function<void(const QByteArray& ns, const QByteArray& key, const QList<QByteArray>& tags)>
+        PageVisitor;
+    typedef std::function<bool(const PageVisitor& visit)> RecordWalker;
     // Removes `tag`: notes its removal time, then ends every page listed
-    // under it. `unlisted` is called when the listing is doubtful (a name
-    // that is no page's), to end the tag's pages from the records instead.
-    // Answers the number of pages listed; `complete` false when one could
-    // not be ended. A remover killed midway leaves a note that
-    // finishInterrupted() acts on.
-    int remove(const QByteArray& tag, const PageRemover& removePage,
-               const std::function<bool(const QByteArray& tag)>& unlisted, bool* complete);
+    // under it. A listing found damaged is rebuilt first from the records,
+    // which `walk` reads. Answers the number of pages listed; `complete`
+    // false when one could not be ended. A remover killed midway leaves a
+    // note that finishInterrupted() acts on.
+    int remove(const QByteArray& tag, const PageRemover& removePage, const RecordWalker& walk, bool* complete);
     // Carries out again the removals that a killed process left unfinished.
-    void finishInterrupted(const PageRemover& removePage, const std::function<bool(const QByteArray& tag)>& unlisted);
+    void finishInterrupted(const PageRemover& removePage, const RecordWalker& walk);
+    // Rewrites the listings that have grown mostly dead (pages entered
+    // again and again under a tag never removed) without their dead lines;
+    // a listing another process holds is left for the next time.
+    void compact();
 
     // The pages listed under `tag` (some may have ended since); `sound`
-    // false when a name in the listing is no page's.
+    // false when the listing is damaged.
     QList<QPair<QByteArray, QByteArray>> pagesOf(const QByteArray& tag, bool* sound = nullptr) const;
     // When `tag` was last removed, in ms since 1970; 0 for never.
     qint64 removedAt(const QByteArray& tag) const;
@@ -78,11 +85,17 @@ public:
     static std::function<void(const char* step)> reached;
 
 private:
+    struct Listing;
     QByteArray tagPrefix(const QByteArray& tag) const;
     int lockTag(const QByteArray& prefix, int how);
     bool writeRemovedAt(const QByteArray& prefix, qint64 ms);
-    int removeListed(const QByteArray& tag, const PageRemover& removePage,
-                     const std::function<bool(const QByteArray& tag)>& unlisted, bool* complete);
+    bool appendLines(const QByteArray& bucket, const QByteArray& lines);
+    Listing listing(const QByteArray& bucket) const;
+    bool rebuild(const QByteArray& bucket, const RecordWalker& walk);
+    bool rewrite(const QByteArray& bucket, const Listing& listing);
+    bool closeListing(const QByteArray& bucket, const QByteArray& hash, Listing& listed);
+    int removeListed(const QByteArray& tag, const PageRemover& removePage, const RecordWalker& walk,
+                     bool* complete);
     static void step(const char* name);
 
     QByteArray m_root;

@@ -52,6 +52,7 @@ protected:
         const QByteArray hash = VMD5::hash(tag);
         return QFile::decodeName(cache->store()->root() + ".tags/t/" + hash.left(1) + '/' + hash.mid(1, 2) + '/' + hash);
     }
+    QString entriesOf(const QByteArray& tag) const { return QFileInfo(tagPrefix(tag)).path() + "/entries"; }
 
     const QByteArray ns = VMD5::hash("http://h/p");
     VHTMLCache* cache = nullptr;
@@ -90,8 +91,9 @@ TEST_F(TagIndexTest, BothCopiesCarryTheTagsAfterTheBodyAndARemovalEndsThePagesOf
     EXPECT_FALSE(stored(1) || stored(2));
     EXPECT_TRUE(stored(3));
     EXPECT_FALSE(cache->entryExists(ns, key(1) + ".z", false));
-    const QFileInfo list(tagPrefix("list"));
-    EXPECT_EQ(QStringList{list.fileName() + ".removed"}, list.dir().entryList({list.fileName() + '*'}, QDir::Files));
+    const VTagIndex index(cache->store()->root());
+    EXPECT_TRUE(index.pagesOf("list").isEmpty());
+    EXPECT_EQ(1, index.pagesOf("post-3").size());
 }
 
 TEST_F(TagIndexTest, APageWhoseBuildBeganBeforeARemovalOfItsTagIsNotStored)
@@ -104,23 +106,43 @@ TEST_F(TagIndexTest, APageWhoseBuildBeganBeforeARemovalOfItsTagIsNotStored)
     EXPECT_TRUE(store(1, {"other", "list"}, QDateTime::currentMSecsSinceEpoch() + 1));
 }
 
-TEST_F(TagIndexTest, DamageCountsAsARemovalOrSendsTheRemovalToTheRecords)
+TEST_F(TagIndexTest, ADamagedListingIsRebuiltFromTheRecordsAndADamagedRemovalTimeCountsAsNow)
 {
+    // "b" shares the bucket of "a", whose listing a crash tears.
+    QByteArray b;
+    for (int n = 0; b.isEmpty() || entriesOf(b) != entriesOf("a"); ++n)
+        b = "b" + QByteArray::number(n);
     ASSERT_TRUE(store(1, {"a"}));
-    ASSERT_TRUE(store(2, {"b"}));
-    // A listing with a name that is no page's: the records say which pages hold the tag.
-    QFile(tagPrefix("a") + QStringLiteral("-junk")).open(QIODevice::WriteOnly);
-    QFile::remove(tagPrefix("a") + QLatin1Char('-') + QString::fromLatin1(ns + '-' + key(1)));
+    ASSERT_TRUE(store(2, {b}));
+    ASSERT_TRUE(QFile::resize(entriesOf("a"), 150));
     removeTags({"a"});
     EXPECT_FALSE(stored(1));
     EXPECT_TRUE(stored(2));
-    // A removal time that fails its checks is a removal now.
-    QFile removed(tagPrefix("b") + QStringLiteral(".removed"));
+    EXPECT_EQ(1, removeTags({b}));
+    EXPECT_FALSE(stored(2));
+    QFile removed(tagPrefix(b) + QStringLiteral(".removed"));
     ASSERT_TRUE(removed.open(QIODevice::WriteOnly));
     removed.write("damaged");
     removed.close();
-    EXPECT_FALSE(store(3, {"b"}));
-    EXPECT_TRUE(store(3, {"b"}, QDateTime::currentMSecsSinceEpoch() + 1));
+    EXPECT_FALSE(store(3, {b}));
+    EXPECT_TRUE(store(3, {b}, QDateTime::currentMSecsSinceEpoch() + 1));
+}
+
+TEST_F(TagIndexTest, AnIndexOfTheEarlierFormIsHonouredAndAListingMostlyDeadIsCompacted)
+{
+    // The earlier form: one empty file per tag and page.
+    ASSERT_TRUE(store(1, {"old"}));
+    ASSERT_TRUE(QFile::remove(entriesOf("old")));
+    QFile(tagPrefix("old") + QLatin1Char('-') + QString::fromLatin1(ns + '-' + key(1))).open(QIODevice::WriteOnly);
+    EXPECT_EQ(1, removeTags({"old"}));
+    EXPECT_FALSE(stored(1));
+    EXPECT_EQ(QStringList{QFileInfo(tagPrefix("old")).fileName() + ".removed"},
+              QFileInfo(tagPrefix("old")).dir().entryList({QFileInfo(tagPrefix("old")).fileName() + '*'}));
+    for (int n = 0; n < 600; ++n)
+        ASSERT_TRUE(store(n % 10, {"menu"}));
+    VHTMLCache::finishTagRemovals(*cache->store());
+    EXPECT_EQ(10 * 110, QFileInfo(entriesOf("menu")).size());
+    EXPECT_EQ(10, removeTags({"menu"}));
 }
 
 } // namespace
