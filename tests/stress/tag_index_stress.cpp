@@ -3,6 +3,7 @@
 // first kind, a removal of the page's tag ends the page whatever the step;
 // after the second, once the removal is finished as the cleaner finishes
 // it, no page of the tag is left and none built before it can be stored.
+// Then writers entering pages under one tag at once: a removal ends them all.
 //
 //   tag_index_stress            (ctest runs it as stress.tag_index; about a second)
 
@@ -103,6 +104,31 @@ void killRemoving()
     }
 }
 
+void writeTogether()
+{
+    const int Writers = 4, Pages = 50;
+    QList<pid_t> writers;
+    for (int w = 0; w < Writers; ++w) {
+        if (const pid_t pid = fork())
+            writers << pid;
+        else {
+            for (int n = 0; n < Pages; ++n)
+                store("together-" + QByteArray::number(w * Pages + n), {"together", "w" + QByteArray::number(n)},
+                      QDateTime::currentMSecsSinceEpoch() - 1);
+            _exit(0);
+        }
+    }
+    for (pid_t pid : writers)
+        waitpid(pid, nullptr, 0);
+    bool sound = false;
+    const int listed = VTagIndex(cache->store()->root()).pagesOf("together", &sound).size();
+    expect(sound && listed == Writers * Pages, "a writer lost or tore another's entries", listed);
+    bool complete = false;
+    VHTMLCache::removeByTags(*cache->store(), {"together"}, &complete);
+    for (int n = 0; n < Writers * Pages; ++n)
+        expect(!cache->entryExists(Ns, key("together-" + QByteArray::number(n)), false), "a page outlived its tag", n);
+}
+
 } // namespace
 
 int main()
@@ -125,6 +151,7 @@ int main()
     }
     killStoring();
     killRemoving();
+    writeTogether();
     printf("%s\n", failures ? "FAILED" : "passed");
     return failures ? 1 : 0;
 }
