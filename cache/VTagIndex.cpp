@@ -524,9 +524,11 @@ void VTagIndex::finishInterrupted(const PageRemover& removePage, const RecordWal
 void VTagIndex::compact()
 {
     static const char Hex[] = "0123456789abcdef";
+    struct stat info;
+    if (stat((m_root + "/t").constData(), &info) != 0)
+        return;
     for (int bucket = 0; bucket < 4096; ++bucket) {
         const QByteArray path = m_root + "/t/" + Hex[bucket >> 8] + '/' + Hex[(bucket >> 4) & 15] + Hex[bucket & 15];
-        struct stat info;
         if (stat((path + '/' + EntriesName).constData(), &info) != 0 || info.st_size < CompactFrom)
             continue;
         const int fd = open(path.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
