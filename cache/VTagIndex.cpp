@@ -112,24 +112,25 @@ qint64 readRemovedAt(const QByteArray& prefix)
     return qint64(qFromLittleEndian<quint64>(text.constData() + 4));
 }
 
-QByteArray readWholeFile(const QByteArray& path)
+// False when the file is there but can't be read whole.
+bool readWholeFile(const QByteArray& path, QByteArray* text)
 {
-    QByteArray text;
     const int fd = open(path.constData(), O_RDONLY | O_CLOEXEC);
     struct stat info;
     if (fd < 0 || fstat(fd, &info) != 0) {
+        const bool absent = fd < 0 && errno == ENOENT;
         if (fd >= 0)
             close(fd);
-        return text;
+        return absent;
     }
-    text.resize(int(qMin<qint64>(info.st_size, 1 << 30)));
+    text->resize(int(qMin<qint64>(info.st_size, 1 << 30)));
     int got = 0;
     ssize_t n = 0;
-    while (got < text.size() && (n = read(fd, text.data() + got, size_t(text.size() - got))) > 0)
+    while (got < text->size() && (n = read(fd, text->data() + got, size_t(text->size() - got))) > 0)
         got += int(n);
     close(fd);
-    text.resize(got);
-    return text;
+    text->resize(got);
+    return n >= 0;
 }
 
 QByteArray lineOf(char op, const QByteArray& tagHash, const Page& page)
@@ -359,11 +360,16 @@ bool VTagIndex::enter(const QByteArray& ns, const QByteArray& key, const QList<Q
 VTagIndex::Listing VTagIndex::listing(const QByteArray& bucket) const
 {
     Listing listing;
-    listing.readEntries(readWholeFile(bucket + '/' + EntriesName));
-    if (DIR* dir = opendir(bucket.constData())) {
+    QByteArray text;
+    const bool read = readWholeFile(bucket + '/' + EntriesName, &text);
+    listing.readEntries(text);
+    DIR* dir = opendir(bucket.constData());
+    if (dir) {
         listing.readNames(dir);
         closedir(dir);
     }
+    // What can't be read may list anything.
+    listing.damaged = listing.damaged || !read || (!dir && errno != ENOENT);
     return listing;
 }
 
