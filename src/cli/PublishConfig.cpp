@@ -258,19 +258,13 @@ QString apacheRule(const CacheRule& rule, const QByteArray& dir)
     const QString path = QString::fromLocal8Bit(dir) + QLatin1Char('/') + file;
     const QString url = QLatin1String(ApacheMarker) + file;
     for (const Block& block : blocks) {
-        QStringList conditions = {
-            QStringLiteral("RewriteCond %{REQUEST_METHOD} ^(GET|HEAD)$"),
-            // The path as sent, without a query, must read the same decoded.
-            QStringLiteral("RewriteCond %{THE_REQUEST} ^\\S+\\s(/[^\\s?]*)(\\s|$)"),
-            QStringLiteral("RewriteCond %{REQUEST_URI}#%1 ^([^#]*)#\\1$"),
-            QStringLiteral("RewriteCond %{HTTP_COOKIE} %1").arg(QLatin1String(PlainCookies)),
-        };
+        QStringList conditions;
         for (const CookieTest& test : block.cookies)
             conditions << apacheCookieTests(test);
-        text += conditions.join(QLatin1Char('\n')) + QStringLiteral("\nRewriteCond %{HTTP:Accept-Encoding} gzip\n")
+        const QString tests = conditions.isEmpty() ? QString() : conditions.join(QLatin1Char('\n')) + '\n';
+        text += tests + QStringLiteral("RewriteCond %{HTTP:Accept-Encoding} gzip\n")
                 + QStringLiteral("RewriteCond %1.gz -f\nRewriteRule ^ %2.gz [L]\n").arg(path, url);
-        text += conditions.join(QLatin1Char('\n'))
-                + QStringLiteral("\nRewriteCond %1 -f\nRewriteRule ^ %2 [L]\n").arg(path, url);
+        text += tests + QStringLiteral("RewriteCond %1 -f\nRewriteRule ^ %2 [L]\n").arg(path, url);
     }
     return text;
 }
@@ -287,11 +281,24 @@ QString apacheRewriteConfig(const QList<CacheRule>& rules, const QByteArray& pub
         "# access rules let the request through. 'publish-config apache' makes\n"
         "# the server's part.\n"
         "RewriteEngine On\n");
+    QString rewrites;
     for (const CacheRule& rule : rules) {
         if (rule.d->publish && rule.d->enable)
-            text += apacheRule(rule, publishDir);
+            rewrites += apacheRule(rule, publishDir);
     }
-    return text;
+    const int count = rewrites.count(QLatin1String("\nRewriteRule "));
+    if (count == 0)
+        return text + rewrites;
+    // What every file asks of the request, tested once: when it holds, the
+    // next rule is skipped; when not, that rule skips the files' rewrites.
+    return text
+           + QStringLiteral("RewriteCond %{REQUEST_METHOD} ^(GET|HEAD)$\n"
+                            // The path as sent, without a query, must read the same decoded.
+                            "RewriteCond %{THE_REQUEST} ^\\S+\\s(/[^\\s?]*)(\\s|$)\n"
+                            "RewriteCond %{REQUEST_URI}#%1 ^([^#]*)#\\1$\n"
+                            "RewriteCond %{HTTP_COOKIE} ")
+           + QLatin1String(PlainCookies)
+           + QStringLiteral("\nRewriteRule ^ - [S=1]\nRewriteRule ^ - [S=%1]\n").arg(count) + rewrites;
 }
 
 QString apachePublishConfig(const QByteArray& publishDir)
