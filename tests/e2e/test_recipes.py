@@ -130,6 +130,9 @@ class WordPressSite:
         cls.addClassCleanup(site.remove)
         cls.password = site.password
         cls.start(webapps.WORDPRESS_ROOT)
+        # The theme's first view writes its settings, and no page built
+        # meanwhile is stored, as the pages learn from the database.
+        RecipeCase.visitor(cls).get("/")
 
     def administrator(self):
         admin = self.visitor()
