@@ -56,7 +56,11 @@ const RulesFileReader* rules()
 void learnRead(const SqlStatement& statement)
 {
     const RequestState& r = requestState;
-    if (!r.buffering || !r.rule || !r.rule->d->learn)
+    // Once the script has ended the capture, its page is whole: what it
+    // reads after (deferred updates, a job queue run at the end of a view)
+    // builds nothing of the page, and as its tags it would only let that
+    // work's own writes refuse the page.
+    if (!r.buffering || r.captureEndedByScript || !r.rule || !r.rule->d->learn)
         return;
     const QByteArray mark = r.rule->d->learnIgnored.mark();
     const QString everything = LearnedTags::everything(mark);

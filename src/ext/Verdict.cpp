@@ -1,14 +1,12 @@
 // What the page cache did with a covered request, told to whoever looks at
 // the response: "X-PageCache: hit", "stale" (a page past its lifetime,
-// served within its rule's grace), "miss" (the page was stored, with the
-// count of tags it learned from the database when there are any), or
+// served within its rule's grace), "miss" (the page was stored), or
 // "pass (reason)". Only with vesk_pagecache.enable_qa_info, as the line
 // tells visitors how the site is cached.
 
 #include "RequestPath.h"
 
 #include "PageCacheConfig.h"
-#include "QueryLearning.h"
 #include "RequestState.h"
 #include "host/vesk_host.h"
 
@@ -18,12 +16,8 @@ void sayVerdict(const char* verdict, const char* reason)
     if (!pageCacheConfig.enable_qa_info || r.verdictSaid || vesk_headers_sent())
         return;
     QByteArray line = QByteArrayLiteral("X-PageCache: ") + verdict;
-    // A stored page says how many tags it learned from the database.
-    const int learned = reason || qstrcmp(verdict, "miss") != 0 ? 0 : learnedTagCount();
     if (reason)
         line += QByteArrayLiteral(" (") + reason + ')';
-    else if (learned > 0)
-        line += QByteArrayLiteral(" (") + QByteArray::number(learned) + " learned tags)";
     r.verdictSaid = true;
     // The line tells of this response only: never part of a stored page.
     r.sayingVerdict = true;
