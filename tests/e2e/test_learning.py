@@ -13,7 +13,7 @@ import uuid
 
 import harness
 import webapps
-from test_recipes import HIT, RecipeCase
+from test_recipes import HIT, MediaWikiRecipe, RecipeCase
 
 PAGES = ("/post.php?id=1", "/post.php?id=2", "/list.php", "/motto.php")
 
@@ -180,21 +180,6 @@ class LearningMediaWiki(RecipeCase):
         cls.environment = site.environment
         cls.start(webapps.MEDIAWIKI_ROOT, env=site.environment)
 
-    def log_in(self):
-        user = self.visitor()
-        token = json.loads(user.get("/api.php?action=query&meta=tokens&type=login&format=json")[2])
-        user.post("/api.php", {"action": "clientlogin", "username": "Admin", "password": self.password,
-                               "format": "json", "logintoken": token["query"]["tokens"]["logintoken"],
-                               "loginreturnurl": "http://%s/" % self.host})
-        return user
-
-    def edit(self, title, text):
-        user = self.log_in()
-        token = json.loads(user.get("/api.php?action=query&meta=tokens&format=json")[2])
-        status, _, body = user.post("/api.php", {"action": "edit", "title": title, "text": text, "format": "json",
-                                                 "token": token["query"]["tokens"]["csrftoken"]})
-        self.assertEqual("Success", json.loads(body)["edit"]["result"], body[:300])
-
     def run_jobs(self):
         command = harness.php_command(self.workspace.directives(vesk_pagecache__learn_cli="1"), bare=False)
         subprocess.run(command + [webapps.MEDIAWIKI_ROOT + "/maintenance/runJobs.php"], check=True,
@@ -205,9 +190,9 @@ class LearningMediaWiki(RecipeCase):
         self.run_jobs()
         view = "/index.php?title="
         for what, paths, edit, unchanged in [
-                ("article", [view + "Page_3"], lambda m: self.edit("Page_3", m), []),
+                ("article", [view + "Page_3"], lambda m: MediaWikiRecipe.edit(self, "Page_3", m), []),
                 ("template", [view + "Page_1", view + "Page_2"],
-                 lambda m: (self.edit("Template:Box", m), self.run_jobs()), []),
-                ("login", [], lambda m: self.log_in(), [view + "Page_1", view + "Page_3"])]:
+                 lambda m: (MediaWikiRecipe.edit(self, "Template:Box", m), self.run_jobs()), []),
+                ("login", [], lambda m: MediaWikiRecipe.user(self), [view + "Page_1", view + "Page_3"])]:
             with self.subTest(what):
                 LearningWordPress.assert_edit_reaches(self, paths, edit, unchanged)

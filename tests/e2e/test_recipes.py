@@ -189,6 +189,14 @@ class MediaWikiRecipe(RecipeCase):
         self.assertEqual("PASS", json.loads(body)["clientlogin"]["status"], body[:300])
         return user
 
+    def edit(self, title, text):
+        """An edit through the API, by a user logged in for it."""
+        user = MediaWikiRecipe.user(self)
+        token = json.loads(user.get("/api.php?action=query&meta=tokens&format=json")[2])
+        status, _, body = user.post("/api.php", {"action": "edit", "title": title, "text": text, "format": "json",
+                                                 "token": token["query"]["tokens"]["csrftoken"]})
+        self.assertEqual("Success", json.loads(body)["edit"]["result"], body[:300])
+
     def test_anonymous_pages_are_hits_equal_to_misses(self):
         self.assert_hits_equal_misses(["/index.php?title=Page_1", "/index.php?title=Page_2",
                                        "/index.php?title=Category:Test", "/index.php?title=Main_Page"])
@@ -202,13 +210,4 @@ class MediaWikiRecipe(RecipeCase):
         self.assert_private(self.user(), "/index.php?title=Page_2", b'"wgUserName":"Admin"')
 
     def test_edit_then_removal_is_fresh(self):
-        user = self.user()
-
-        def edit(marker):
-            token = json.loads(user.get("/api.php?action=query&meta=tokens&format=json")[2])
-            status, _, body = user.post("/api.php", {
-                "action": "edit", "title": "Page_3", "text": "%s [[Category:Test]]" % marker, "format": "json",
-                "token": token["query"]["tokens"]["csrftoken"]})
-            self.assertEqual("Success", json.loads(body)["edit"]["result"], body[:300])
-
-        self.assert_fresh_after("/index.php?title=Page_3", edit)
+        self.assert_fresh_after("/index.php?title=Page_3", lambda m: self.edit("Page_3", m + " [[Category:Test]]"))
