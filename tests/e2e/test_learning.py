@@ -159,6 +159,9 @@ class LearningWordPress(RecipeCase):
                 ("title", ["/", "/?p=4"], lambda m: self.rest("/wp/v2/settings", {"title": m}), []),
                 ("menu", ["/", "/?p=5"], lambda m: self.rest("/wp/v2/pages", {"title": m, "status": "publish"}),
                  []),
+                # A block theme's widgets: its footer, changed in the site editor.
+                ("footer", ["/", "/?p=4"], lambda m: self.rest("/wp/v2/template-parts/twentytwentythree//footer",
+                                                               {"content": "<p>%s</p>" % m}), []),
                 # A login writes its session, which the recipe ignores.
                 ("login", [], lambda m: self.log_in(), ["/", "/?p=4", "/?p=5"])]:
             with self.subTest(what):
