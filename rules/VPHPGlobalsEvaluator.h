@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VPHPGlobal.h"
+#include "VPHPGlobalsKey.h"
 
 #include <QByteArray>
 #include <QHash>

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -482,6 +483,33 @@ bool dropLock(const QByteArray& path, const LockHolder& judged)
     return wasJudged;
 }
 
+// Whoever creates, judges or removes a page's lock holds this on the lock's
+// folder meanwhile. Without it, a taker moving a dead lock aside leaves a
+// moment in which a third one creates its own lock, and the taker's putting
+// back fails: two workers each believe they hold the page and both build
+// it. Held for a few system calls, never during a build; the kernel lets go
+// of it when its holder dies.
+class LockFolderGuard
+{
+public:
+    explicit LockFolderGuard(const QByteArray& lock)
+        : m_fd(open(lock.left(lock.lastIndexOf('/')).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+    {
+        while (m_fd >= 0 && flock(m_fd, LOCK_EX) != 0 && errno == EINTR) {
+        }
+    }
+    ~LockFolderGuard()
+    {
+        if (m_fd >= 0)
+            close(m_fd);
+    }
+    LockFolderGuard(const LockFolderGuard&) = delete;
+    LockFolderGuard& operator=(const LockFolderGuard&) = delete;
+
+private:
+    int m_fd;
+};
+
 } // namespace
 
 VDiskStorageEnv::~VDiskStorageEnv() = default;
@@ -650,6 +678,7 @@ bool VDiskStorage::tryLock(const QByteArray& ns, const QByteArray& key, qint64 m
     unlock();
     const QByteArray path = lockPath(ns, key);
     for (int attempt = 0; attempt < 3; ++attempt) {
+        LockFolderGuard guard(path);
         const int fd = open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         if (fd >= 0) {
             // Pid, time and a count: a taker that finds these words in the
@@ -698,6 +727,7 @@ void VDiskStorage::unlock()
     if (m_lockPath.isEmpty())
         return;
     // A lock taken over by another process, as too old, is that one's now.
+    LockFolderGuard guard(m_lockPath);
     LockHolder holder;
     if (readLockHolder(m_lockPath, &holder) && holder.text == m_lockText && holder.status.st_dev == m_lockDevice
         && holder.status.st_ino == m_lockInode)
@@ -1140,6 +1170,7 @@ bool VDiskStorage::walk(const QByteArray& dir, bool isRoot, Walk& state)
         if (lock) {
             // A page's lock is no record; one whose holder is gone, or that
             // no page took an hour to build under, goes.
+            LockFolderGuard guard(path);
             LockHolder holder;
             if (readLockHolder(path, &holder) && (holderGone(holder.pid) || holder.ageMs > StaleTempSeconds * 1000))
                 left -= dropLock(path, holder);

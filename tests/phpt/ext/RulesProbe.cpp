@@ -1,6 +1,7 @@
 #include "RulesProbe.h"
 
 #include "EngineValueSource.h"
+#include "VPHPGlobal.h"
 #include "VException.h"
 
 #include <memory>

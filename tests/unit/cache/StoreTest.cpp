@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 #include <memory>
+#include <vector>
 #include <csignal>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -553,6 +554,51 @@ TEST_F(StoreLockTest, ALockOfADeadProcessIsTakenOver)
     EXPECT_EQ(VDiskStorage::LockState::Held, other()->lockState("ns", "k", 60000, &live));
     EXPECT_TRUE(VDiskStorage::lockHolderAlive(live));
     EXPECT_NE(dead, live);
+}
+
+// Workers that all find the builder of a page dead take its lock over at
+// once: exactly one of them gets it, round after round.
+TEST_F(StoreLockTest, TakersOfADeadLockRacingEachOtherLeaveOneHolder)
+{
+    const int takers = 6;
+    for (int round = 0; round < 150; ++round) {
+        lockByDeadProcess("ns", "k");
+        int start[2], results[2], release[2];
+        ASSERT_EQ(0, pipe(start) | pipe(results) | pipe(release));
+        std::vector<pid_t> children;
+        for (int i = 0; i < takers; ++i) {
+            const pid_t child = fork();
+            ASSERT_NE(-1, child);
+            if (child == 0) {
+                char byte;
+                close(start[1]);
+                (void)!read(start[0], &byte, 1);
+                const char took = other().release()->tryLock("ns", "k", 60000) ? '1' : '0';
+                (void)!write(results[1], &took, 1);
+                // Alive until every taker has tried: a holder that died
+                // would rightly be taken over again.
+                close(release[1]);
+                (void)!read(release[0], &byte, 1);
+                _exit(0);
+            }
+            children.push_back(child);
+        }
+        close(start[0]);
+        close(start[1]);
+        int holders = 0;
+        for (int i = 0; i < takers; ++i) {
+            char took = '0';
+            ASSERT_EQ(1, read(results[0], &took, 1));
+            holders += took == '1';
+        }
+        close(release[1]);
+        for (pid_t child : children)
+            waitpid(child, nullptr, 0);
+        for (int fd : {results[0], results[1], release[0]})
+            close(fd);
+        ASSERT_EQ(1, holders) << "round " << round;
+        ASSERT_EQ(1, countFiles(".lock-*")) << "round " << round;
+    }
 }
 
 TEST_F(StoreLockTest, ALockOlderThanTheLimitIsTakenOverAndItsFirstHolderLeavesItAlone)

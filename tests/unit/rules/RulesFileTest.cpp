@@ -6,6 +6,7 @@
 #include <QDir>
 
 #include <array>
+#include <tuple>
 
 namespace {
 
@@ -26,32 +27,28 @@ TEST_F(RulesFixture, AttributeDefaults)
       <url schema="http" host="h" path="b" compress="0" enable="false" app_id="abc" lifetime="60" id="7" priority="5" grace="30"
            publish="false"/>
       <url schema="http" host="h" path="c" compress="false" enable="0" app_id="12" priority="zz" publish="1"/>)"));
-    const CacheRule a = rules.rule("http://h/a");
-    EXPECT_TRUE(a.d->compress);
-    EXPECT_TRUE(a.d->enable);
-    EXPECT_EQ(-1, a.d->appId);
-    EXPECT_EQ(0u, a.d->lifetime);
-    EXPECT_EQ(0u, a.d->grace);
-    EXPECT_EQ(-1, a.id); // widened with its sign
-    EXPECT_EQ(0, a.priority);
-    EXPECT_TRUE(a.d->initialised);
-    EXPECT_FALSE(a.d->publish);
-    const CacheRule b = rules.rule("http://h/b");
-    EXPECT_FALSE(b.d->compress);
-    EXPECT_FALSE(b.d->enable);
-    EXPECT_EQ(0, b.d->appId);
-    EXPECT_EQ(60u, b.d->lifetime);
-    EXPECT_EQ(30u, b.d->grace);
-    EXPECT_EQ(7, b.id);
-    EXPECT_EQ(5, b.priority);
-    EXPECT_FALSE(b.d->publish);
-    const CacheRule c = rules.rule("http://h/c");
-    EXPECT_FALSE(c.d->compress);
-    EXPECT_FALSE(c.d->enable);
-    EXPECT_EQ(12, c.d->appId);
-    EXPECT_EQ(0, c.priority);
-    EXPECT_EQ(0u, c.d->grace);
-    EXPECT_TRUE(c.d->publish);
+    const struct
+    {
+        const char* url;
+        bool compress, enable;
+        int appId;
+        quint32 lifetime, grace;
+        int id, priority; // an id past int is widened with its sign
+        bool publish;
+    } table[] = {
+        {"http://h/a", true, true, -1, 0, 0, -1, 0, false},
+        {"http://h/b", false, false, 0, 60, 30, 7, 5, false},
+        {"http://h/c", false, false, 12, 0, 0, 0, 0, true},
+    };
+    for (const auto& row : table) {
+        const CacheRule rule = rules.rule(row.url);
+        const CacheRuleData& d = *rule.d;
+        EXPECT_EQ(std::make_tuple(row.compress, row.enable, row.appId, row.lifetime, row.grace, row.priority, row.publish),
+                  std::make_tuple(d.compress, d.enable, d.appId, d.lifetime, d.grace, rule.priority, d.publish))
+            << row.url;
+        EXPECT_TRUE(d.initialised);
+        EXPECT_EQ(row.id, rule.id) << row.url;
+    }
 }
 
 // The store keeps a page for its grace past its lifetime. Written in second
@@ -277,14 +274,6 @@ TEST_F(LoadTest, ExampleAndRecipesLoadWithoutWarnings)
         EXPECT_EQ(name == "wordpress.xml" ? 2 : 1, VHTMLCache::instance()->rules().size()) << name.toStdString();
         EXPECT_FALSE(log().contains("WARNING]")) << name.toStdString() << "\n" << log().constData();
     }
-}
-
-TEST_F(LoadTest, SchemaTakesGraceAndPublish)
-{
-    ASSERT_TRUE(load(write(rulesXml(R"(<url schema="http" host="h" path="p" lifetime="1" grace="30" publish="true"/>)"))))
-        << VHTMLCache::instance()->lastError().toStdString();
-    EXPECT_EQ(30u, VHTMLCache::instance()->rules().first().d->grace);
-    EXPECT_TRUE(VHTMLCache::instance()->rules().first().d->publish);
 }
 
 // What the web server can test stays published; anything else is named at
