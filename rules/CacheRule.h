@@ -1,5 +1,6 @@
 #pragma once
 
+#include "LearnedTags.h"
 #include "VCondition.h"
 #include "VUrl.h"
 
@@ -94,6 +95,10 @@ public:
     // Cookies the rule says don't change its pages: names, prefixes ending
     // in "*" or suffixes beginning with it.
     QList<QByteArray> ignoredCookies;
+    // Its pages learn what they depend on from the queries that build them,
+    // less the writes the list names.
+    bool learn = true;
+    LearnIgnoreList learnIgnored;
 };
 
 // One rule of the rules file, as a value. Copies share their data until one

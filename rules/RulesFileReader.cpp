@@ -105,6 +105,28 @@ void RulesFileReader::parseCache()
     }
 }
 
+void RulesFileReader::parseLearning(CacheRuleData& data)
+{
+    data.learn = !isOff(attribute(QLatin1String("learn")));
+    QString bad;
+    if (!data.learnIgnored.parse(attribute(QLatin1String("learn_ignore")), &bad))
+        throw VException(QStringLiteral("Invalid learn_ignore entry: %1").arg(bad));
+    for (const QString& key : attribute(QLatin1String("learn_keys")).split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
+        const int dot = key.lastIndexOf(QLatin1Char('.'));
+        if (dot <= 0 || dot == key.size() - 1)
+            throw VException(QStringLiteral("Invalid learn_keys entry: %1").arg(key));
+        // The first rule to name a table's key decides it for all.
+        const QByteArray table = key.left(dot).toUtf8().toLower();
+        if (!learnKeyTable.contains(table))
+            learnKeyTable.insert(table, key.mid(dot + 1).toUtf8().toLower());
+    }
+    bool known = false;
+    for (const LearnIgnoreList& list : learnListTable)
+        known = known || list.mark() == data.learnIgnored.mark();
+    if (data.learn && !known)
+        learnListTable.append(data.learnIgnored);
+}
+
 void RulesFileReader::parseUrl()
 {
     const QString schema = attribute(QLatin1String("schema"));
@@ -146,6 +168,7 @@ void RulesFileReader::parseUrl()
     rule.d->storeAnyCookie = isOn(attribute(QLatin1String("store_any_cookie")));
     for (const QString& cookie : attribute(QLatin1String("ignore_cookies")).split(QLatin1Char(' '), Qt::SkipEmptyParts))
         rule.d->ignoredCookies.append(cookie.toUtf8());
+    parseLearning(*rule.d);
     const QString appId = attribute(QLatin1String("app_id"));
     rule.d->appId = appId.isEmpty() ? -1 : appId.toInt();
     const QString priority = attribute(QLatin1String("priority"));

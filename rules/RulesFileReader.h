@@ -24,12 +24,19 @@ public:
     const QHash<QByteArray, CacheRule>& readRules() const { return ruleTable; }
     const QHash<int, ResponseRule>& readResponseRules() const { return responseRuleTable; }
     const QSet<QByteArray>& readBlacklist() const { return blacklist; }
+    // The key column of each table the rules name one for (learn_keys),
+    // and the distinct ignore lists of the rules that learn: what every
+    // writer needs, whichever rule its own request matched.
+    const QHash<QByteArray, QByteArray>& learnKeys() const { return learnKeyTable; }
+    const QList<LearnIgnoreList>& learnLists() const { return learnListTable; }
 
 protected:
     QList<QRegExp> patternList;
     QHash<QByteArray, CacheRule> ruleTable;
     QHash<int, ResponseRule> responseRuleTable;
     QSet<QByteArray> blacklist;
+    QHash<QByteArray, QByteArray> learnKeyTable;
+    QList<LearnIgnoreList> learnListTable;
 
 private:
     // Moves to the next start tag inside `element`; false at its end tag
@@ -39,6 +46,7 @@ private:
     void parseDontCache();
     void parseCache();
     void parseUrl();
+    void parseLearning(CacheRuleData& data);
     // Turns publishing off, with the reason at level 1, for a rule whose
     // pages the web server couldn't decide by itself.
     void checkPublish(CacheRule& rule);

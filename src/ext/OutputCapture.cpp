@@ -5,6 +5,7 @@
 #include "HostProbes.h"
 #include "ModuleState.h"
 #include "PageCacheConfig.h"
+#include "QueryLearning.h"
 #include "RequestState.h"
 #include "host/vesk_host.h"
 
@@ -155,6 +156,19 @@ bool captureBroken(const VeskOutputPass& pass)
     return true;
 }
 
+// How many tags the stored page holds, for the verdict; null for none.
+QByteArray tagsCount()
+{
+    const int count = requestState.pageTags.size();
+    if (count == 0)
+        return QByteArray();
+    QByteArray said = QByteArray::number(count) + (count == 1 ? " tag" : " tags");
+    // How many of them the database's reads gave, for an operator who
+    // checks what the page learned.
+    const int learned = learnedTagCount();
+    return learned > 0 ? said + ", " + QByteArray::number(learned) + " learned" : said;
+}
+
 // A script may end the capture's level with a flush: applications end
 // every level at shutdown so that their page goes out at once. What the
 // level held is on its way to the client then, and it is the whole page
@@ -169,15 +183,9 @@ bool holdEndedCapture(const char* output, size_t length, const VeskOutputPass& p
     sendPageLinesNow(gzipCopyWanted(r.flushedOutput.size()));
     r.captureEndedByScript = true;
     // Told now, while it can be: stored unless something follows.
-    sayVerdict("miss");
+    const QByteArray counted = tagsCount();
+    sayVerdict("miss", counted.isNull() ? nullptr : counted.constData());
     return true;
-}
-
-// How many tags the stored page holds, for the verdict; null for none.
-QByteArray tagsCount()
-{
-    const int count = requestState.pageTags.size();
-    return count == 0 ? QByteArray() : QByteArray::number(count) + (count == 1 ? " tag" : " tags");
 }
 
 // What a rule that publishes needs to publish the page: the Content-Type

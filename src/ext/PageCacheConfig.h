@@ -23,6 +23,7 @@ struct PageCacheConfig
     int64_t max_store_size;
     int64_t lock_timeout;
     char* publish_dir;
+    bool learn_cli;
 };
 
 extern PageCacheConfig pageCacheConfig;

@@ -23,6 +23,7 @@
 #include "PageCacheConfig.h"
 #include "PageCachePurgeRules.h"
 #include "RequestPrivacy.h"
+#include "QueryLearning.h"
 #include "RequestState.h"
 #include "StatisticsRecords.h"
 #include "host/vesk_host.h"
@@ -555,6 +556,7 @@ int requestShutdown()
     if (kept::daemonMode)
         return 0;
     RequestState& r = requestState;
+    queryLearningRequestEnds();
     if (r.captureEndedByScript)
         finishEndedCapture();
     // Stored or not, the others waiting for the page go on now.

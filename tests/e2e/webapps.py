@@ -94,6 +94,10 @@ class WordPress:
         self.password = password
         self.config = "/etc/wordpress/config-%s.php" % host
         database.create_database("wp")
+        # Secret keys, as WordPress's installer writes them: without, the
+        # first login makes them, a write of options that every page read.
+        keys = "".join("define('%s_%s', '%s');\n" % (kind, part, os.urandom(24).hex())
+                       for kind in ("AUTH", "SECURE_AUTH", "LOGGED_IN", "NONCE") for part in ("KEY", "SALT"))
         with open(self.config, "w") as f:
             f.write("""<?php // vesk: written and removed by the tests and bench of the page cache
 define('DB_NAME', 'wp');
@@ -105,8 +109,8 @@ define('WP_SITEURL', 'http://%s');
 define('DISABLE_WP_CRON', true);
 define('WP_HTTP_BLOCK_EXTERNAL', true);
 define('AUTOMATIC_UPDATER_DISABLED', true);
-%s""" % (database.socket, host, host,
-         "define('WPMU_PLUGIN_DIR', '%s');\n" % mu_plugins if mu_plugins else ""))
+%s%s""" % (database.socket, host, host, keys,
+           "define('WPMU_PLUGIN_DIR', '%s');\n" % mu_plugins if mu_plugins else ""))
         script = os.path.join(directory, "wp-install.php")
         with open(script, "w") as f:
             f.write("""<?php

@@ -7,6 +7,7 @@
 #include "PageCachePulse.h"
 #include "PageCachePurgeRules.h"
 #include "PageCacheConfig.h"
+#include "QueryLearning.h"
 #include "SessionHooks.h"
 #include "host/vesk_host.h"
 
@@ -190,8 +191,10 @@ int moduleStartup()
     moduleState.serverInfo.setServerNumber(int(nodeId()));
     TKDTaskInserter::setClusterQueue(clusterQueue());
     VCleanerProcess::setClusterQueue(clusterQueue(), nodeId());
-    if (refusedOutsideWebRuns())
+    if (refusedOutsideWebRuns()) {
+        installQueryLearning(false);
         return 0;
+    }
     logParameters();
     resolvePaths();
     PageCachePulse::instance()->initialize(
@@ -217,6 +220,7 @@ int moduleStartup()
         refuseAndReport(QString::fromLatin1(e.what()), 0);
         return 0;
     }
+    installQueryLearning(true);
     if (installSessionHooks())
         return 0;
     refuseAndReport(QStringLiteral("Failed to set session handlers"), 0);

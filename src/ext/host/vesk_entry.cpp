@@ -88,6 +88,7 @@ const zend_ini_entry_def iniEntries[] = {
     STD_PHP_INI_ENTRY("vesk_pagecache.max_store_size", "0", PHP_INI_SYSTEM, OnUpdateLong, max_store_size, PageCacheConfig, pageCacheConfig)
     STD_PHP_INI_ENTRY("vesk_pagecache.lock_timeout", "2000", PHP_INI_SYSTEM, OnUpdateLong, lock_timeout, PageCacheConfig, pageCacheConfig)
     STD_PHP_INI_ENTRY("vesk_pagecache.publish_dir", "", PHP_INI_SYSTEM, OnUpdateString, publish_dir, PageCacheConfig, pageCacheConfig)
+    STD_PHP_INI_ENTRY("vesk_pagecache.learn_cli", "0", PHP_INI_SYSTEM, OnUpdateBool, learn_cli, PageCacheConfig, pageCacheConfig)
     PHP_INI_END()
 
 template <ScriptFunction function>

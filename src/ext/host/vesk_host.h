@@ -270,3 +270,24 @@ struct VeskStatisticsRecord
 // Calls the script's function `name` with the record as its one argument,
 // dropping the result. False when no such function is defined.
 bool vesk_call_statistics_function(const char* name, const VeskStatisticsRecord& record);
+
+// Statements a script sends through mysqli and PDO (query, real_query,
+// multi_query, execute_query, prepare and execute; PDO's query, exec,
+// prepare and execute) and the drivers' own transaction calls. The
+// callbacks run after the call, only while `*watching` is set; a hit runs
+// no script, so it never gets here.
+enum : int { VeskBegin = 1, VeskCommit = 2, VeskRollback = 3, VeskAutocommitOff = 4, VeskAutocommitOn = 5 };
+struct VeskQueryCallbacks
+{
+    const bool* watching;
+    // `sql` is null for a prepared statement whose text wasn't seen.
+    // `mysql`: MySQL's dialect, where a backslash escapes in quoted text.
+    // `succeeded`: the call answered neither false nor an exception.
+    void (*statement)(const char* sql, size_t length, bool mysql, bool succeeded);
+    // One of VeskBegin ... VeskAutocommitOn.
+    void (*transaction)(int control, bool succeeded);
+};
+// Wraps what of mysqli and PDO is loaded; answers how many calls it watches.
+int vesk_watch_queries(const VeskQueryCallbacks* callbacks);
+// Request end: the texts of prepared statements go with their objects.
+void vesk_forget_prepared();
