@@ -1,6 +1,7 @@
 #include "PublishConfig.h"
 
 #include "VHTMLCache.h"
+#include "VMD5.h"
 #include "VPublishedPages.h"
 
 #include <QStringList>
@@ -74,69 +75,127 @@ QString ruleTitle(const CacheRule& rule)
 // followed by '=': the only cookies whose names PHP keeps as sent.
 const char PlainCookies[] = "^\\s*([A-Za-z0-9_-]+=[^;]*(;\\s*|$))*$";
 
-QString nginxCookieTest(const CookieTest& test)
+// A rule's variables, apart from those of another site's rules in the same
+// nginx: named after the folder and the rule's namespace.
+QString nginxVariable(const CacheRule& rule, const QByteArray& dir)
 {
-    const QString present = QStringLiteral("\"(^|;)\\s*%1=\"").arg(test.name);
+    return QStringLiteral("vesk_")
+           + QString::fromLatin1(VMD5::hash(dir + '/' + VHTMLCache::ruleNamespace(rule)).left(12));
+}
+
+// A cookie test as a map over the Cookie header, "1" where it holds. A
+// request without cookies is answered by the exact key, without a regex.
+QString nginxCookieMap(const CookieTest& test, const QString& variable)
+{
+    const QString present = QStringLiteral("(^|;)\\s*%1=").arg(test.name);
     switch (test.kind) {
     case CookieTest::Exists:
-        return QStringLiteral("    if ($http_cookie !~ %1) { set $vesk_block \"\"; }\n").arg(present);
+        return QStringLiteral("map $http_cookie $%1 { \"\" \"\"; \"~%2\" 1; default \"\"; }\n").arg(variable, present);
     case CookieTest::NotExists:
-        return QStringLiteral("    if ($http_cookie ~ %1) { set $vesk_block \"\"; }\n").arg(present);
+        return QStringLiteral("map $http_cookie $%1 { \"\" 1; \"~%2\" \"\"; default 1; }\n").arg(variable, present);
     case CookieTest::Equals:
         // The first cookie of the name is the one PHP keeps.
-        return QStringLiteral("    set $vesk_value \"\";\n"
-                              "    if ($http_cookie ~ \"(?:^|;)\\s*%1=([^;]*)\") { set $vesk_value \"=$1\"; }\n"
-                              "    if ($vesk_value != \"=%2\") { set $vesk_block \"\"; }\n")
-            .arg(test.name, test.value);
+        return QStringLiteral("map $http_cookie $%1 { \"\" \"\"; \"~^(\\s*+(?!%2=)[^;]*;)*\\s*+%2=%3(;|$)\" 1; "
+                              "default \"\"; }\n")
+            .arg(variable, test.name, QString(test.value).replace(QLatin1Char('.'), QLatin1String("\\.")));
     }
     return QString();
 }
 
-// The marker segment of the URI a published request is rewritten to: that
-// URI begins and ends with the request's own, so that it falls again into
-// the location the block is included in, under its access rules, and into
-// the nested location that sends the file.
-const char NginxMarker[] = "/vesk-published/";
-
-QString nginxRule(const CacheRule& rule, const QByteArray& dir)
+// The maps of a rule: $<variable> is its file's path under the folder when
+// the request may have it ("" when not), the tests of a block hold together
+// and the blocks hold apart.
+QString nginxRuleMaps(const CacheRule& rule, const QByteArray& dir)
 {
     const QList<Block> blocks = blocksOf(rule);
     QString text = ruleTitle(rule);
     if (blocks.isEmpty())
         return text + QStringLiteral("#   its conditions never hold without a query: nothing to send\n");
-    text += QStringLiteral("    set $vesk_rule \"\";\n");
-    for (const Block& block : blocks) {
-        text += QStringLiteral("    set $vesk_block $vesk_ok;\n");
-        for (const CookieTest& test : block.cookies)
-            text += nginxCookieTest(test);
-        text += QStringLiteral("    if ($vesk_block) { set $vesk_rule 1; }\n");
+    const QString variable = nginxVariable(rule, dir);
+    QString key = QStringLiteral("${vesk_ok}");
+    for (int b = 0; b < blocks.size(); ++b) {
+        const QString block = QStringLiteral("%1_%2").arg(variable).arg(b);
+        QString tests;
+        for (int t = 0; t < blocks[b].cookies.size(); ++t) {
+            text += nginxCookieMap(blocks[b].cookies[t], QStringLiteral("%1_%2").arg(block).arg(t));
+            tests += QStringLiteral("${%1_%2}").arg(block).arg(t);
+        }
+        if (blocks[b].cookies.size() > 1)
+            text += QStringLiteral("map \"%1\" $%2 { %3 1; default \"\"; }\n")
+                        .arg(tests, block, QString(blocks[b].cookies.size(), QLatin1Char('1')));
+        key += blocks[b].cookies.isEmpty()      ? QStringLiteral("1")
+               : blocks[b].cookies.size() == 1 ? tests
+                                               : QStringLiteral("${%1}").arg(block);
     }
-    const QString ns = QString::fromLatin1(VHTMLCache::ruleNamespace(rule));
-    text += QStringLiteral("    set $vesk_file \"/%1/$scheme/$host:$server_port${uri}\";\n"
-                           "    if (!-f \"%2${vesk_file}.vesk.html\") { set $vesk_rule \"\"; }\n"
-                           "    if ($vesk_rule) { rewrite ^ \"${uri}%3${vesk_file}\" last; }\n")
-                .arg(ns, QString::fromLocal8Bit(dir), QLatin1String(NginxMarker).chopped(1));
-    return text;
+    // "1" for the request, then one "1" for each block that holds.
+    const QString file = QStringLiteral("\"%1/$scheme/$host:$server_port$request_uri\"")
+                             .arg(QString::fromLatin1(VHTMLCache::ruleNamespace(rule)));
+    text += QStringLiteral("map \"%1\" $%2 {").arg(key, variable);
+    for (int holding = 1; holding <= blocks.size(); ++holding)
+        text += QStringLiteral(" %1 %2;").arg(QString(holding + 1, QLatin1Char('1')), file);
+    return text + QStringLiteral(" default \"\"; }\n");
+}
+
+// The marker segment of the URI a published request is rewritten to: that
+// URI begins (and ends, but for a directory's) with the request's own, so
+// that it falls again into the location the block is included in, under
+// its access rules, and into the nested location that sends the file.
+const char NginxMarker[] = "/vesk-published/";
+
+// A rule's file, when the request may have it and it is there.
+QString nginxRule(const CacheRule& rule, const QByteArray& dir)
+{
+    if (blocksOf(rule).isEmpty())
+        return QString();
+    const QString marker = QLatin1String(NginxMarker) + QString::fromLatin1(VHTMLCache::ruleNamespace(rule));
+    return QStringLiteral("    if (-f \"%1/$%2.vesk.html\") {\n"
+                          "        expires off;\n"
+                          "        set $vesk_served \"$%2.vesk.html\";\n"
+                          // Never a URI that ends in '/': the index module would take it.
+                          "        rewrite /$ \"${uri}%3\" last;\n"
+                          "        rewrite ^ \"${uri}/%3${uri}\" last;\n"
+                          "    }\n")
+        .arg(QString::fromLocal8Bit(dir), nginxVariable(rule, dir), marker.mid(1));
 }
 
 } // namespace
+
+QString nginxPublishMaps(const QList<CacheRule>& rules, const QByteArray& publishDir)
+{
+    QString text = QStringLiteral(
+        "# Published pages of the Vesk Page Cache: the tests of a request, for\n"
+        "# nginx's http block (Debian: /etc/nginx/conf.d/). Made by\n"
+        "# 'vesk-pagecache publish-config nginx-maps' for the rules in force: make\n"
+        "# it again, with 'publish-config nginx', when they change.\n"
+        "map $request_method $vesk_method { GET 1; HEAD 1; default 0; }\n"
+        // The path as sent, the one PHP keys its page on, whatever location
+        // the server handed it to: no query, escape, empty or dot segment.
+        "map $request_uri $vesk_path { \"~^(/[A-Za-z0-9_~-][A-Za-z0-9._~-]*)*/?$\" 1; default 0; }\n");
+    text += QStringLiteral("map $http_cookie $vesk_cookies { \"\" 1; \"~%1\" 1; default 0; }\n")
+                .arg(QLatin1String(PlainCookies));
+    text += QStringLiteral("map \"$vesk_method$vesk_path$vesk_cookies\" $vesk_ok { 111 1; default 0; }\n");
+    for (const CacheRule& rule : rules) {
+        if (rule.d->publish && rule.d->enable)
+            text += nginxRuleMaps(rule, publishDir);
+    }
+    return text;
+}
 
 QString nginxPublishConfig(const QList<CacheRule>& rules, const QByteArray& publishDir)
 {
     QString text = QStringLiteral(
         "# Published pages of the Vesk Page Cache, sent without PHP. Made by\n"
         "# 'vesk-pagecache publish-config nginx' for the rules in force: make it\n"
-        "# again when they change. Include it inside each location that runs the\n"
-        "# pages' PHP (a prefix or regular expression location), after the\n"
-        "# location's own access rules: a file goes out only where they let the\n"
-        "# request through.\n"
-        "    set $vesk_ok \"\";\n"
-        "    if ($request_method = GET) { set $vesk_ok 1; }\n"
-        "    if ($request_method = HEAD) { set $vesk_ok 1; }\n"
-        // A published file's path reads the same decoded: any difference is
-        // a query, an escape or a segment the server took out.
-        "    if ($request_uri != $uri) { set $vesk_ok \"\"; }\n");
-    text += QStringLiteral("    if ($http_cookie !~ \"%1\") { set $vesk_ok \"\"; }\n").arg(QLatin1String(PlainCookies));
+        "# again, with 'publish-config nginx-maps', when they change. Include it\n"
+        "# inside each location that runs the pages' PHP (a prefix or regular\n"
+        "# expression location), after the location's own access rules: a file\n"
+        "# goes out only where they let the request through. Pages that reach it\n"
+        "# through try_files or index are found by their URL as sent. nginx\n"
+        "# refuses the block outside a location ('expires' is allowed in a\n"
+        "# location's if only), where no location's access rules would apply.\n"
+        // A cached descriptor would send a page after its purge, and a cached
+        // test would send a request to a file that has gone.
+        "    open_file_cache off;\n");
     for (const CacheRule& rule : rules) {
         if (rule.d->publish && rule.d->enable)
             text += nginxRule(rule, publishDir);
@@ -144,17 +203,20 @@ QString nginxPublishConfig(const QList<CacheRule>& rules, const QByteArray& publ
     // Nested, it takes the enclosing location's access rules (auth_basic,
     // allow and deny, satisfy), which run again for the rewritten URI.
     text += QStringLiteral(
-                "    location ~ \"%3([0-9a-f]{32}/https?/[^/]+/.*)$\" {\n"
+                "    location ~ \"%3[0-9a-f]{32}()\" {\n"
                 "        internal;\n"
-                "        alias %1/$1.vesk.html;\n"
+                "        alias %1/$vesk_served$1;\n"
                 "        types { }\n"
                 "        default_type \"%2\";\n"
                 "        charset off;\n"
                 "        gzip_static on;\n"
-                "        gzip_vary on;\n"
+                // Said of either copy, without looking for the gzip one first.
+                "        gzip_vary off;\n"
+                "        add_header Vary Accept-Encoding;\n"
                 "        etag off;\n"
                 "        add_header Cache-Control no-cache;\n"
                 "        if_modified_since before;\n"
+                "        open_file_cache off;\n"
                 "    }\n")
                 .arg(QString::fromLocal8Bit(publishDir), QLatin1String(VPublishedPages::contentType()),
                      QLatin1String(NginxMarker));
@@ -196,19 +258,13 @@ QString apacheRule(const CacheRule& rule, const QByteArray& dir)
     const QString path = QString::fromLocal8Bit(dir) + QLatin1Char('/') + file;
     const QString url = QLatin1String(ApacheMarker) + file;
     for (const Block& block : blocks) {
-        QStringList conditions = {
-            QStringLiteral("RewriteCond %{REQUEST_METHOD} ^(GET|HEAD)$"),
-            // The path as sent, without a query, must read the same decoded.
-            QStringLiteral("RewriteCond %{THE_REQUEST} ^\\S+\\s(/[^\\s?]*)(\\s|$)"),
-            QStringLiteral("RewriteCond %{REQUEST_URI}#%1 ^([^#]*)#\\1$"),
-            QStringLiteral("RewriteCond %{HTTP_COOKIE} %1").arg(QLatin1String(PlainCookies)),
-        };
+        QStringList conditions;
         for (const CookieTest& test : block.cookies)
             conditions << apacheCookieTests(test);
-        text += conditions.join(QLatin1Char('\n')) + QStringLiteral("\nRewriteCond %{HTTP:Accept-Encoding} gzip\n")
+        const QString tests = conditions.isEmpty() ? QString() : conditions.join(QLatin1Char('\n')) + '\n';
+        text += tests + QStringLiteral("RewriteCond %{HTTP:Accept-Encoding} gzip\n")
                 + QStringLiteral("RewriteCond %1.gz -f\nRewriteRule ^ %2.gz [L]\n").arg(path, url);
-        text += conditions.join(QLatin1Char('\n'))
-                + QStringLiteral("\nRewriteCond %1 -f\nRewriteRule ^ %2 [L]\n").arg(path, url);
+        text += tests + QStringLiteral("RewriteCond %1 -f\nRewriteRule ^ %2 [L]\n").arg(path, url);
     }
     return text;
 }
@@ -225,11 +281,24 @@ QString apacheRewriteConfig(const QList<CacheRule>& rules, const QByteArray& pub
         "# access rules let the request through. 'publish-config apache' makes\n"
         "# the server's part.\n"
         "RewriteEngine On\n");
+    QString rewrites;
     for (const CacheRule& rule : rules) {
         if (rule.d->publish && rule.d->enable)
-            text += apacheRule(rule, publishDir);
+            rewrites += apacheRule(rule, publishDir);
     }
-    return text;
+    const int count = rewrites.count(QLatin1String("\nRewriteRule "));
+    if (count == 0)
+        return text + rewrites;
+    // What every file asks of the request, tested once: when it holds, the
+    // next rule is skipped; when not, that rule skips the files' rewrites.
+    return text
+           + QStringLiteral("RewriteCond %{REQUEST_METHOD} ^(GET|HEAD)$\n"
+                            // The path as sent, without a query, must read the same decoded.
+                            "RewriteCond %{THE_REQUEST} ^\\S+\\s(/[^\\s?]*)(\\s|$)\n"
+                            "RewriteCond %{REQUEST_URI}#%1 ^([^#]*)#\\1$\n"
+                            "RewriteCond %{HTTP_COOKIE} ")
+           + QLatin1String(PlainCookies)
+           + QStringLiteral("\nRewriteRule ^ - [S=1]\nRewriteRule ^ - [S=%1]\n").arg(count) + rewrites;
 }
 
 QString apachePublishConfig(const QByteArray& publishDir)

@@ -12,8 +12,10 @@
 // them; every other request goes on to PHP as before. Rules are tried in
 // the workers' order of trial; a URL has a file under one rule at most.
 
-// Lines to include inside each of the site's locations that run the pages'
-// PHP, after its access rules.
+// nginx: the maps that test a request, for the http block, and the lines
+// to include inside each of the site's locations where its page URLs arrive
+// as sent, after its access rules.
+QString nginxPublishMaps(const QList<CacheRule>& rules, const QByteArray& publishDir);
 QString nginxPublishConfig(const QList<CacheRule>& rules, const QByteArray& publishDir);
 // Apache (mod_rewrite, mod_headers, mod_alias and mod_env loaded): the
 // rewrites, for the site's <Directory> or .htaccess, and the server's part,

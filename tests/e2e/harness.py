@@ -404,14 +404,15 @@ class FpmBehindNginx:
 
     def __init__(self, workspace, docroot, directives, daemonize=False, bare=False, workers=2,
                  extension=EXTENSION, scan_dir=None, user=None, env=None, server_config="", pool_config="",
-                 host_as_sent=False, port=None):
+                 host_as_sent=False, port=None, http_config=""):
         """With `daemonize`, php-fpm forks its master and the first process
         exits; `master` is the pid of the process that serves either way.
         `extension` None loads none on the command line (an installed one
         comes through `scan_dir`, PHP_INI_SCAN_DIR's value); `user` runs the
         pool as that user, as a system's php-fpm does; `env` adds variables
         to the workers' environment; `server_config` goes into nginx's
-        server block ahead of its locations, `pool_config` into the pool's;
+        server block ahead of its locations, `http_config` into its http
+        block, `pool_config` into the pool's;
         `host_as_sent` passes HTTP_HOST as nginx's own fastcgi_params do,
         not as Debian's ($host, without a port)."""
         self.port = port or free_port()
@@ -477,6 +478,7 @@ http {
   proxy_temp_path %(tmp)s/proxy;
   uwsgi_temp_path %(tmp)s/uwsgi;
   scgi_temp_path %(tmp)s/scgi;
+%(http)s
   server {
     listen 127.0.0.1:%(port)d;
     root %(root)s;
@@ -490,7 +492,7 @@ http {
   }
 }
 """ % {"ws": workspace.root, "tmp": temp, "port": self.port, "root": docroot, "sock": socket_path,
-       "extra": server_config, "params": params})
+       "extra": server_config, "params": params, "http": http_config})
         self.nginx_output = open(workspace.path("nginx.out"), "wb")
         self.nginx = _spawn([self.NGINX, "-c", workspace.path("nginx.conf"), "-p", workspace.root],
                             self.nginx_output)

@@ -186,12 +186,13 @@ class DebianPackage(unittest.TestCase):
             harness.write(os.path.join(conf, "95-site.ini"), "vesk_pagecache.publish_dir=%s\nvesk.file_mode=0644\n"
                           "vesk_pagecache.enable_qa_info=1\n" % PUBLISHED)
             env = dict(os.environ, PHP_INI_SCAN_DIR=":" + conf)  # the site's, which the removal reads too
-            tool = subprocess.run(["vesk-pagecache", "publish-config", "nginx"], capture_output=True, text=True,
-                                  env=env, timeout=60)
-            nginx = ("location ~ \\.php$ {\n%s\ninclude /etc/nginx/fastcgi_params;\nfastcgi_param SCRIPT_FILENAME "
-                     "$document_root$fastcgi_script_name;\nfastcgi_pass unix:%s;\n}\n"
-                     % (tool.stdout, self.workspace.path("fpm.sock")))
-            server = self.serve(":" + conf, PAGE, server_config=nginx)
+            tool = {part: subprocess.run(["vesk-pagecache", "publish-config", part], capture_output=True, text=True,
+                                         env=env, timeout=60).stdout for part in ("nginx", "nginx-maps")}
+            nginx = {"http_config": tool["nginx-maps"], "server_config": (
+                "location ~ \\.php$ {\n%s\ninclude /etc/nginx/fastcgi_params;\nfastcgi_param SCRIPT_FILENAME "
+                "$document_root$fastcgi_script_name;\nfastcgi_pass unix:%s;\n}\n"
+                % (tool["nginx"], self.workspace.path("fpm.sock")))}
+            server = self.serve(":" + conf, PAGE, **nginx)
             miss, published = [harness.http_get(server.port, "/index.php") for _ in range(2)]
             self.assertEqual([(200, "miss", miss[2]), (200, None, miss[2])],
                              [(got[0], got[1].get("x-pagecache"), got[2]) for got in (miss, published)])
@@ -200,7 +201,7 @@ class DebianPackage(unittest.TestCase):
             self.assertEqual([], [n for _, _, names in os.walk(PUBLISHED) for n in names if n.endswith(".html")])
             # Started again without the module, as Debian's php-fpm is when a module's link goes.
             server.stop()
-            server = self.serve(":" + conf, PAGE, server_config=nginx, port=server.port)
+            server = self.serve(":" + conf, PAGE, port=server.port, **nginx)
             for status, headers, body in [harness.http_get(server.port, "/index.php") for _ in range(2)]:
                 self.assertEqual((200, False, False), (status, "x-pagecache" in headers, body == miss[2]))
         finally:

@@ -18,7 +18,8 @@ RULE = harness.url_rule("(page|sized|off|host)\\.php", "Published", ("_SERVER[HT
 SHORT = harness.url_rule("(.*short)\\.php", "Short", id="8", publish="true", lifetime="2")
 BIG = harness.url_rule("(big)\\.php", "Big", id="9", publish="true", compress="false")
 GUARDED = harness.url_rule("(members|private)/page\\.php", "Guarded", id="10", publish="true")
-RULES = harness.rules_file(RULE, SHORT, BIG, GUARDED)
+FRONT = harness.url_rule("", "Front", id="11", publish="true")
+RULES = harness.rules_file(RULE, SHORT, BIG, GUARDED, FRONT)
 # "member", "secret", in the form both servers read.
 USERS = "member:{SHA}5en6G6MezRroT3XKqkdPOmY/BfQ=\n"
 CREDENTIALS = {"Authorization": "Basic " + base64.b64encode(b"member:secret").decode()}
@@ -34,7 +35,7 @@ class Published:
         self.publish_dir = self.workspace.path("tmp", "published")
         pages = {"short": "", "off": "page_cache_disable_caching();\n", "d1/d2/d3/short": "", "private/page": "",
                  "big": "echo bin2hex(random_bytes(300000));\n", "members/page": "",
-                 "host": "echo $_SERVER['HTTP_HOST'];\n"}
+                 "host": "echo $_SERVER['HTTP_HOST'];\n", "index": ""}
         for name, code in pages.items():
             os.makedirs(os.path.dirname(os.path.join(self.site, name)), exist_ok=True)
             harness.write(os.path.join(self.site, name + ".php"), "<?php require '%s/_record.php';\n%secho '<p>%s ' . "
@@ -46,7 +47,8 @@ class Published:
         self.start()
 
     def start(self, guarded=False, pool=""):
-        options = {"pool_config": pool} if self.KIND == "php-fpm" else {}
+        options = {"pool_config": pool, "http_config": self.tool("publish-config", "nginx-maps")} \
+            if self.KIND == "php-fpm" else {}
         if hasattr(self, "server"):
             # The same site: a host split keeps the port the server answers on.
             self.server.stop()
@@ -114,6 +116,13 @@ class Published:
                 self.assertEqual(miss, gzip.decompress(body) if packed else body)
         self.assertIn("Accept-Encoding", response["vary"])
         self.assertEqual((304, b""), self.get("/sized.php", **{"If-Modified-Since": response["last-modified"]})[::2])
+
+    def test_front_page_that_the_index_runs_is_published_under_its_own_url(self):
+        _, miss = self.assertFromPhp("/")
+        runs = self.runs("index.php")
+        status, response, body = self.get("/")
+        self.assertEqual((200, None, miss), (status, response.get("x-pagecache"), body))
+        self.assertEqual(runs, self.runs("index.php"))
 
     def test_logged_in_visitor_always_reaches_php(self):
         self.assertFromPhp("/page.php")
@@ -261,6 +270,16 @@ class Published:
 
 class PublishedUnderNginx(Published, harness.Case):
     KIND = "php-fpm"
+
+    def test_block_is_refused_outside_a_location(self):
+        # There no location's access rules would apply to the files it sends.
+        conf = self.workspace.path("nginx.conf")
+        with open(conf) as f:
+            harness.write(conf + ".x", f.read().replace("  server {\n", "  server {\n%s" % self.tool(
+                "publish-config", "nginx"), 1))
+        result = subprocess.run([harness.FpmBehindNginx.NGINX, "-t", "-c", conf + ".x", "-p", self.workspace.root],
+                                capture_output=True, text=True, timeout=60)
+        self.assertIn('"expires" directive is not allowed here', result.stderr)
 
 
 class PublishedUnderApache(Published, harness.Case):
