@@ -52,6 +52,29 @@ public:
         return true;
     }
 
+    // Steps over a byte array without looking at its bytes.
+    bool skipBytes()
+    {
+        QByteArray view;
+        return bytes(&view);
+    }
+
+    // Steps over the tags, when they come next.
+    bool skipTags()
+    {
+        quint32 count = 0;
+        if (end - at < 8 || qFromBigEndian<qint32>(at) != TagsMark)
+            return true;
+        at += 4;
+        number(&count);
+        for (; count > 0; --count) {
+            if (!skipBytes())
+                return false;
+        }
+        return true;
+    }
+
+    const char* position() const { return at; }
     bool atEnd() const { return at == end; }
     QByteArray rest() const { return QByteArray::fromRawData(at, int(end - at)); }
 
@@ -96,6 +119,7 @@ QByteArray CacheEntry::toRecord()
     out << m_formatTag << m_created.toLocalTime() << m_url << m_status << m_headers << m_body;
     if (!m_tags.isEmpty())
         out << TagsMark << m_tags;
+    record += VReadyHeaders::section(m_headers, m_passedRules, m_appId);
     return record;
 }
 
@@ -103,8 +127,10 @@ void CacheEntry::readRecord(const QByteArray& record)
 {
     m_record.reset();
     if (readInPlace(record.constData(), record.size())) {
+        headers();
         m_body = copyOf(m_body);
         m_tail = copyOf(m_tail);
+        m_ready.detach();
     }
     else
         readThroughStream(record);
@@ -151,14 +177,13 @@ bool CacheEntry::readInPlace(const char* data, int size)
     quint32 count = 0;
     if (!in.bytes(&url) || !in.number(&status) || !in.number(&count))
         return false;
-    QLinkedList<QByteArray> headers;
+    const char* headersAt = in.position();
     for (quint32 i = 0; i < count; ++i) {
-        QByteArray header;
         // The body follows the headers, so the record can't end among them.
-        if (!in.bytes(&header) || in.atEnd())
+        if (!in.skipBytes() || in.atEnd())
             return false;
-        headers.append(copyOf(header));
     }
+    const int headersSize = int(in.position() - headersAt);
     QByteArray body;
     if (!in.bytes(&body))
         return false;
@@ -168,17 +193,51 @@ bool CacheEntry::readInPlace(const char* data, int size)
     m_created = QDateTime::fromMSecsSinceEpoch(spec == Qt::UTC ? wallClock : localToUtcMSecs(wallClock), Qt::UTC);
     m_url = copyOf(url);
     m_status = status;
-    m_headers = headers;
+    m_headers.clear();
+    m_headersAt = headersAt;
+    m_headersSize = headersSize;
+    m_headerCount = count;
     m_body = body;
     m_tail = in.rest();
+    readReadyHeaders();
     return true;
+}
+
+// The ready headers follow the body and the tags; a record written
+// without them (or with a form this reader doesn't know) has them
+// prepared from its lines.
+void CacheEntry::readReadyHeaders()
+{
+    RecordReader in(m_tail.constData(), m_tail.size());
+    if (in.skipTags()) {
+        const char* at = in.position();
+        if (m_ready.view(at, int(m_tail.constData() + m_tail.size() - at)))
+            return;
+    }
+    m_ready.prepare(headers());
+}
+
+const QLinkedList<QByteArray>& CacheEntry::headers() const
+{
+    if (!m_headersAt)
+        return m_headers;
+    RecordReader in(m_headersAt, m_headersSize);
+    for (quint32 i = 0; i < m_headerCount; ++i) {
+        QByteArray header;
+        in.bytes(&header);
+        m_headers.append(copyOf(header));
+    }
+    m_headersAt = nullptr;
+    return m_headers;
 }
 
 void CacheEntry::readThroughStream(const QByteArray& record)
 {
     QDataStream in(record);
     in.setVersion(QDataStream::Qt_5_12);
+    m_headersAt = nullptr;
     in >> m_formatTag >> m_created >> m_url >> m_status >> m_headers >> m_body;
+    m_ready.prepare(m_headers);
     m_tail = in.device() ? copyOf(record.mid(int(in.device()->pos()))) : QByteArray();
     if (m_created.isValid())
         m_created = m_created.toUTC();

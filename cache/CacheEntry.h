@@ -5,6 +5,8 @@
 #include <QLinkedList>
 #include <QList>
 
+#include "VReadyHeaders.h"
+
 #include <memory>
 
 // One stored page. Its record is what a QDataStream at Qt 5.12's version
@@ -27,7 +29,12 @@ public:
     void shareRecord(const std::shared_ptr<const char>& record, int length);
 
     qint32 status() const { return m_status; }
-    QLinkedList<QByteArray> headers() const { return m_headers; }
+    // The header lines, made into a list at the first call after a read:
+    // a hit sends readyHeaders() and never needs them.
+    const QLinkedList<QByteArray>& headers() const;
+    // The lines as a hit sends them: read from the record where it holds
+    // them, prepared from the lines where it doesn't.
+    const VReadyHeaders& readyHeaders() const { return m_ready; }
     // A copy of the body, for as long as the caller wants it.
     QByteArray body() const;
     // The body where it lies, valid while this entry (or a copy of it) lives.
@@ -44,14 +51,27 @@ public:
     QDateTime m_created;
     QByteArray m_url;
     qint32 m_status = 0;
-    QLinkedList<QByteArray> m_headers;
+    // Filled in by headers() after a read.
+    mutable QLinkedList<QByteArray> m_headers;
     QByteArray m_body;
     // Written after the body when not empty.
     QList<QByteArray> m_tags;
+    // Written into the ready headers: the digest of the response rules the
+    // page passed when stored (empty when it didn't), for that application.
+    QByteArray m_passedRules;
+    qint32 m_appId = -1;
 
 private:
     bool readInPlace(const char* data, int size);
     void readThroughStream(const QByteArray& record);
+    void readReadyHeaders();
+
+    // Header lines not yet made into m_headers: where they lie in the
+    // record, and how many.
+    mutable const char* m_headersAt = nullptr;
+    int m_headersSize = 0;
+    quint32 m_headerCount = 0;
+    VReadyHeaders m_ready;
 
     // The record a body read in place lies in.
     std::shared_ptr<const char> m_record;

@@ -177,14 +177,19 @@ void readInto(VDiskStorage* storage, const QByteArray& ns, const QByteArray& key
         *value.made = std::make_shared<CacheEntry>(entry);
 }
 
-// One copy of a page, clear or gzip, as one record of the store.
+// One copy of a page, clear or gzip, as one record of the store. The
+// record says whether its lines and status pass the response rules of
+// `rules` for `appId`, so that its hits under the same rules need not ask.
 bool writeCopy(VDiskStorage* storage, const QByteArray& ns, const QByteArray& key, const QByteArray& url, int status,
                const QLinkedList<QByteArray>& headers, const QByteArray& body, PageLifetime lifetime,
-               const PageTags* tags)
+               const PageTags* tags, const VRuleMatcher& rules, qint32 appId)
 {
     CacheEntry entry;
     if (tags)
         entry.m_tags = tags->tags;
+    if (rules.passesResponseRules(status, headers, appId))
+        entry.m_passedRules = rules.responseRulesDigest();
+    entry.m_appId = appId;
     entry.m_formatTag = CacheEntry::FormatTag;
     entry.m_url = url;
     entry.m_status = status;
@@ -281,7 +286,7 @@ bool VHTMLCache::removeEntry(const QByteArray& ns, const QByteArray& key)
 bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const QByteArray& url, const char* data,
                              qint64 size, int status, const QLinkedList<QByteArray>& headers, PageLifetime lifetime,
                              bool compress, bool alreadyCompressed, const PublishTarget* publish,
-                             const PageTags* tags)
+                             const PageTags* tags, qint32 appId)
 {
     const VDebug::StreamId log = PageCacheLogStream;
     m_tagRefusal.clear();
@@ -322,7 +327,8 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
     // answering gzip clients.
     if (!storeCompressed)
         storage->remove(ns, key + ".z");
-    else if (!writeCopy(storage, ns, key + ".z", url, status, copyHeaders, compressedBody, lifetime, tags))
+    else if (!writeCopy(storage, ns, key + ".z", url, status, copyHeaders, compressedBody, lifetime, tags, *this,
+                        appId))
         return false;
     QByteArray clearBody = input;
     if (alreadyCompressed) {
@@ -336,7 +342,7 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
         }
         VHeaderLines::removeName(clearHeaders, "Content-Encoding");
     }
-    if (!writeCopy(storage, ns, key, url, status, clearHeaders, clearBody, lifetime, tags))
+    if (!writeCopy(storage, ns, key, url, status, clearHeaders, clearBody, lifetime, tags, *this, appId))
         return false;
     if (publish && publishedPages)
         publishStored(ns, key, *publish, status, clearHeaders, clearBody, storeCompressed ? compressedBody : QByteArray());
@@ -387,7 +393,7 @@ void VHTMLCache::republish(const QByteArray& ns, const QByteArray& key, const Ca
     readCompressedEntry(ns, key, packed);
     PublishTarget target;
     target.url = clear.url();
-    target.contentType = VHeaderLines::value(clear.m_headers, "Content-Type");
+    target.contentType = VHeaderLines::value(clear.headers(), "Content-Type");
     if (target.contentType.isNull())
         target.contentType = defaultType;
     // The store keeps the page through its grace; its own lifetime ends before.
@@ -395,7 +401,7 @@ void VHTMLCache::republish(const QByteArray& ns, const QByteArray& key, const Ca
     target.expiresAt = rule.lifetime == 0 ? 0 : keptUntil - qint64(rule.storedLifetime() - rule.lifetime);
     target.ruleDescription = publishDescription(rule);
     VLOG(PageCacheLogStream, 3) << "Publishing again" << target.url;
-    publishStored(ns, key, target, clear.status(), clear.m_headers, clear.body(),
+    publishStored(ns, key, target, clear.status(), clear.headers(), clear.body(),
                   packed.formatTag() != 0 ? packed.body() : QByteArray());
 }
 

@@ -72,10 +72,12 @@ public:
     // already), and the clear copy. With `publish` (its rule publishes) the
     // page is also published when the web server can send it as stored,
     // and otherwise loses what an older page of the record published.
+    // `appId` the application whose response rules the page is checked
+    // against for its hits.
     bool storeOutput(const QByteArray& ns, const QByteArray& key, const QByteArray& url, const char* data,
                      qint64 size, int status, const QLinkedList<QByteArray>& headers, PageLifetime lifetime,
                      bool compress, bool alreadyCompressed, const PublishTarget* publish = nullptr,
-                     const PageTags* tags = nullptr);
+                     const PageTags* tags = nullptr, qint32 appId = -1);
     // Why the last storeOutput() refused a page for its tags (one of them
     // removed while it was built); null when it didn't.
     QByteArray tagRefusal() const { return m_tagRefusal; }

@@ -139,10 +139,19 @@ QDateTime PageCachePurgeRules::latestCreationTime(const QString& applicationName
     // The present is the floor: a page dated in the past is never refused here.
     // In UTC, as the pages' dates are read, so comparing needs no time zone.
     QDateTime latest = QDateTime::currentDateTimeUtc();
-    for (const PurgeRule& rule : rulesOf(applicationName)) {
-        if (rule.creationTime.isValid() && latest < rule.creationTime)
-            latest = rule.creationTime;
-    }
+    // Asked on every hit: the lists are read where they lie, not joined.
+    const auto raise = [&latest, this](const QString& name) {
+        const auto list = rules.constFind(name);
+        if (list == rules.constEnd())
+            return;
+        for (const PurgeRule& rule : *list) {
+            if (rule.creationTime.isValid() && latest < rule.creationTime)
+                latest = rule.creationTime;
+        }
+    };
+    raise(applicationName);
+    if (!applicationName.isEmpty())
+        raise(QString());
     return latest;
 }
 

@@ -2,6 +2,7 @@
 
 #include "PageCacheLogStream.h"
 
+#include <QCryptographicHash>
 #include <QUrl>
 #include <algorithm>
 
@@ -26,6 +27,28 @@ void VRuleMatcher::takeOverTables()
         VLOG(PageCacheLogStream, 3) << QStringLiteral("        ") + rule.name;
     blacklistInForce = blacklist;
     warnAboutSharedPages();
+    digestResponseRules();
+}
+
+// Everything of the response rules that their answers depend on, in the
+// order of their applications.
+void VRuleMatcher::digestResponseRules()
+{
+    QCryptographicHash digest(QCryptographicHash::Md5);
+    QList<int> apps = responseRuleTable.keys();
+    std::sort(apps.begin(), apps.end());
+    for (int app : apps) {
+        const ResponseRule& rule = responseRuleTable[app];
+        QByteArray text = QByteArray::number(app) + '\n' + rule.responseCodes.toUtf8() + '\n'
+                          + (rule.inheritGlobals ? "inherit\n" : "own\n");
+        for (const QRegExp& pattern : rule.codePatterns)
+            text += pattern.pattern().toUtf8() + '\n';
+        for (const QSharedPointer<ResponseHeaderCheck>& check : rule.headerChecks)
+            text += check->name + '\n' + QByteArray::number(check->op) + '\n' + check->value.toUtf8() + '\n'
+                    + check->regex.pattern().toUtf8() + '\n';
+        digest.addData(QByteArray::number(text.size()) + '\n' + text);
+    }
+    responseDigest = digest.result();
 }
 
 namespace {
@@ -223,7 +246,18 @@ bool VRuleMatcher::isStatusCacheable(int status, int appId) const
 
 bool VRuleMatcher::areHeadersCacheable(const QLinkedList<QByteArray>& headers, int appId) const
 {
-    const VDebug::StreamId log = PageCacheLogStream;
+    return headersPassFor(headers, appId, PageCacheLogStream);
+}
+
+bool VRuleMatcher::passesResponseRules(int status, const QLinkedList<QByteArray>& headers, int appId) const
+{
+    const ResponseRule& rule = responseRule(appId);
+    const bool statusFits = rule.hasCodePatterns() ? rule.statusFits(status) : status == 200;
+    return statusFits && headersPassFor(headers, appId, VDebug::DEVNULL);
+}
+
+bool VRuleMatcher::headersPassFor(const QLinkedList<QByteArray>& headers, int appId, int log) const
+{
     const ResponseRule& rule = responseRule(appId);
     if (!rule.hasCodePatterns())
         return true;

@@ -32,6 +32,11 @@ public:
 
     bool isStatusCacheable(int status, int appId) const;
     bool areHeadersCacheable(const QLinkedList<QByteArray>& headers, int appId) const;
+    // Both answers together, for a page being stored, without their log lines.
+    bool passesResponseRules(int status, const QLinkedList<QByteArray>& headers, int appId) const;
+    // Stands for the response rules in force: equal digests, equal rules, so
+    // a page that passed them when stored passes them still.
+    const QByteArray& responseRulesDigest() const { return responseDigest; }
 
     const QList<CacheRule>& rules() const { return orderedRules; }
 
@@ -50,6 +55,10 @@ private:
     void warnAboutSharedPages() const;
     // The table's own rule, or an empty one: asked on every hit, so not copied.
     const ResponseRule& responseRule(int appId) const;
+    bool headersPassFor(const QLinkedList<QByteArray>& headers, int appId, int logStream) const;
+    void digestResponseRules();
+
+    QByteArray responseDigest;
 
     // A rule the cache couldn't keep (a cache of size 0) lives here until
     // the next lookup.

@@ -78,7 +78,7 @@ namespace {
 // moment it was stored.
 QDateTime lastModifiedSent(const CacheEntry& entry, qint64 created)
 {
-    const QByteArray line = VHeaderLines::value(entry.m_headers, "Last-Modified");
+    const QByteArray line = VHeaderLines::value(entry.headers(), "Last-Modified");
     if (!line.isEmpty()) {
         QDateTime sent = VHTMLCache::parseHttpDate(line.constData());
         if (sent.isValid()) {
@@ -231,6 +231,13 @@ bool notModifiedUsable(const CacheEntry& entry)
     return true;
 }
 
+// Whether the page passed, when it was stored, the very response rules in
+// force now, for this request's application: they would answer the same.
+bool passedSameRules(const CacheEntry& entry)
+{
+    return entry.readyHeaders().passed(VHTMLCache::instance()->responseRulesDigest(), requestState.appId);
+}
+
 // Whether purge and response rules still let the page read go out; a page
 // they refuse by creation time or status is dropped.
 bool stillServable(const CacheEntry& entry)
@@ -240,6 +247,8 @@ bool stillServable(const CacheEntry& entry)
         notePass("purge");
         return false;
     }
+    if (passedSameRules(entry))
+        return true;
     if (statusRefused(entry)) {
         dropPage("Will not use cached output because of response code rule");
         notePass("status rule");

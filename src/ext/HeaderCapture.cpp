@@ -41,7 +41,7 @@ void logEncoding(const QByteArray& line)
 bool captureHeaderLine(VeskHeaderOp op, const char* text, size_t length)
 {
     RequestState& r = requestState;
-    if ((op == VeskHeaderOp::Add || op == VeskHeaderOp::Replace) && takeTagsHeader(QByteArray(text, int(length))))
+    if ((op == VeskHeaderOp::Add || op == VeskHeaderOp::Replace) && takeTagsHeader(text, length))
         return false;
     if (!r.buffering || r.sayingVerdict)
         return true;

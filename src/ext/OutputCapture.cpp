@@ -289,7 +289,7 @@ void storeWhole(const char* output, size_t length, int responseCode)
     tags.sinceMs = r.buildStartMs;
     VHTMLCache* cache = VHTMLCache::instance();
     if (!cache->storeOutput(r.namespaceKey, r.matchKey, r.url.whole(), output, qint64(length), responseCode, lines,
-                            lifetime, compress, r.responseCompressed, publish ? &target : nullptr, &tags)) {
+                            lifetime, compress, r.responseCompressed, publish ? &target : nullptr, &tags, r.appId)) {
         // A tag removed while the page was built: the page is out of date.
         if (!cache->tagRefusal().isNull()) {
             refuse("tag removed");

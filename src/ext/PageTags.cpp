@@ -80,10 +80,14 @@ void addPageTagsFrom(const QByteArray& text)
     addTags(VTagIndex::split(text));
 }
 
-bool takeTagsHeader(const QByteArray& line)
+bool takeTagsHeader(const char* text, size_t length)
 {
     const RequestState& r = requestState;
-    if (!r.ruleActive || !r.rule || r.rule->d->tagsHeader.isEmpty() || !VHeaderLines::hasName(line, r.rule->d->tagsHeader.constData()))
+    if (!r.ruleActive || !r.rule || r.rule->d->tagsHeader.isEmpty())
+        return false;
+    // Looked at where it lies: every line of a hit passes through here.
+    const QByteArray line = QByteArray::fromRawData(text, int(length));
+    if (!VHeaderLines::hasName(line, r.rule->d->tagsHeader.constData()))
         return false;
     addPageTagsFrom(line.mid(line.indexOf(':') + 1));
     return true;

@@ -15,4 +15,4 @@ int removePagesByTags(const QStringList &tags, bool cluster);
 void addPageTagsFrom(const QByteArray& text);
 // Whether a header line is the page's tags header, which neither goes out
 // nor is stored; its tags go to the page.
-bool takeTagsHeader(const QByteArray& line);
+bool takeTagsHeader(const char* text, size_t length);

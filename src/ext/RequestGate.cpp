@@ -302,29 +302,36 @@ void empty(int previousCode, qint64 ruleId, const QString& ruleName)
 // A stored page goes out with its own lines alone: a line the engine put
 // in before any script (X-Powered-By) that the page's script removed
 // stays removed on its hits.
-void dropEngineLines(const QLinkedList<QByteArray>& page)
+void dropEngineLines(const VReadyHeaders& page)
 {
     for (const QByteArray& line : requestState.engineLines) {
-        const QByteArray name = line.left(line.indexOf(':'));
-        if (VHeaderLines::value(page, name.constData()).isNull())
-            vesk_remove_header(name.constData(), size_t(name.size()));
+        const int colon = line.indexOf(':');
+        const int length = colon < 0 ? line.size() : colon;
+        if (!page.hasName(line.constData(), length))
+            vesk_remove_header(line.constData(), size_t(length));
     }
 }
 
 // Sends the stored page. The stored status goes first: a Location line
 // sent under a 200 would make the engine turn a stored 301 into a 302.
+// The lines go out as they were prepared when the page was stored.
 void serve(CacheLookup& lookup)
 {
     CacheEntry& entry = lookup.served;
+    const VReadyHeaders& lines = entry.readyHeaders();
     requestState.buffering = false;
     if (entry.status() > 0)
         setResponseCode(entry.status());
-    dropEngineLines(entry.headers());
+    dropEngineLines(lines);
     sayVerdict(lookup.stale ? "stale" : "hit");
-    QLinkedList<QByteArray> headers = entry.headers();
+    VReadyHeaders::Line line;
+    for (int at = 0; lines.next(at, line);) {
+        VLOG(moduleState.logStream, 5) << "Sending header:" << QByteArray::fromRawData(line.text, line.length);
+        vesk_add_header(line.text, size_t(line.length), line.replaces);
+    }
     if (pageCacheConfig.enable_qa_info)
-        headers.append("X-PageCache-Compression: " + QByteArray::number(lookup.compressedHit));
-    replayHeaders(headers);
+        sendHeader(lookup.compressedHit ? QByteArrayLiteral("X-PageCache-Compression: 1")
+                                        : QByteArrayLiteral("X-PageCache-Compression: 0"));
     VLOG(moduleState.logStream, 5) << "Writing php body from cache. Data size is" << entry.bodySize();
     vesk_output_write(entry.bodyData(), size_t(entry.bodySize()));
 }
@@ -494,7 +501,7 @@ bool answerFromCache(const QString& ruleName, qint64 ruleId)
     case CacheAnswer::NotModified:
         break;
     }
-    dropEngineLines(lookup.conditional.m_headers);
+    dropEngineLines(lookup.conditional.readyHeaders());
     sayVerdict(lookup.stale ? "stale" : "hit");
     // A 304 is a hit without a body, with the validators and caching lines
     // of the page it stands for; a 412 counts for nothing.
@@ -502,7 +509,7 @@ bool answerFromCache(const QString& ruleName, qint64 ruleId)
         if (pageCacheConfig.pulse_enable)
             PageCachePulse::instance()->addHit(ruleId, ruleName, QString::fromLatin1(requestState.matchKey));
         noteStale(lookup, ruleId, ruleName);
-        replayHeaders(lookup.conditional.m_headers, belongsToNotModified);
+        replayHeaders(lookup.conditional.headers(), belongsToNotModified);
     }
     return !rebuildAfterResponse(lookup, ruleId, ruleName);
 }

@@ -47,3 +47,25 @@ class RulesReload(harness.Case):
         status, _, body = self.server.get("/info.php")
         self.assertEqual(200, status)
         self.assertIn(b"Enable => Yes", body)
+
+
+class ResponseRulesReload(harness.Case):
+    """A hit skips the response rules that its page passed when stored only
+    while those very rules are in force."""
+
+    def test_a_page_stored_before_a_response_rule_is_held_to_it(self):
+        base = harness.url_rule(".*", compress="true")
+        self.use_site(harness.rules_file(base))
+        server = self.serve(directives=self.directives(vesk_pagecache__enable_qa_info="1"), workers=2)
+        for case, (rule, verdict) in enumerate((
+                ('<response_rule app_id="-1" response_codes="404"/>', "status rule"),
+                ('<response_rule app_id="-1" response_codes="200"><response_headers><header name="Last-Modified"'
+                 ' match_type="exists"/></response_headers></response_rule>', "header rule"))):
+            path, gzip = "/page.php?size=2000&case=%d" % case, {"Accept-Encoding": "gzip"}
+            self.workspace.change_rules(harness.rules_file(base))
+            for headers in ({}, gzip, {}, gzip, {}, gzip):
+                server.get(path, headers)
+            self.assertEqual("hit", server.get(path, gzip)[1]["X-PageCache"])
+            self.workspace.change_rules(harness.rules_file(base, rule))
+            for headers in (gzip, {}, gzip, {}):
+                self.assertEqual("pass (%s)" % verdict, server.get(path, headers)[1]["X-PageCache"], (case, headers))
