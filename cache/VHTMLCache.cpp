@@ -288,10 +288,9 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
                              bool compress, bool alreadyCompressed, const PublishTarget* publish,
                              const PageTags* tags, qint32 appId)
 {
-    const VDebug::StreamId log = PageCacheLogStream;
     m_tagRefusal.clear();
     if (!storage) {
-        VLOG(log, 0) << "failed to store output for" << key << "no store is open";
+        VLOG(PageCacheLogStream, 0) << "failed to store output for" << key << "no store is open";
         return false;
     }
     VTagIndex::Entry entered;
@@ -306,14 +305,14 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
     QByteArray compressedBody;
     bool storeCompressed = false;
     if (alreadyCompressed) {
-        VLOG(log, 5) << "Storing output with size" << size << "that is already compressed";
+        VLOG(PageCacheLogStream, 5) << "Storing output with size" << size << "that is already compressed";
         compressedBody = input;
         storeCompressed = true;
     } else if (compress && QtIOCompressor::gzipAvailable()) {
-        VLOG(log, 5) << "Output size before compression:" << size;
+        VLOG(PageCacheLogStream, 5) << "Output size before compression:" << size;
         compressedBody = ::compress(data, size);
-        VLOG(log, 5) << "Output size after compression:" << compressedBody.size();
-        VLOG(log, 5) << "Adding compression headers for compressed copy";
+        VLOG(PageCacheLogStream, 5) << "Output size after compression:" << compressedBody.size();
+        VLOG(PageCacheLogStream, 5) << "Adding compression headers for compressed copy";
         copyHeaders.append("Content-Encoding: gzip");
         storeCompressed = true;
     }
@@ -332,7 +331,7 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
         return false;
     QByteArray clearBody = input;
     if (alreadyCompressed) {
-        VLOG(log, 5) << "Decompressing output for clear format";
+        VLOG(PageCacheLogStream, 5) << "Decompressing output for clear format";
         clearBody = decompress(data, size);
         // The gzip copy alone stands for the page, and isn't published.
         if (clearBody.isEmpty()) {
