@@ -1,8 +1,8 @@
 // The tag index at the size it is designed for: 100,000 pages of 20 tags
 // each, then the removal of tags held by 1,000 pages each (target: under
 // 100 ms each), and of that the index's own share: reading the tag's
-// listing (the rest is unlinking both records of each page). Also what 20
-// tags add to storing a page.
+// listing (the rest is moving both records of each page into the trash the
+// next cleaning deletes). Also what 20 tags add to storing a page.
 //
 //   bench_tag_index [PAGES]     (default 100000; needs ~2.5 M small files)
 #include "PageCacheLogStream.h"

@@ -441,6 +441,9 @@ bool VHTMLCache::clearNamespace(const QByteArray& ns)
 int VHTMLCache::removeByTags(VDiskStorage& store, const QList<QByteArray>& tags, bool* complete)
 {
     VTagIndex index(store.root());
+    // A tag may hold thousands of pages: they end by renames, and their
+    // files are deleted by the next cleaning.
+    const VDiskStorage::TrashBatch batch(store);
     const auto removePage = [&store](const QByteArray& ns, const QByteArray& key) { return endPage(store, ns, key); };
     const auto fromRecords = [&store](const VTagIndex::PageVisitor& visit) { return walkTaggedPages(store, visit); };
     int removed = 0;
@@ -458,6 +461,7 @@ int VHTMLCache::removeByTags(VDiskStorage& store, const QList<QByteArray>& tags,
 void VHTMLCache::finishTagRemovals(VDiskStorage& store)
 {
     VTagIndex index(store.root());
+    const VDiskStorage::TrashBatch batch(store);
     index.finishInterrupted([&store](const QByteArray& ns, const QByteArray& key) { return endPage(store, ns, key); },
                             [&store](const VTagIndex::PageVisitor& visit) { return walkTaggedPages(store, visit); });
     index.compact();

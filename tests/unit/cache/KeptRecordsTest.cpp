@@ -62,6 +62,7 @@ class KeptRecordChanges : public KeptRecords, public ::testing::WithParamInterfa
 const Change changes[] = {
     {"replaced", [](VDiskStorage& o, LaterEnv&) { char f; o.write("ns", "key", "new page", &f, 60, 0); }, "new page"},
     {"removed", [](VDiskStorage& o, LaterEnv&) { o.remove("ns", "key"); }, "<none>"},
+    {"trashed", [](VDiskStorage& o, LaterEnv&) { VDiskStorage::TrashBatch b(o); o.remove("ns", "key"); }, "<none>"},
     {"rule_cleared", [](VDiskStorage& o, LaterEnv&) { o.clearNamespace("ns"); }, "<none>"},
     {"all_cleared", [](VDiskStorage& o, LaterEnv&) { o.clearNamespace(QByteArray()); }, "<none>"},
     {"expired", [](VDiskStorage&, LaterEnv& e) { e.clock += 60; }, "<none>"},

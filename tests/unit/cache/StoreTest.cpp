@@ -487,6 +487,23 @@ TEST_F(StoreTest, TrashOfInterruptedClearsGoesAtTheNextCleaning)
     EXPECT_TRUE(QFileInfo::exists(QString::fromLocal8Bit(notTrash)));
 }
 
+TEST_F(StoreTest, ABatchOfRemovalsLeavesTheFilesToTheNextCleaning)
+{
+    ASSERT_TRUE(put("a", "1", "x"));
+    ASSERT_TRUE(put("a", "2", "y"));
+    for (const char* key : {"1", "2", "never stored"}) {
+        const VDiskStorage::TrashBatch batch(*store);
+        EXPECT_TRUE(store->remove("a", key));
+    }
+    EXPECT_EQ(QByteArray("<none>"), get("a", "1"));
+    EXPECT_EQ(QByteArray("<none>"), get("a", "2"));
+    EXPECT_EQ(2, countFiles());
+    EXPECT_TRUE(store->cleanExpired());
+    // Two batches that took a record each; the third left no trash.
+    EXPECT_EQ(2, store->lastCleaning().trashRemoved);
+    EXPECT_EQ(0, countFiles());
+}
+
 TEST_F(StoreTest, EmptyDirectoriesGoAtTheNextCleaning)
 {
     ASSERT_TRUE(put("gone", "1", "x"));
