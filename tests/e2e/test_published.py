@@ -18,7 +18,7 @@ RULE = harness.url_rule("(page|sized|off|host)\\.php", "Published", ("_SERVER[HT
 SHORT = harness.url_rule("(.*short)\\.php", "Short", id="8", publish="true", lifetime="2")
 BIG = harness.url_rule("(big)\\.php", "Big", id="9", publish="true", compress="false")
 GUARDED = harness.url_rule("(members|private)/page\\.php", "Guarded", id="10", publish="true")
-FRONT = harness.url_rule("", "Front", id="11", publish="true")
+FRONT = harness.url_rule("(members/)?", "Front", id="11", publish="true")
 RULES = harness.rules_file(RULE, SHORT, BIG, GUARDED, FRONT)
 # "member", "secret", in the form both servers read.
 USERS = "member:{SHA}5en6G6MezRroT3XKqkdPOmY/BfQ=\n"
@@ -35,7 +35,7 @@ class Published:
         self.publish_dir = self.workspace.path("tmp", "published")
         pages = {"short": "", "off": "page_cache_disable_caching();\n", "d1/d2/d3/short": "", "private/page": "",
                  "big": "echo bin2hex(random_bytes(300000));\n", "members/page": "",
-                 "host": "echo $_SERVER['HTTP_HOST'];\n", "index": ""}
+                 "host": "echo $_SERVER['HTTP_HOST'];\n", "index": "", "members/index": ""}
         for name, code in pages.items():
             os.makedirs(os.path.dirname(os.path.join(self.site, name)), exist_ok=True)
             harness.write(os.path.join(self.site, name + ".php"), "<?php require '%s/_record.php';\n%secho '<p>%s ' . "
@@ -68,10 +68,14 @@ class Published:
         if self.KIND == "php-fpm":
             guards = {"/members/": 'auth_basic "members";\nauth_basic_user_file %s;' % self.workspace.path("users"),
                       "/private/": "deny all;"} if guarded else {}
+            block = self.tool("publish-config", "nginx")
             php = ("location ~ \\.php$ {\n%s\ninclude /etc/nginx/fastcgi_params;\nfastcgi_param SCRIPT_FILENAME "
                    "$document_root$fastcgi_script_name;\nfastcgi_pass unix:%s;\n}\n"
-                   % (self.tool("publish-config", "nginx"), self.workspace.path("fpm.sock")))
-            return "gzip on;\n" + "".join("location %s {\n%s\n%s}\n" % (prefix, guards.get(prefix, ""), php)
+                   % (block, self.workspace.path("fpm.sock")))
+            # "/" also finds files before its index runs; "/members/"'s index
+            # hands its front page to the PHP location's block.
+            return "gzip on;\n" + "".join("location %s {\n%s\n%s%s}\n" % (prefix, guards.get(prefix, ""),
+                                                                       block if prefix == "/" else "", php)
                                           for prefix in ("/members/", "/private/", "/"))
         harness.write(os.path.join(self.site, "members", ".htaccess"), auth if guarded else "")
         modules = ("alias", "env", "filter", "deflate", "auth_basic", "authn_core", "authn_file", "authz_user")
@@ -118,11 +122,13 @@ class Published:
         self.assertEqual((304, b""), self.get("/sized.php", **{"If-Modified-Since": response["last-modified"]})[::2])
 
     def test_front_page_that_the_index_runs_is_published_under_its_own_url(self):
-        _, miss = self.assertFromPhp("/")
-        runs = self.runs("index.php")
-        status, response, body = self.get("/")
-        self.assertEqual((200, None, miss), (status, response.get("x-pagecache"), body))
-        self.assertEqual(runs, self.runs("index.php"))
+        for path in ("/", "/members/"):
+            with self.subTest(path):
+                _, miss = self.assertFromPhp(path)
+                runs = self.runs("index.php")
+                status, response, body = self.get(path)
+                self.assertEqual((200, None, miss), (status, response.get("x-pagecache"), body))
+                self.assertEqual(runs, self.runs("index.php"))
 
     def test_logged_in_visitor_always_reaches_php(self):
         self.assertFromPhp("/page.php")
