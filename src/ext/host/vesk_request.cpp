@@ -285,6 +285,22 @@ bool vesk_headers_sent()
     return SG(headers_sent) != 0;
 }
 
+namespace {
+
+// Whether the one level of output is the engine's own buffer
+// (output_buffering), empty: it hands on what it is given unchanged, so a
+// body written past it goes out as it would through it, without being
+// copied into the buffer and out again first.
+bool onlyAnEmptyDefaultBuffer()
+{
+    const php_output_handler* active = OG(active);
+    return active && zend_stack_count(&OG(handlers)) == 1 && active->buffer.used == 0
+           && !(active->flags & PHP_OUTPUT_HANDLER_DISABLED)
+           && zend_string_equals_literal(active->name, "default output handler");
+}
+
+} // namespace
+
 void vesk_output_write(const char* data, size_t length)
 {
     // A stored page usually goes out while the request is still starting.
@@ -294,7 +310,14 @@ void vesk_output_write(const char* data, size_t length)
     // switches the output off and the request ends as any hit does.
     const bool ignoreAbort = PG(ignore_user_abort);
     PG(ignore_user_abort) = true;
+    // Without an active level the engine sends the headers (none with the
+    // body of a HEAD request) and writes the body to the server at once.
+    php_output_handler* active = onlyAnEmptyDefaultBuffer() ? OG(active) : nullptr;
+    if (active)
+        OG(active) = nullptr;
     php_output_write(data, length);
+    if (active)
+        OG(active) = active;
     PG(ignore_user_abort) = ignoreAbort;
 }
 
