@@ -443,7 +443,8 @@ int VHTMLCache::removeByTags(VDiskStorage& store, const QList<QByteArray>& tags,
     VTagIndex index(store.root());
     // A tag may hold thousands of pages: they end by renames, and their
     // files are deleted by the next cleaning.
-    const VDiskStorage::TrashBatch batch(store);
+    const VDiskStorage::TrashBatch records(store);
+    const VPublishedPages::TrashBatch files(publishedPages);
     const auto removePage = [&store](const QByteArray& ns, const QByteArray& key) { return endPage(store, ns, key); };
     const auto fromRecords = [&store](const VTagIndex::PageVisitor& visit) { return walkTaggedPages(store, visit); };
     int removed = 0;
@@ -461,7 +462,8 @@ int VHTMLCache::removeByTags(VDiskStorage& store, const QList<QByteArray>& tags,
 void VHTMLCache::finishTagRemovals(VDiskStorage& store)
 {
     VTagIndex index(store.root());
-    const VDiskStorage::TrashBatch batch(store);
+    const VDiskStorage::TrashBatch records(store);
+    const VPublishedPages::TrashBatch files(publishedPages);
     index.finishInterrupted([&store](const QByteArray& ns, const QByteArray& key) { return endPage(store, ns, key); },
                             [&store](const VTagIndex::PageVisitor& visit) { return walkTaggedPages(store, visit); });
     index.compact();

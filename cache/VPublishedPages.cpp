@@ -319,9 +319,44 @@ void VPublishedPages::removeFiles(const QByteArray& file)
     if (file.isEmpty())
         return;
     const QByteArray path = m_root + '/' + file;
-    unlink(path.constData());
-    unlink((path + GzipSuffix).constData());
+    for (const QByteArray& copy : {path, path + GzipSuffix}) {
+        if (!discard(copy))
+            unlink(copy.constData());
+    }
     removeEmptyFolders(file);
+}
+
+bool VPublishedPages::discard(const QByteArray& path)
+{
+    if (!m_trashing)
+        return false;
+    if (m_trashDir.isEmpty()) {
+        const QByteArray dir = m_root + '/' + uniqueName(".trash-");
+        if (mkdir(dir.constData(), 0700) != 0)
+            return false;
+        m_trashDir = dir;
+    }
+    // A file not there, or a trash the sweep deleted meanwhile, fails here
+    // and is settled by the unlink.
+    return rename(path.constData(), (m_trashDir + '/' + QByteArray::number(++m_trashed)).constData()) == 0;
+}
+
+VPublishedPages::TrashBatch::TrashBatch(VPublishedPages* pages) : m_pages(pages), m_outer(pages && !pages->m_trashing)
+{
+    if (m_outer)
+        m_pages->m_trashing = true;
+}
+
+VPublishedPages::TrashBatch::~TrashBatch()
+{
+    if (!m_outer)
+        return;
+    // Only a trash nothing went into goes here (rmdir refuses any other).
+    if (!m_pages->m_trashDir.isEmpty())
+        rmdir(m_pages->m_trashDir.constData());
+    m_pages->m_trashing = false;
+    m_pages->m_trashDir.clear();
+    m_pages->m_trashed = 0;
 }
 
 void VPublishedPages::removeEmptyFolders(const QByteArray& file)
@@ -346,7 +381,8 @@ void VPublishedPages::unpublish(const QByteArray& ns, const QByteArray& key)
     QByteArray file;
     if (readEntry(taken, &expiresAt, &file))
         removeFiles(file);
-    unlink(taken.constData());
+    if (!discard(taken))
+        unlink(taken.constData());
 }
 
 void VPublishedPages::removeTree(const QByteArray& path)

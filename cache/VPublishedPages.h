@@ -100,7 +100,26 @@ public:
 
     QByteArray lastError;
 
+    // While one lives, ended files are renamed into a trash folder that the
+    // cleaner's sweep deletes, rather than unlinked: a removal of many
+    // pages takes them all out of the web server's sight at a rename's
+    // cost (VDiskStorage::TrashBatch does the same for their records).
+    class TrashBatch
+    {
+    public:
+        explicit TrashBatch(VPublishedPages* pages);
+        ~TrashBatch();
+        TrashBatch(const TrashBatch&) = delete;
+        TrashBatch& operator=(const TrashBatch&) = delete;
+
+    private:
+        VPublishedPages* m_pages;
+        bool m_outer;
+    };
+
 private:
+    // Renames `path` into the open batch's trash; false leaves it to unlink().
+    bool discard(const QByteArray& path);
     QByteArray indexPath(const QByteArray& ns, const QByteArray& key) const;
     // Reads an index entry: the page's end of life and its file.
     bool readEntry(const QByteArray& path, qint64* expiresAt, QByteArray* file) const;
@@ -121,4 +140,7 @@ private:
     QByteArray m_root;
     qint64 m_bytes = 0;
     bool m_marked = false;
+    bool m_trashing = false;
+    QByteArray m_trashDir;
+    int m_trashed = 0;
 };

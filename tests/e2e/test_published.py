@@ -35,7 +35,8 @@ class Published:
         self.publish_dir = self.workspace.path("tmp", "published")
         pages = {"short": "", "off": "page_cache_disable_caching();\n", "d1/d2/d3/short": "", "private/page": "",
                  "big": "echo bin2hex(random_bytes(300000));\n", "members/page": "",
-                 "host": "echo $_SERVER['HTTP_HOST'];\n", "index": "", "members/index": ""}
+                 "host": "echo $_SERVER['HTTP_HOST'];\n", "index": "", "members/index": "",
+                 "page": "page_cache_add_tags('published');\n"}
         for name, code in pages.items():
             os.makedirs(os.path.dirname(os.path.join(self.site, name)), exist_ok=True)
             harness.write(os.path.join(self.site, name + ".php"), "<?php require '%s/_record.php';\n%secho '<p>%s ' . "
@@ -163,6 +164,7 @@ class Published:
                    for f in harness.removals("page|sized|off|host", "Published", 7, "/page.php")]
         # The operators' tool removes as the workers do; purges: below.
         endings.append(("vesk-pagecache remove all", lambda: self.tool("remove", "all")))
+        endings.append(("by tag", lambda: self.call(self.server.port, "page_cache_remove_by_tags", ["published"])))
         self.assertFromPhp("/page.php")
         # An operator's file in the folder is none of the cache's.
         harness.write(os.path.join(self.publish_dir, "notes.txt"), "mine")

@@ -131,7 +131,7 @@ protected:
     bool store(const QByteArray& url, const QByteArray& key, const QByteArray& body, Headers headers = {Html, Dated},
                qint64 expiresAt = 0, const char* rule = "p")
     {
-        const PublishTarget target{url, VPublishedPages::contentType(), expiresAt};
+        const PublishTarget target{url, VPublishedPages::contentType(), expiresAt, {}};
         return cache->storeOutput(ns(rule), key, url, body.constData(), body.size(), 200, headers, 60, body.size() > 1024, false,
                                   &target);
     }
