@@ -65,6 +65,12 @@ bool drained()
     }
 }
 
+QByteArray parentOf(const QByteArray& path)
+{
+    const int slash = path.lastIndexOf('/');
+    return slash <= 0 ? QByteArray("/") : path.left(slash);
+}
+
 } // namespace
 
 namespace VFileWatch {
@@ -106,13 +112,18 @@ void remember(const char* path, const QDateTime& date)
     struct stat link;
     if (lstat(path, &link) == 0 && S_ISLNK(link.st_mode))
         return;
-    const char* slash = strrchr(path, '/');
-    if (!slash)
+    if (!strchr(path, '/'))
         return;
-    const QByteArray dir = slash == path ? QByteArray("/") : QByteArray(path, int(slash - path));
-    // Watching a directory twice answers the same watch: no harm.
-    if (inotify_add_watch(state.fd, dir.constData(), Changes) < 0)
-        return;
+    // A file whose folder doesn't exist (yet) is watched through the
+    // nearest folder above it that does: the creation of the missing one is
+    // reported there, and the next request looks again. Watching a
+    // directory twice answers the same watch: no harm.
+    QByteArray dir = parentOf(QByteArray(path));
+    while (inotify_add_watch(state.fd, dir.constData(), Changes) < 0) {
+        if (errno != ENOENT || dir == "/")
+            return;
+        dir = parentOf(dir);
+    }
     state.dates.emplace_back(QByteArray(path), date);
 }
 
