@@ -19,8 +19,18 @@ void VRuleMatcher::takeOverTables()
     rulesByUrl = &ruleTable;
     responseRules = &responseRuleTable;
     orderedRules = ruleTable.values();
+    // Rules equal in application and priority are ordered by id, then URL:
+    // the hash's order differs from process to process (its seed is
+    // random), and the tool and every worker must pick the same rule for a
+    // URL and print the same configuration for the same file.
     std::sort(orderedRules.begin(), orderedRules.end(), [](const CacheRule& a, const CacheRule& b) {
-        return a.d->appId > b.d->appId || (a.d->appId == b.d->appId && a.priority > b.priority);
+        if (a.d->appId != b.d->appId)
+            return a.d->appId > b.d->appId;
+        if (a.priority != b.priority)
+            return a.priority > b.priority;
+        if (a.id != b.id)
+            return a.id < b.id;
+        return a.url.toString() < b.url.toString();
     });
     VLOG(PageCacheLogStream, 3) << "New rules list:";
     for (const CacheRule& rule : orderedRules)

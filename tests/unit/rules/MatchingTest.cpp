@@ -100,6 +100,24 @@ TEST_F(MatchingTest, ApplicationThenPriorityDecides)
     EXPECT_EQ(QStringLiteral("global high"), nameFor(rules, "http://h/p"));
 }
 
+TEST_F(MatchingTest, RulesEqualInApplicationAndPriorityStandByIdThenUrlInEveryProcess)
+{
+    const QByteArray xml = rulesXml(R"(
+      <url schema="http" host="h" path="p.*" match_type="regex_match" id="2"><name>2</name></url>
+      <url schema="http" host="h" path="page.*" match_type="regex_match" id="3"><name>3 page</name></url>
+      <url schema="http" host="h" path="pag.*" match_type="regex_match" id="3"><name>3 pag</name></url>
+      <url schema="http" host="h" path="pa.*" match_type="regex_match" id="1"><name>1</name></url>)");
+    // A new random hash seed each time, as each process has its own.
+    for (int process = 0; process < 8; ++process) {
+        qSetGlobalQHashSeed(-1);
+        ParsedRules rules(xml);
+        QStringList names;
+        for (const CacheRule& rule : rules.rules())
+            names << rule.name;
+        EXPECT_EQ(QStringList({"1", "2", "3 pag", "3 page"}), names);
+    }
+}
+
 TEST_F(MatchingTest, RuleCacheEvictsTheLeastRecentlyUsed)
 {
     ParsedRules rules(rulesXml(R"(<url schema="http" host="h" path=".*" match_type="regex_match"><name>all</name></url>)"));
