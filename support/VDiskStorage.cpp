@@ -1170,86 +1170,8 @@ bool VDiskStorage::walk(const QByteArray& dir, bool isRoot, Walk& state)
         const char* name = entry->d_name;
         if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0)
             continue;
-        ++left;
-        const QByteArray path = dir + '/' + name;
-        struct stat st;
-        unsigned char type = entry->d_type;
-        const bool temporary = strncmp(name, TempPrefix, strlen(TempPrefix)) == 0;
-        const bool lock = strncmp(name, LockPrefix, strlen(LockPrefix)) == 0;
-        if (type == DT_UNKNOWN || temporary) {
-            if (lstat(path.constData(), &st) != 0)
-                continue;
-            type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_UNKNOWN;
-        }
-        if (type == DT_DIR) {
-            // Leftovers of namespace clears that were interrupted.
-            if (isRoot && strncmp(name, TrashPrefix, strlen(TrashPrefix)) == 0) {
-                removeTree(path);
-                ++m_cleaning.trashRemoved;
-                --left;
-                continue;
-            }
-            left -= walk(path, false, state);
-            continue;
-        }
-        if (type != DT_REG)
-            continue;
-        if (temporary) {
-            // A write in progress, unless its writer is gone or it is old.
-            const pid_t writer = pid_t(QByteArray(name + strlen(TempPrefix)).split('-').value(0).toLongLong());
-            const bool writerGone = writer > 0 && kill(writer, 0) != 0 && errno == ESRCH;
-            if ((writerGone || state.now - qint64(st.st_mtime) > StaleTempSeconds) && unlink(path.constData()) == 0)
-                --left;
-            continue;
-        }
-        if (lock) {
-            // A page's lock is no record; one whose holder is gone, or that
-            // no page took an hour to build under, goes.
-            LockFolderGuard guard(path);
-            LockHolder holder;
-            if (readLockHolder(path, &holder) && (holderGone(holder.pid) || holder.ageMs > StaleTempSeconds * 1000))
-                left -= dropLock(path, holder);
-            continue;
-        }
-        const int fd = open(path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-        if (fd < 0)
-            continue;
-        // The header, and under a bound the record's own names, in one read.
-        char bytes[HeaderSize + 256];
-        const ssize_t got = pread(fd, bytes, state.eviction ? sizeof bytes : size_t(HeaderSize), 0);
-        Header h;
-        const bool valid = fstat(fd, &st) == 0 && got >= HeaderSize && parseHeader(bytes, quint64(st.st_size), &h);
-        // Records arrive whole by rename, so one that doesn't check out was
-        // damaged (a crash before the data reached the disk) and is no use.
-        if (!valid || h.expiredAt(state.now)) {
-            close(fd);
-            ++m_cleaning.expired;
-            // Only the file that was judged goes: if a writer renamed a fresh
-            // record over it meanwhile, that one stays. (A rename in the instant
-            // between this look and the unlink costs a miss, never a wrong page.)
-            left -= dropDoubtful(path, st);
-            continue;
-        }
-        const qint64 size = diskBytes(st);
-        if (!state.eviction) {
-            m_cleaning.bytesBefore += size;
-            close(fd);
-            continue;
-        }
-        QByteArray names(bytes + HeaderSize, int(qMin<qint64>(got - HeaderSize, qint64(h.identityLength()))));
-        if (quint64(names.size()) < h.identityLength()) {
-            names.resize(int(h.identityLength()));
-            if (!readAll(fd, names.data() + (got - HeaderSize), size_t(names.size() - (got - HeaderSize)), off_t(got)))
-                names.clear();
-        }
-        close(fd);
-        const QByteArray ns = names.left(int(h.nsLength));
-        const QByteArray key = names.mid(int(h.nsLength));
-        const QByteArray page = QByteArray::number(ns.size()) + ':' + ns + (m_pageOf ? m_pageOf(key) : key);
-        // 64 bits of the page's names: a collision would only take one more page.
-        const quint64 id = quint64(qHash(page, 0x5bd1e995u)) << 32 | qHash(page, 0x9e3779b9u);
-        state.eviction->add(id, h.lifetime > 0 ? h.writeTime + h.lifetime : LLONG_MAX, h.writeTime,
-                            qint64(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec, path, st, size);
+        if (!cleanEntry(dir + '/' + name, name, entry->d_type, isRoot, state))
+            ++left;
     }
     closedir(handle);
     if (isRoot || left > 0)
@@ -1257,6 +1179,89 @@ bool VDiskStorage::walk(const QByteArray& dir, bool isRoot, Walk& state)
     if (!state.eviction)
         state.emptyDirectories.append(dir);
     return true;
+}
+
+bool VDiskStorage::cleanEntry(const QByteArray& path, const char* name, unsigned char type, bool isRoot,
+                              Walk& state)
+{
+    struct stat st;
+    const bool temporary = strncmp(name, TempPrefix, strlen(TempPrefix)) == 0;
+    if (type == DT_UNKNOWN || temporary) {
+        if (lstat(path.constData(), &st) != 0)
+            return false;
+        type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_UNKNOWN;
+    }
+    if (type == DT_DIR) {
+        // Leftovers of namespace clears that were interrupted, and the
+        // trash of removals of many pages.
+        if (isRoot && strncmp(name, TrashPrefix, strlen(TrashPrefix)) == 0) {
+            removeTree(path);
+            ++m_cleaning.trashRemoved;
+            return true;
+        }
+        return walk(path, false, state);
+    }
+    if (type != DT_REG)
+        return false;
+    if (temporary) {
+        // A write in progress, unless its writer is gone or it is old.
+        const pid_t writer = pid_t(QByteArray(name + strlen(TempPrefix)).split('-').value(0).toLongLong());
+        const bool writerGone = writer > 0 && kill(writer, 0) != 0 && errno == ESRCH;
+        return (writerGone || state.now - qint64(st.st_mtime) > StaleTempSeconds) && unlink(path.constData()) == 0;
+    }
+    if (strncmp(name, LockPrefix, strlen(LockPrefix)) == 0) {
+        // A page's lock is no record; one whose holder is gone, or that
+        // no page took an hour to build under, goes.
+        LockFolderGuard guard(path);
+        LockHolder holder;
+        return readLockHolder(path, &holder) && (holderGone(holder.pid) || holder.ageMs > StaleTempSeconds * 1000)
+               && dropLock(path, holder);
+    }
+    return cleanRecord(path, state);
+}
+
+bool VDiskStorage::cleanRecord(const QByteArray& path, Walk& state)
+{
+    const int fd = open(path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    // The header, and under a bound the record's own names, in one read.
+    char bytes[HeaderSize + 256];
+    const ssize_t got = pread(fd, bytes, state.eviction ? sizeof bytes : size_t(HeaderSize), 0);
+    Header h;
+    struct stat st = {};
+    const bool valid = fstat(fd, &st) == 0 && got >= HeaderSize && parseHeader(bytes, quint64(st.st_size), &h);
+    // Records arrive whole by rename, so one that doesn't check out was
+    // damaged (a crash before the data reached the disk) and is no use.
+    if (!valid || h.expiredAt(state.now)) {
+        close(fd);
+        ++m_cleaning.expired;
+        // Only the file that was judged goes: if a writer renamed a fresh
+        // record over it meanwhile, that one stays. (A rename in the instant
+        // between this look and the unlink costs a miss, never a wrong page.)
+        return dropDoubtful(path, st);
+    }
+    const qint64 size = diskBytes(st);
+    if (!state.eviction) {
+        m_cleaning.bytesBefore += size;
+        close(fd);
+        return false;
+    }
+    QByteArray names(bytes + HeaderSize, int(qMin<qint64>(got - HeaderSize, qint64(h.identityLength()))));
+    if (quint64(names.size()) < h.identityLength()) {
+        names.resize(int(h.identityLength()));
+        if (!readAll(fd, names.data() + (got - HeaderSize), size_t(names.size() - (got - HeaderSize)), off_t(got)))
+            names.clear();
+    }
+    close(fd);
+    const QByteArray ns = names.left(int(h.nsLength));
+    const QByteArray key = names.mid(int(h.nsLength));
+    const QByteArray page = QByteArray::number(ns.size()) + ':' + ns + (m_pageOf ? m_pageOf(key) : key);
+    // 64 bits of the page's names: a collision would only take one more page.
+    const quint64 id = quint64(qHash(page, 0x5bd1e995u)) << 32 | qHash(page, 0x9e3779b9u);
+    state.eviction->add(id, h.lifetime > 0 ? h.writeTime + h.lifetime : LLONG_MAX, h.writeTime,
+                        qint64(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec, path, st, size);
+    return false;
 }
 
 void VDiskStorage::evict(Walk& state)

@@ -188,6 +188,10 @@ private:
     class Eviction;
     // Cleans `dir`; true when it was left empty and removed.
     bool walk(const QByteArray& dir, bool isRoot, Walk& state);
+    // One entry of a directory the walk reads, and one record file: true
+    // when it went.
+    bool cleanEntry(const QByteArray& path, const char* name, unsigned char type, bool isRoot, Walk& state);
+    bool cleanRecord(const QByteArray& path, Walk& state);
     void evict(Walk& state);
     // Whether this file, unchanged, already passed the value check here.
     class CheckedFiles;
