@@ -127,27 +127,9 @@ void RulesFileReader::parseLearning(CacheRuleData& data)
         learnListTable.append(data.learnIgnored);
 }
 
-void RulesFileReader::parseUrl()
+// The rule's settings from the <url> element's attributes; the URL is the caller's.
+CacheRule RulesFileReader::ruleFromAttributes()
 {
-    const QString schema = attribute(QLatin1String("schema"));
-    QString host = attribute(QLatin1String("host"));
-    QString path = attribute(QLatin1String("path"));
-    rewriteGroups(host);
-    // A doubly escaped "<default-server>" is unfolded in the host alone.
-    host.replace(QLatin1String("&lt;"), QLatin1String("<"));
-    host.replace(QLatin1String("&gt;"), QLatin1String(">"));
-    rewriteGroups(path);
-
-    // In UTF-8 whatever the locale: removal by pattern must find the
-    // namespace that a script names in UTF-8.
-    VUrl url;
-    url.setSchema(schema.toUtf8());
-    url.setHost(host.toUtf8());
-    url.setPath(path.toUtf8());
-    const QByteArray key = url.toString();
-    if (ruleTable.contains(key))
-        throw VException(QStringLiteral("Rule already exists for URL: %1").arg(QString::fromUtf8(key)));
-
     CacheRule rule;
     rule.d->initialised = true;
     bool ok = false;
@@ -174,35 +156,29 @@ void RulesFileReader::parseUrl()
     const QString priority = attribute(QLatin1String("priority"));
     if (!priority.isEmpty())
         rule.priority = priority.toInt();
-    rule.url = url;
+    return rule;
+}
 
-    const QString matchType = attribute(QLatin1String("match_type"));
-    if (schema == QLatin1String("https?") && matchType == QLatin1String("exact")) {
-        // Stands under both schemes instead; the "https?" key itself stays out.
-        ruleTable.insert("http" + key.mid(6), rule);
-        ruleTable.insert("https" + key.mid(6), rule);
-    } else {
-        ruleTable.insert(key, rule);
-    }
+void RulesFileReader::addPattern(const QByteArray& key, bool insensitive)
+{
+    QRegExp regex;
+    regex.setPattern(QString::fromLatin1(key.constData()));
+    if (!regex.isValid())
+        throw VException(QStringLiteral("Invalid regular expression: %1").arg(QString::fromLocal8Bit(key)));
+    regex.setCaseSensitivity(insensitive ? Qt::CaseInsensitive : Qt::CaseSensitive);
+    if (insensitive)
+        VLOG(PageCacheLogStream, 4) << "Adding case insensitive regex -" << key;
+    else
+        VLOG(PageCacheLogStream, 4) << "Adding case sensitive regex -" << key;
+    regex.setMinimal(true);
+    patternList.append(regex);
+    ruleTable[key].regex = regex;
+}
 
-    const bool insensitive = matchType == QLatin1String("regex_match_i");
-    if (insensitive || matchType == QLatin1String("regex_match")) {
-        QRegExp regex;
-        regex.setPattern(QString::fromLatin1(key.constData()));
-        if (!regex.isValid())
-            throw VException(QStringLiteral("Invalid regular expression: %1").arg(QString::fromLocal8Bit(key)));
-        regex.setCaseSensitivity(insensitive ? Qt::CaseInsensitive : Qt::CaseSensitive);
-        if (insensitive)
-            VLOG(PageCacheLogStream, 4) << "Adding case insensitive regex -" << key;
-        else
-            VLOG(PageCacheLogStream, 4) << "Adding case sensitive regex -" << key;
-        regex.setMinimal(true);
-        patternList.append(regex);
-        ruleTable[key].regex = regex;
-    }
-
-    // Children address the rule through its key. Under "https?" with "exact"
-    // no rule stands there, and conditions make a default one of their own.
+// Children address the rule through its key. Under "https?" with "exact"
+// no rule stands there, and conditions make a default one of their own.
+void RulesFileReader::parseUrlChildren(const QByteArray& key)
+{
     while (nextStartWithin(QLatin1String("url"))) {
         if (name() == QLatin1String("conditions_OR_block")) {
             while (nextStartWithin(QLatin1String("conditions_OR_block"))) {
@@ -226,6 +202,45 @@ void RulesFileReader::parseUrl()
                 it->name = text;
         }
     }
+}
+
+void RulesFileReader::parseUrl()
+{
+    const QString schema = attribute(QLatin1String("schema"));
+    QString host = attribute(QLatin1String("host"));
+    QString path = attribute(QLatin1String("path"));
+    rewriteGroups(host);
+    // A doubly escaped "<default-server>" is unfolded in the host alone.
+    host.replace(QLatin1String("&lt;"), QLatin1String("<"));
+    host.replace(QLatin1String("&gt;"), QLatin1String(">"));
+    rewriteGroups(path);
+
+    // In UTF-8 whatever the locale: removal by pattern must find the
+    // namespace that a script names in UTF-8.
+    VUrl url;
+    url.setSchema(schema.toUtf8());
+    url.setHost(host.toUtf8());
+    url.setPath(path.toUtf8());
+    const QByteArray key = url.toString();
+    if (ruleTable.contains(key))
+        throw VException(QStringLiteral("Rule already exists for URL: %1").arg(QString::fromUtf8(key)));
+
+    CacheRule rule = ruleFromAttributes();
+    rule.url = url;
+
+    const QString matchType = attribute(QLatin1String("match_type"));
+    if (schema == QLatin1String("https?") && matchType == QLatin1String("exact")) {
+        // Stands under both schemes instead; the "https?" key itself stays out.
+        ruleTable.insert("http" + key.mid(6), rule);
+        ruleTable.insert("https" + key.mid(6), rule);
+    } else {
+        ruleTable.insert(key, rule);
+    }
+
+    const bool insensitive = matchType == QLatin1String("regex_match_i");
+    if (insensitive || matchType == QLatin1String("regex_match"))
+        addPattern(key, insensitive);
+    parseUrlChildren(key);
     // Read through constData(): a write would part the copies that share
     // their data (the two of a rule under "https?" with "exact").
     for (const QByteArray& each : {key, "http" + key.mid(6), "https" + key.mid(6)}) {

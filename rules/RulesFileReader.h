@@ -46,6 +46,10 @@ private:
     void parseDontCache();
     void parseCache();
     void parseUrl();
+    CacheRule ruleFromAttributes();
+    // A pattern rule's regular expression, over its key.
+    void addPattern(const QByteArray& key, bool insensitive);
+    void parseUrlChildren(const QByteArray& key);
     void parseLearning(CacheRuleData& data);
     // Turns publishing off, with the reason at level 1, for a rule whose
     // pages the web server couldn't decide by itself.
