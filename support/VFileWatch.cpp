@@ -68,7 +68,7 @@ bool drained()
 QByteArray parentOf(const QByteArray& path)
 {
     const int slash = path.lastIndexOf('/');
-    return slash <= 0 ? QByteArray("/") : path.left(slash);
+    return slash < 0 ? QByteArray(".") : slash == 0 ? QByteArray("/") : path.left(slash);
 }
 
 } // namespace
@@ -120,7 +120,7 @@ void remember(const char* path, const QDateTime& date)
     // directory twice answers the same watch: no harm.
     QByteArray dir = parentOf(QByteArray(path));
     while (inotify_add_watch(state.fd, dir.constData(), Changes) < 0) {
-        if (errno != ENOENT || dir == "/")
+        if (errno != ENOENT || dir == "/" || dir == ".")
             return;
         dir = parentOf(dir);
     }
