@@ -492,12 +492,7 @@ bool dropLock(const QByteArray& path, const LockHolder& judged)
 class LockFolderGuard
 {
 public:
-    explicit LockFolderGuard(const QByteArray& lock)
-        : m_fd(open(lock.left(lock.lastIndexOf('/')).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
-    {
-        while (m_fd >= 0 && flock(m_fd, LOCK_EX) != 0 && errno == EINTR) {
-        }
-    }
+    explicit LockFolderGuard(const QByteArray& lock) { take(lock); }
     ~LockFolderGuard()
     {
         if (m_fd >= 0)
@@ -506,8 +501,19 @@ public:
     LockFolderGuard(const LockFolderGuard&) = delete;
     LockFolderGuard& operator=(const LockFolderGuard&) = delete;
 
+    // Takes the guard unless it is held already; not while the folder
+    // doesn't exist.
+    void take(const QByteArray& lock)
+    {
+        if (m_fd >= 0)
+            return;
+        m_fd = open(lock.left(lock.lastIndexOf('/')).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        while (m_fd >= 0 && flock(m_fd, LOCK_EX) != 0 && errno == EINTR) {
+        }
+    }
+
 private:
-    int m_fd;
+    int m_fd = -1;
 };
 
 } // namespace
@@ -665,8 +671,13 @@ QByteArray VDiskStorage::lockPath(const QByteArray& ns, const QByteArray& key) c
 VDiskStorage::LockState VDiskStorage::lockState(const QByteArray& ns, const QByteArray& key, qint64 maxAgeMs,
                                                 QByteArray* words)
 {
+    // Under the takers' guard: a taker of a dead lock moves it aside before
+    // it makes its own, and a look between the two would find the page's
+    // lock free and send this worker to build the page beside the taker.
+    const QByteArray path = lockPath(ns, key);
+    LockFolderGuard guard(path);
     LockHolder holder;
-    if (!readLockHolder(lockPath(ns, key), &holder))
+    if (!readLockHolder(path, &holder))
         return LockState::Free;
     if (words)
         *words = holder.text;
@@ -677,8 +688,10 @@ bool VDiskStorage::tryLock(const QByteArray& ns, const QByteArray& key, qint64 m
 {
     unlock();
     const QByteArray path = lockPath(ns, key);
+    // One guard for the whole taking: a dead lock moved aside and this
+    // one made in its place are one change to everyone who looks.
+    LockFolderGuard guard(path);
     for (int attempt = 0; attempt < 3; ++attempt) {
-        LockFolderGuard guard(path);
         const int fd = open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         if (fd >= 0) {
             // Pid, time and a count: a taker that finds these words in the
@@ -700,6 +713,7 @@ bool VDiskStorage::tryLock(const QByteArray& ns, const QByteArray& key, qint64 m
         if (errno == ENOENT) {
             if (!makeDirs(path.left(path.lastIndexOf('/'))))
                 return false;
+            guard.take(path);
             continue;
         }
         if (errno != EEXIST)

@@ -574,23 +574,31 @@ TEST_F(StoreLockTest, ALockOfADeadProcessIsTakenOver)
 }
 
 // Workers that all find the builder of a page dead take its lock over at
-// once: exactly one of them gets it, round after round.
+// once: exactly one of them gets it, round after round; and the workers
+// that only look at the lock meanwhile never find it free, which would
+// send them to build the page beside its new holder.
 TEST_F(StoreLockTest, TakersOfADeadLockRacingEachOtherLeaveOneHolder)
 {
     const int takers = 6;
+    const int lookers = 2;
     for (int round = 0; round < 150; ++round) {
         lockByDeadProcess("ns", "k");
         int start[2], results[2], release[2];
         ASSERT_EQ(0, pipe(start) | pipe(results) | pipe(release));
         std::vector<pid_t> children;
-        for (int i = 0; i < takers; ++i) {
+        for (int i = 0; i < takers + lookers; ++i) {
             const pid_t child = fork();
             ASSERT_NE(-1, child);
             if (child == 0) {
                 char byte;
                 close(start[1]);
                 (void)!read(start[0], &byte, 1);
-                const char took = other().release()->tryLock("ns", "k", 60000) ? '1' : '0';
+                VDiskStorage* mine = other().release();
+                char took = 'n';
+                for (int look = 0; i >= takers && look < 50; ++look)
+                    took = mine->lockState("ns", "k", 60000) == VDiskStorage::LockState::Free ? 'F' : took;
+                if (i < takers)
+                    took = mine->tryLock("ns", "k", 60000) ? '1' : '0';
                 (void)!write(results[1], &took, 1);
                 // Alive until every taker has tried: a holder that died
                 // would rightly be taken over again.
@@ -603,10 +611,12 @@ TEST_F(StoreLockTest, TakersOfADeadLockRacingEachOtherLeaveOneHolder)
         close(start[0]);
         close(start[1]);
         int holders = 0;
-        for (int i = 0; i < takers; ++i) {
+        int sawFree = 0;
+        for (int i = 0; i < takers + lookers; ++i) {
             char took = '0';
             ASSERT_EQ(1, read(results[0], &took, 1));
             holders += took == '1';
+            sawFree += took == 'F';
         }
         close(release[1]);
         for (pid_t child : children)
@@ -614,6 +624,7 @@ TEST_F(StoreLockTest, TakersOfADeadLockRacingEachOtherLeaveOneHolder)
         for (int fd : {results[0], results[1], release[0]})
             close(fd);
         ASSERT_EQ(1, holders) << "round " << round;
+        ASSERT_EQ(0, sawFree) << "round " << round;
         ASSERT_EQ(1, countFiles(".lock-*")) << "round " << round;
     }
 }
