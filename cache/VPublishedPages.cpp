@@ -320,43 +320,24 @@ void VPublishedPages::removeFiles(const QByteArray& file)
         return;
     const QByteArray path = m_root + '/' + file;
     for (const QByteArray& copy : {path, path + GzipSuffix}) {
-        if (!discard(copy))
+        if (!m_trash.take(copy))
             unlink(copy.constData());
     }
     removeEmptyFolders(file);
 }
 
-bool VPublishedPages::discard(const QByteArray& path)
+VPublishedPages::TrashBatch::TrashBatch(VPublishedPages* pages)
+    : m_pages(pages), m_outer(pages && !pages->m_trash.isOpen())
 {
-    if (!m_trashing)
-        return false;
-    if (m_trashDir.isEmpty()) {
-        const QByteArray dir = m_root + '/' + uniqueName(".trash-");
-        if (mkdir(dir.constData(), 0700) != 0)
-            return false;
-        m_trashDir = dir;
-    }
-    // A file not there, or a trash the sweep deleted meanwhile, fails here
-    // and is settled by the unlink.
-    return rename(path.constData(), (m_trashDir + '/' + QByteArray::number(++m_trashed)).constData()) == 0;
-}
-
-VPublishedPages::TrashBatch::TrashBatch(VPublishedPages* pages) : m_pages(pages), m_outer(pages && !pages->m_trashing)
-{
+    // The sweep deletes what lies under a ".trash-" name.
     if (m_outer)
-        m_pages->m_trashing = true;
+        m_pages->m_trash.open(m_pages->m_root + '/' + uniqueName(".trash-"));
 }
 
 VPublishedPages::TrashBatch::~TrashBatch()
 {
-    if (!m_outer)
-        return;
-    // Only a trash nothing went into goes here (rmdir refuses any other).
-    if (!m_pages->m_trashDir.isEmpty())
-        rmdir(m_pages->m_trashDir.constData());
-    m_pages->m_trashing = false;
-    m_pages->m_trashDir.clear();
-    m_pages->m_trashed = 0;
+    if (m_outer)
+        m_pages->m_trash.close();
 }
 
 void VPublishedPages::removeEmptyFolders(const QByteArray& file)
@@ -381,7 +362,7 @@ void VPublishedPages::unpublish(const QByteArray& ns, const QByteArray& key)
     QByteArray file;
     if (readEntry(taken, &expiresAt, &file))
         removeFiles(file);
-    if (!discard(taken))
+    if (!m_trash.take(taken))
         unlink(taken.constData());
 }
 

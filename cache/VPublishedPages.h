@@ -1,5 +1,7 @@
 #pragma once
 
+#include "VTrashFolder.h"
+
 #include <QByteArray>
 #include <QHash>
 #include <QLinkedList>
@@ -100,10 +102,9 @@ public:
 
     QByteArray lastError;
 
-    // While one lives, ended files are renamed into a trash folder that the
-    // cleaner's sweep deletes, rather than unlinked: a removal of many
-    // pages takes them all out of the web server's sight at a rename's
-    // cost (VDiskStorage::TrashBatch does the same for their records).
+    // While one lives, ended files are renamed into a trash folder
+    // (VTrashFolder) that the cleaner's sweep deletes, rather than unlinked
+    // (VDiskStorage::TrashBatch does the same for their records).
     class TrashBatch
     {
     public:
@@ -118,8 +119,6 @@ public:
     };
 
 private:
-    // Renames `path` into the open batch's trash; false leaves it to unlink().
-    bool discard(const QByteArray& path);
     QByteArray indexPath(const QByteArray& ns, const QByteArray& key) const;
     // Reads an index entry: the page's end of life and its file.
     bool readEntry(const QByteArray& path, qint64* expiresAt, QByteArray* file) const;
@@ -140,7 +139,6 @@ private:
     QByteArray m_root;
     qint64 m_bytes = 0;
     bool m_marked = false;
-    bool m_trashing = false;
-    QByteArray m_trashDir;
-    int m_trashed = 0;
+    // The open TrashBatch's folder.
+    VTrashFolder m_trash;
 };

@@ -999,7 +999,7 @@ bool VDiskStorage::remove(const QByteArray& ns, const QByteArray& key)
     release();
     m_kept->drop(ns, key);
     const QByteArray path = recordPath(ns, key);
-    if (m_trashing && moveToTrash(path))
+    if (m_trash.take(path))
         return true;
     // Gone already, by another worker's hand, is as good as removed.
     if (unlink(path.constData()) == 0 || errno == ENOENT)
@@ -1007,37 +1007,18 @@ bool VDiskStorage::remove(const QByteArray& ns, const QByteArray& key)
     return fail("Cannot remove", path, errno);
 }
 
-bool VDiskStorage::moveToTrash(const QByteArray& path)
+VDiskStorage::TrashBatch::TrashBatch(VDiskStorage& store) : m_store(store), m_outer(!store.m_trash.isOpen())
 {
-    if (m_trashDir.isEmpty()) {
-        // Named as a clear's trash is, so that the cleaning deletes it and
-        // walks over the store pass it by.
-        const QByteArray dir = m_root + '/' + TrashPrefix + uniqueSuffix();
-        if (mkdir(dir.constData(), 0700) != 0)
-            return false;
-        m_trashDir = dir;
-    }
-    // A record not there, or a trash a cleaning deleted meanwhile, fails
-    // here and is settled by the unlink.
-    return rename(path.constData(), (m_trashDir + '/' + QByteArray::number(++m_trashed)).constData()) == 0;
-}
-
-VDiskStorage::TrashBatch::TrashBatch(VDiskStorage& store) : m_store(store), m_outer(!store.m_trashing)
-{
-    m_store.m_trashing = true;
+    // Named as a clear's trash is, so that the cleaning deletes it and walks
+    // over the store pass it by.
+    if (m_outer)
+        m_store.m_trash.open(m_store.m_root + '/' + TrashPrefix + uniqueSuffix());
 }
 
 VDiskStorage::TrashBatch::~TrashBatch()
 {
-    if (!m_outer)
-        return;
-    // Only a trash nothing went into is removed here (rmdir refuses any
-    // other): the files are the cleaning's work.
-    if (!m_store.m_trashDir.isEmpty())
-        rmdir(m_store.m_trashDir.constData());
-    m_store.m_trashing = false;
-    m_store.m_trashDir.clear();
-    m_store.m_trashed = 0;
+    if (m_outer)
+        m_store.m_trash.close();
 }
 
 bool VDiskStorage::clearNamespace(const QByteArray& ns)

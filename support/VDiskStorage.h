@@ -1,5 +1,7 @@
 #pragma once
 
+#include "VTrashFolder.h"
+
 #include <QByteArray>
 #include <QtGlobal>
 
@@ -73,10 +75,9 @@ public:
     int keptRecords() const;
     virtual bool remove(const QByteArray& ns, const QByteArray& key);
     // While one lives, remove() takes records out of the store by renaming
-    // them into a trash folder of its own, which the next cleaning deletes.
-    // Freeing a file's blocks is what makes an unlink slow (on a disk
-    // mounted with discard, a hundred times a rename): a removal of many
-    // pages at once ends them all as fast as readers can notice.
+    // them into a trash folder of its own (VTrashFolder), which the next
+    // cleaning deletes: a removal of many pages at once ends them all as
+    // fast as readers can notice.
     class TrashBatch
     {
     public:
@@ -181,9 +182,6 @@ private:
     bool readFromDisk(const QByteArray& ns, const QByteArray& key, Value* value);
 
     bool fail(const QByteArray& what, const QByteArray& path, int error);
-    // One rename of the record at `path` into the open batch's trash; false
-    // leaves it to unlink().
-    bool moveToTrash(const QByteArray& path);
     struct Walk;
     class Eviction;
     // Cleans `dir`; true when it was left empty and removed.
@@ -212,10 +210,8 @@ private:
     std::function<QByteArray(const QByteArray&)> m_pageOf;
     size_t m_evictionBatch = 4096;
     Cleaning m_cleaning;
-    // The open TrashBatch's folder, made at its first record.
-    bool m_trashing = false;
-    QByteArray m_trashDir;
-    int m_trashed = 0;
+    // The open TrashBatch's folder.
+    VTrashFolder m_trash;
     // The lock file this store created: its path and inode.
     QByteArray m_lockPath;
     QByteArray m_lockText;
