@@ -98,6 +98,13 @@ bool belongsToNotModified(const QByteArray& line)
         if (VHeaderLines::hasName(line, name))
             return true;
     }
+    // And the page's own line of a name the engine sends by itself
+    // (X-Powered-By): the engine's must not stand in for it.
+    for (const QByteArray& engine : requestState.engineLines) {
+        const int colon = engine.indexOf(':');
+        if (VHeaderLines::hasName(line, engine.left(colon < 0 ? engine.size() : colon).constData()))
+            return true;
+    }
     return false;
 }
 

@@ -327,7 +327,7 @@ void serve(CacheLookup& lookup)
     VReadyHeaders::Line line;
     for (int at = 0; lines.next(at, line);) {
         VLOG(moduleState.logStream, 5) << "Sending header:" << QByteArray::fromRawData(line.text, line.length);
-        vesk_add_header(line.text, size_t(line.length), line.replaces);
+        vesk_add_stored_header(line.text, size_t(line.length), line.replaces);
     }
     if (pageCacheConfig.enable_qa_info)
         sendHeader(lookup.compressedHit ? QByteArrayLiteral("X-PageCache-Compression: 1")

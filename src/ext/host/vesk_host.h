@@ -127,6 +127,10 @@ bool vesk_reserved_word_set(int index);
 int vesk_extension_resource_number(const char* name, const char* author);
 // Adds a header line; `replace` first drops the lines of the same name.
 void vesk_add_header(const char* line, size_t length, bool replace);
+// The same for a line the engine held when a stored page was made: where
+// the server keeps no lines of its own and the line means nothing to the
+// engine beyond its text, it goes into the response's list as it is.
+void vesk_add_stored_header(const char* line, size_t length, bool replace);
 // The header lines the response holds now, in order.
 std::vector<std::string> vesk_header_lines();
 // Drops the response's lines of that name, as header_remove() does.

@@ -262,6 +262,64 @@ void vesk_add_header(const char* line, size_t length, bool replace)
     sapi_add_header_ex(line, length, true, replace);
 }
 
+namespace {
+
+struct HeaderName {
+    const char* text;
+    size_t length;
+};
+
+int isNamed(void* element, void* name)
+{
+    const auto* header = static_cast<const sapi_header_struct*>(element);
+    const auto* wanted = static_cast<const HeaderName*>(name);
+    return header->header_len >= wanted->length
+           && (header->header_len == wanted->length || header->header[wanted->length] == ':')
+           && strncasecmp(header->header, wanted->text, wanted->length) == 0;
+}
+
+// Lines the engine acts on beyond keeping them (a type, a length, a
+// redirect, a challenge), and lines it would refuse, take its own way.
+bool plainLine(const char* line, size_t length, size_t nameLength)
+{
+    static const HeaderName acted[] = {
+        {"Content-Type", 12}, {"Content-Length", 14}, {"Location", 8}, {"WWW-Authenticate", 16}};
+    if (nameLength == 0 || nameLength == length || memchr(line, '\r', length) || memchr(line, '\n', length)
+        || memchr(line, '\0', length))
+        return false;
+    for (const HeaderName& name : acted) {
+        if (nameLength == name.length && strncasecmp(line, name.text, nameLength) == 0)
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+void vesk_add_stored_header(const char* line, size_t length, bool replace)
+{
+    const auto serverHandler =
+        sapi_module.header_handler == headerHook ? headerSlot.original() : sapi_module.header_handler;
+    const char* colon = static_cast<const char*>(memchr(line, ':', length));
+    const size_t nameLength = colon ? size_t(colon - line) : 0;
+    if (serverHandler || SG(headers_sent) || !plainLine(line, length, nameLength)) {
+        vesk_add_header(line, length, replace);
+        return;
+    }
+    zend_llist* headers = &SG(sapi_headers).headers;
+    if (replace) {
+        HeaderName name = {line, nameLength};
+        for (size_t count = 0; count != zend_llist_count(headers);) {
+            count = zend_llist_count(headers);
+            zend_llist_del_element(headers, &name, isNamed);
+        }
+    }
+    sapi_header_struct header;
+    header.header = estrndup(line, length);
+    header.header_len = length;
+    zend_llist_add_element(headers, &header);
+}
+
 std::vector<std::string> vesk_header_lines()
 {
     std::vector<std::string> lines;
