@@ -312,5 +312,9 @@ const char* statsdConnectionString()
 
 const char* internalPorts()
 {
-    return textOf("vesk.internal_ports", "10081,10082,10083");
+    // Asked on every request: looked up once per table.
+    static const char name[] = "vesk.internal_ports";
+    static ResolvedDirective memo;
+    const char* value = nullptr;
+    return findDirectiveOnce(name, sizeof name - 1, memo, &value) == 0 ? value : "10081,10082,10083";
 }

@@ -44,27 +44,27 @@ QByteArray RequestUrl::ruleUrl(bool withPort) const
     const char* uri = m_whole.constData() + m_uriStart;
     const int uriLength = m_whole.size() - m_uriStart;
     const char* query = static_cast<const char*>(memchr(uri, '?', size_t(uriLength)));
-    const int length = query && query > uri ? int(query - uri) : uriLength;
-    QByteArray path = QByteArray::fromRawData(uri, length);
+    int length = query && query > uri ? int(query - uri) : uriLength;
     // Bytes beyond ASCII go through the text form, which turns what isn't
     // UTF-8 into replacement characters.
-    for (const char c : path) {
-        if (quint8(c) >= 0x80) {
-            path = QString::fromUtf8(path).toUtf8();
+    QByteArray recoded;
+    for (int i = 0; i < length; ++i) {
+        if (quint8(uri[i]) >= 0x80) {
+            recoded = QString::fromUtf8(uri, length).toUtf8();
+            uri = recoded.constData();
+            length = recoded.size();
             break;
         }
     }
     // Each run of slashes folded into one: what the pattern "/+" would do,
     // on every request without a regular expression.
     const int prefix = withPort ? m_uriStart : m_hostEnd;
-    QByteArray url;
-    url.resize(prefix + path.size());
+    QByteArray url(prefix + length, Qt::Uninitialized);
     memcpy(url.data(), m_whole.constData(), size_t(prefix));
     char* out = url.data() + prefix;
-    const char* in = path.constData();
-    for (int i = 0; i < path.size(); ++i) {
-        if (in[i] != '/' || i == 0 || in[i - 1] != '/')
-            *out++ = in[i];
+    for (int i = 0; i < length; ++i) {
+        if (uri[i] != '/' || i == 0 || uri[i - 1] != '/')
+            *out++ = uri[i];
     }
     url.resize(int(out - url.constData()));
     return url;
@@ -75,10 +75,27 @@ QByteArray RequestUrl::site(bool* portConflict) const
     *portConflict = false;
     if (m_emptyHost)
         return QByteArray();
-    const int hostStart = m_whole.indexOf("://") + 3;
+    // A worker answers the same few hosts: the last one's site is kept,
+    // known by the scheme and host as sent and the server's port.
+    static QByteArray lastHost;
+    static QByteArray lastPort;
+    static QByteArray lastSite;
+    static bool lastConflict = false;
     const char* port = vesk_sapi_getenv("SERVER_PORT");
-    return requestSite(m_whole.mid(hostStart, m_hostEnd - hostStart), QByteArray(port), m_whole.startsWith("https:"),
-                       portConflict);
+    const int portLength = port ? int(strlen(port)) : 0;
+    if (!lastSite.isNull() && lastHost.size() == m_hostEnd && lastPort.size() == portLength
+        && memcmp(lastHost.constData(), m_whole.constData(), size_t(m_hostEnd)) == 0
+        && (portLength == 0 || memcmp(lastPort.constData(), port, size_t(portLength)) == 0)) {
+        *portConflict = lastConflict;
+        return lastSite;
+    }
+    const int hostStart = m_whole.indexOf("://") + 3;
+    lastHost = m_whole.left(m_hostEnd);
+    lastPort = QByteArray(port, portLength);
+    lastSite = requestSite(m_whole.mid(hostStart, m_hostEnd - hostStart), lastPort, m_whole.startsWith("https:"),
+                           &lastConflict);
+    *portConflict = lastConflict;
+    return lastSite;
 }
 
 bool RequestUrl::onPort(const char* ports) const

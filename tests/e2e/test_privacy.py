@@ -128,6 +128,9 @@ class Privacy(harness.Case):
                                   server_config=extra % second)
                 for each in (port, second, port, second):
                     self.assertIn(" on %d " % each, self.who(each))
+                # Hosts alike but for one letter, in turn over the workers.
+                for host in ("a.test", "b.test", "c.test") * 2:
+                    self.assertIn(" for %s " % host, self.who(port, Host=host))
 
     def test_dont_cache_holds_in_either_form(self):
         for form, other in (("http://127.0.0.1/who.php", "http://127.0.0.1:80/who.php"),
