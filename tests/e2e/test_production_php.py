@@ -92,6 +92,7 @@ class ProductionPhp(harness.Case):
             for status, headers, body in (plain, packed):
                 self.assertEqual((200, miss[2]), (status, body))
                 self.assertFalse({"x-gone", "x-powered-by"} & set(headers))
+                self.assertEqual(miss[1]["content-type"], headers["content-type"])
                 self.assertEqual("1", headers.get("x-b"))
                 self.assertEqual("<a.css>; rel=preload, <b.css>; rel=preload", headers.get("link"))
             miss, plain, packed = self.miss_then_hits(port, "/p/cleared.php")

@@ -278,12 +278,11 @@ int isNamed(void* element, void* name)
            && strncasecmp(header->header, wanted->text, wanted->length) == 0;
 }
 
-// Lines the engine acts on beyond keeping them (a type, a length, a
-// redirect, a challenge), and lines it would refuse, take its own way.
+// Lines the engine acts on beyond keeping them (a length, a redirect, a
+// challenge), and lines it would refuse, take its own way.
 bool plainLine(const char* line, size_t length, size_t nameLength)
 {
-    static const HeaderName acted[] = {
-        {"Content-Type", 12}, {"Content-Length", 14}, {"Location", 8}, {"WWW-Authenticate", 16}};
+    static const HeaderName acted[] = {{"Content-Length", 14}, {"Location", 8}, {"WWW-Authenticate", 16}};
     if (nameLength == 0 || nameLength == length || memchr(line, '\r', length) || memchr(line, '\n', length)
         || memchr(line, '\0', length))
         return false;
@@ -291,6 +290,29 @@ bool plainLine(const char* line, size_t length, size_t nameLength)
         if (nameLength == name.length && strncasecmp(line, name.text, nameLength) == 0)
             return false;
     }
+    return true;
+}
+
+// A stored page's type becomes the response's, and no default one goes
+// out. A type the engine would still change (a charset to add, an image
+// that turns compression off) is left to it: false then.
+bool takeStoredType(const char* line, size_t length, size_t nameLength)
+{
+    if (nameLength != 12 || strncasecmp(line, "Content-Type", 12) != 0)
+        return true;
+    const char* value = line + nameLength + 1;
+    const char* end = line + length;
+    while (value < end && *value == ' ')
+        ++value;
+    const size_t valueLength = size_t(end - value);
+    const char* charset = SG(default_charset) ? SG(default_charset) : SAPI_DEFAULT_CHARSET;
+    const bool textWithoutCharset = valueLength >= 5 && strncmp(value, "text/", 5) == 0
+                                    && !memmem(value, valueLength, "charset=", 8) && *charset;
+    if (valueLength == 0 || textWithoutCharset || (valueLength >= 6 && strncmp(value, "image/", 6) == 0))
+        return false;
+    if (!SG(sapi_headers).mimetype)
+        SG(sapi_headers).mimetype = estrndup(value, valueLength);
+    SG(sapi_headers).send_default_content_type = 0;
     return true;
 }
 
@@ -302,7 +324,8 @@ void vesk_add_stored_header(const char* line, size_t length, bool replace)
         sapi_module.header_handler == headerHook ? headerSlot.original() : sapi_module.header_handler;
     const char* colon = static_cast<const char*>(memchr(line, ':', length));
     const size_t nameLength = colon ? size_t(colon - line) : 0;
-    if (serverHandler || SG(headers_sent) || !plainLine(line, length, nameLength)) {
+    if (serverHandler || SG(headers_sent) || !plainLine(line, length, nameLength)
+        || !takeStoredType(line, length, nameLength)) {
         vesk_add_header(line, length, replace);
         return;
     }

@@ -1,5 +1,6 @@
 <?php
 require __DIR__ . '/../_page.php';
+header('Content-Type: text/html; charset=UTF-8');
 header('X-A: 1');
 header('X-Gone: 1');
 header('Link: <a.css>; rel=preload', false);
