@@ -391,7 +391,8 @@ CacheAnswer lookUp(CacheLookup& lookup, const QString& ruleName, qint64 ruleId)
         return CacheAnswer::Pass;
     }
     VLOG(log, 5) << "Split by key is" << split;
-    r.matchKey = VMD5::hash(split);
+    static VLastMD5 matchKeys;
+    r.matchKey = matchKeys.of(split);
     const int status = conditionalStatus(lookup.conditional);
     const bool usable = pageUsable(status, lookup.conditional);
     r.compressionAllowed = r.compressionAllowed && pageCacheConfig.compression_enable && r.rule->d->compress;

@@ -198,19 +198,6 @@ bool matchRule()
     return true;
 }
 
-// A rule's pages are stored under the MD5 of its URL. A worker mostly
-// serves the same few rules, so the last one's is kept.
-QByteArray namespaceKeyFor(const QByteArray& ruleUrl)
-{
-    static QByteArray lastUrl;
-    static QByteArray lastKey;
-    if (lastKey.isEmpty() || ruleUrl != lastUrl) {
-        lastUrl = ruleUrl;
-        lastKey = VMD5::hash(ruleUrl);
-    }
-    return lastKey;
-}
-
 // The matched rule takes over the request: its keys, what its session has
 // to do with it, and the hooks that follow the response.
 void setUpRule()
@@ -223,7 +210,9 @@ void setUpRule()
     r.cacheable = false;
     r.ruleActive = true;
     r.compressionAllowed = pageCacheConfig.compression_enable;
-    r.namespaceKey = namespaceKeyFor(r.ruleUrl);
+    // A rule's pages are stored under the MD5 of its URL.
+    static VLastMD5 namespaceKeys;
+    r.namespaceKey = namespaceKeys.of(r.ruleUrl);
     r.engineLines.clear();
     for (const std::string& line : vesk_header_lines())
         r.engineLines.append(QByteArray(line.data(), int(line.size())));

@@ -14,6 +14,9 @@ TEST(VMD5, LowerCaseHexOfTheBytes)
 {
     EXPECT_EQ(QByteArray("d41d8cd98f00b204e9800998ecf8427e"), VMD5::hash(QByteArray()));
     EXPECT_EQ(QByteArray("900150983cd24fb0d6963f7d28e17f72"), VMD5::hash("abc"));
+    VLastMD5 last;
+    for (const char* text : {"abc", "abc", "", "abd", "abc"})
+        EXPECT_EQ(VMD5::hash(text), last.of(text)) << text;
 }
 
 TEST(VPrivilegesDropper, TakesTheIdentityForItsLifeOnly)
