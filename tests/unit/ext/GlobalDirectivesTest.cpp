@@ -275,7 +275,9 @@ TEST_F(HostProbesTest, InternalRequestByPort)
     EXPECT_TRUE(RequestUrl::read().onPort(internalPorts()));
     host().serverVariables["HTTP_HOST"] = "localhost:8080";
     EXPECT_FALSE(RequestUrl::read().onPort(internalPorts()));
+    // Looked up once per table: a new value counts from the next reading.
     host().configuration["vesk.internal_ports"] = "9000,8080";
+    ASSERT_EQ(0, loadGlobalDirectives());
     EXPECT_TRUE(RequestUrl::read().onPort(internalPorts()));
 }
 
