@@ -181,7 +181,7 @@ void vesk_install_flush_forwarder();
 void vesk_restore_request_hooks();
 // Makes the next script compilation end the request at once, unrun, with
 // a bailout that names `file` and `line`; the engine neither opens the main
-// script nor changes into its directory for it (undone by
+// script, changes into its directory nor arms its time limit for it (undone by
 // vesk_restore_request_hooks).
 void vesk_arm_compile_stub(const char* file, int line);
 // The output handler "HTML Cache": sees the output when it is flushed,

@@ -33,6 +33,10 @@ bool responseFinished = false;
 // The engine was told by us, for one request answered from the store, not
 // to change into the script's directory: no script runs there.
 bool chdirSkipped = false;
+// Likewise not to arm the script's time limit (max_execution_time), a
+// timer call of its own: the one armed at the request's start, by
+// max_input_time, still stands. The value to put back, or -1.
+zend_long inputTimeSkipped = -1;
 const char FinishFunction[] = "fastcgi_finish_request";
 
 int headerHook(sapi_header_struct* header, sapi_header_op_enum op, sapi_headers_struct* headers);
@@ -522,6 +526,10 @@ void vesk_restore_request_hooks()
         SG(options) &= ~SAPI_OPTION_NO_CHDIR;
         chdirSkipped = false;
     }
+    if (inputTimeSkipped != -1) {
+        PG(max_input_time) = inputTimeSkipped;
+        inputTimeSkipped = -1;
+    }
 }
 
 void vesk_arm_compile_stub(const char* file, int line)
@@ -533,6 +541,10 @@ void vesk_arm_compile_stub(const char* file, int line)
     if (!(SG(options) & SAPI_OPTION_NO_CHDIR)) {
         SG(options) |= SAPI_OPTION_NO_CHDIR;
         chdirSkipped = true;
+    }
+    if (PG(max_input_time) != -1) {
+        inputTimeSkipped = PG(max_input_time);
+        PG(max_input_time) = -1;
     }
 }
 
