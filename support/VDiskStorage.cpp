@@ -2,6 +2,7 @@
 
 #include "VCrc32c.h"
 #include "VFileMode.h"
+#include "VFileWatch.h"
 
 #include <QCryptographicHash>
 #include <QDirIterator>
@@ -239,6 +240,9 @@ private:
 // change time: a file is kept only when that time lies two seconds behind
 // the clock, so a file that replaces it later differs in it. Bounded in
 // bytes and in records; the least recently used go first, a quarter at a time.
+// Where the process watches its folders (a worker, see VFileWatch), a record
+// checked by stat() is trusted without one while no report came of a change
+// in its folder, or of its folders, and for at most a second.
 class VDiskStorage::KeptRecords
 {
 public:
@@ -250,6 +254,11 @@ public:
         std::shared_ptr<const char> value;
         std::shared_ptr<void> made;
         quint64 lastUse = 0;
+        // The record's folder's watch first, then those above it; the epochs
+        // of its last check, 0 for none that vouches for it.
+        QVarLengthArray<int, 8> watches;
+        quint64 fileEpoch = 0;
+        quint64 folderEpoch = 0;
     };
 
     qint64 maxBytes = 8 << 20;
@@ -263,6 +272,41 @@ public:
             return nullptr;
         it->lastUse = ++m_clock;
         return &*it;
+    }
+
+    static bool vouched(const Record& record)
+    {
+        return record.fileEpoch == VFileWatch::fileEpoch() && record.folderEpoch == VFileWatch::folderEpoch();
+    }
+
+    // Called before the stat() that checks the record: a change after its
+    // watches stand is reported, one before them is seen by that stat().
+    static void watch(Record& record, const QByteArray& root)
+    {
+        record.fileEpoch = 0;
+        if (record.folderEpoch == VFileWatch::folderEpoch())
+            return;
+        unwatch(record);
+        QByteArray dir = record.path;
+        for (;;) {
+            const int slash = dir.lastIndexOf('/');
+            if (slash <= 0 || slash < root.size() || record.watches.size() > 20)
+                return unwatch(record);
+            dir.truncate(slash);
+            const int watch = VFileWatch::watchFolder(dir.constData(), record.watches.isEmpty());
+            if (watch < 0)
+                return unwatch(record);
+            record.watches.append(watch);
+            if (dir.size() == root.size())
+                break;
+        }
+        record.folderEpoch = VFileWatch::folderEpoch();
+    }
+
+    static void checked(Record& record)
+    {
+        if (record.folderEpoch == VFileWatch::folderEpoch())
+            record.fileEpoch = VFileWatch::fileEpoch();
     }
 
     static bool sameFile(const struct stat& a, const struct stat& b)
@@ -280,7 +324,7 @@ public:
             return nullptr;
         drop(ns, key);
         Record& record = m_records[qMakePair(ns, key)];
-        record = Record{path, st, h, std::move(value), nullptr, ++m_clock};
+        record = Record{path, st, h, std::move(value), nullptr, ++m_clock, {}, 0, 0};
         bytes += cost(record);
         if (bytes > maxBytes || m_records.size() > maxRecords) {
             evict();
@@ -296,14 +340,19 @@ public:
         if (it == m_records.end())
             return;
         bytes -= cost(*it);
+        unwatch(*it);
         m_records.erase(it);
     }
 
     void clear()
     {
+        for (Record& record : m_records)
+            unwatch(record);
         m_records.clear();
         bytes = 0;
     }
+
+    ~KeptRecords() { clear(); }
 
     int size() const { return m_records.size(); }
 
@@ -312,6 +361,14 @@ private:
     static qint64 cost(const Record& record)
     {
         return (record.value ? qint64(record.header.length) : 0) + 512;
+    }
+
+    static void unwatch(Record& record)
+    {
+        for (int i = 0; i < record.watches.size(); ++i)
+            VFileWatch::unwatchFolder(record.watches[i], i == 0);
+        record.watches.clear();
+        record.fileEpoch = record.folderEpoch = 0;
     }
 
     // Down to three quarters of both bounds, the least recently used first.
@@ -335,6 +392,7 @@ private:
         for (auto it = m_records.begin(); it != m_records.end();) {
             if (it->lastUse <= limit) {
                 bytes -= cost(*it);
+                unwatch(*it);
                 it = m_records.erase(it);
             } else {
                 ++it;
@@ -844,12 +902,16 @@ int VDiskStorage::keptState(const QByteArray& ns, const QByteArray& key)
     KeptRecords::Record* kept = m_kept->find(ns, key);
     if (!kept)
         return -1;
-    struct stat st;
-    const bool found = stat(kept->path.constData(), &st) == 0;
-    if (!found || !KeptRecords::sameFile(st, kept->status)) {
-        const bool gone = !found && errno == ENOENT;
-        m_kept->drop(ns, key);
-        return gone ? 0 : -1;
+    if (!KeptRecords::vouched(*kept)) {
+        KeptRecords::watch(*kept, m_root);
+        struct stat st;
+        const bool found = stat(kept->path.constData(), &st) == 0;
+        if (!found || !KeptRecords::sameFile(st, kept->status)) {
+            const bool gone = !found && errno == ENOENT;
+            m_kept->drop(ns, key);
+            return gone ? 0 : -1;
+        }
+        KeptRecords::checked(*kept);
     }
     return kept->header.expiredAt(m_env->now()) ? 0 : 1;
 }
@@ -1280,6 +1342,9 @@ void VDiskStorage::evict(Walk& state)
 bool VDiskStorage::cleanExpired()
 {
     release();
+    // The pass removes records whose folders' reports this process reads
+    // only at its next request.
+    m_kept->clear();
     m_cleaning = Cleaning();
     Walk state;
     state.now = m_env->now();

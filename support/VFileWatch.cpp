@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -19,7 +20,20 @@ namespace {
 // or take the directory itself away.
 const uint32_t Changes = IN_ATTRIB | IN_MODIFY | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM
                          | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF;
+// Above a folder of kept files: what takes a folder away.
+const uint32_t FolderChanges = IN_DELETE | IN_MOVED_FROM | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+// Each watch pins its folder's inode in the kernel (about 1 KB) and counts
+// against the user's fs.inotify.max_user_watches, shared by all workers.
+const size_t MaxWatches = 1024;
 const time_t FullLookSeconds = 1;
+
+// Who asked for a watch: the dates (for good), and kept files' folders.
+struct Watch
+{
+    int dates = 0;
+    int files = 0;
+    int folders = 0;
+};
 
 struct State
 {
@@ -27,9 +41,14 @@ struct State
     int fd = -1;
     time_t lastFullLook = 0;
     std::vector<std::pair<QByteArray, QDateTime>> dates;
+    std::unordered_map<int, Watch> watches;
 };
 
 State state;
+// Outside State: a new process's epochs must differ from every one its
+// parent's copies were checked under.
+quint64 fileEpochNow = 1;
+quint64 folderEpochNow = 1;
 
 time_t coarseSeconds()
 {
@@ -45,23 +64,56 @@ void forgetInChild()
     if (state.fd >= 0)
         close(state.fd);
     state = State();
+    ++fileEpochNow;
+    ++folderEpochNow;
 }
 
-// True when the descriptor held any report, or overflowed.
+// Moves the epochs as the report says; true when it concerns a date.
+bool take(const struct inotify_event& event)
+{
+    if (event.mask & IN_Q_OVERFLOW) {
+        ++fileEpochNow;
+        ++folderEpochNow;
+        return true;
+    }
+    const auto found = state.watches.find(event.wd);
+    if (found == state.watches.end())
+        return false;
+    const Watch watch = found->second;
+    if (event.mask & IN_IGNORED)
+        state.watches.erase(found);
+    if (watch.files || watch.folders) {
+        if (event.mask & (IN_IGNORED | IN_ISDIR | IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT))
+            ++folderEpochNow;
+        else if (watch.files)
+            ++fileEpochNow;
+    }
+    return watch.dates > 0;
+}
+
+// True when the descriptor held any report about a date, or overflowed.
 bool drained()
 {
-    bool any = false;
+    bool dates = false;
     alignas(struct inotify_event) char buffer[4096];
     for (;;) {
         const ssize_t got = read(state.fd, buffer, sizeof buffer);
-        if (got > 0) {
-            any = true;
-            continue;
-        }
         if (got < 0 && errno == EINTR)
             continue;
-        // EAGAIN: nothing (more) to read. Anything else: ask stat() again.
-        return any || (got < 0 && errno != EAGAIN);
+        if (got <= 0) {
+            // EAGAIN: nothing (more) to read. Anything else: trust nothing.
+            if (got < 0 && errno != EAGAIN) {
+                ++fileEpochNow;
+                ++folderEpochNow;
+                return true;
+            }
+            return dates;
+        }
+        for (const char* at = buffer; at < buffer + got;) {
+            const auto* event = reinterpret_cast<const struct inotify_event*>(at);
+            dates |= take(*event);
+            at += sizeof(struct inotify_event) + event->len;
+        }
     }
 }
 
@@ -88,8 +140,11 @@ void settle()
     if (state.fd < 0)
         return;
     const time_t now = coarseSeconds();
-    if (drained() || now - state.lastFullLook >= FullLookSeconds) {
+    const bool changed = drained();
+    if (changed || now - state.lastFullLook >= FullLookSeconds)
         state.dates.clear();
+    if (now - state.lastFullLook >= FullLookSeconds) {
+        ++fileEpochNow;
         state.lastFullLook = now;
     }
 }
@@ -119,17 +174,61 @@ void remember(const char* path, const QDateTime& date)
     // reported there, and the next request looks again. Watching a
     // directory twice answers the same watch: no harm.
     QByteArray dir = parentOf(QByteArray(path));
-    while (inotify_add_watch(state.fd, dir.constData(), Changes) < 0) {
+    int watch;
+    while ((watch = inotify_add_watch(state.fd, dir.constData(), Changes | IN_MASK_ADD)) < 0) {
         if (errno != ENOENT || dir == "/" || dir == ".")
             return;
         dir = parentOf(dir);
     }
+    state.watches[watch].dates = 1;
     state.dates.emplace_back(QByteArray(path), date);
 }
 
 void reset()
 {
     forgetInChild();
+}
+
+quint64 fileEpoch()
+{
+    return fileEpochNow;
+}
+
+quint64 folderEpoch()
+{
+    return folderEpochNow;
+}
+
+int watchFolder(const char* dir, bool files)
+{
+    if (state.fd < 0 || state.watches.size() >= MaxWatches)
+        return -1;
+    const int watch = inotify_add_watch(state.fd, dir, (files ? Changes : FolderChanges) | IN_MASK_ADD);
+    if (watch < 0)
+        return -1;
+    Watch& counts = state.watches[watch];
+    ++(files ? counts.files : counts.folders);
+    return watch;
+}
+
+void unwatchFolder(int watch, bool files)
+{
+    const auto found = state.watches.find(watch);
+    if (found == state.watches.end())
+        return;
+    Watch& counts = found->second;
+    int& uses = files ? counts.files : counts.folders;
+    if (uses > 0)
+        --uses;
+    if (counts.dates || counts.files || counts.folders)
+        return;
+    inotify_rm_watch(state.fd, watch);
+    state.watches.erase(found);
+}
+
+int watchCount()
+{
+    return int(state.watches.size());
 }
 
 } // namespace VFileWatch

@@ -29,4 +29,23 @@ void remember(const char* path, const QDateTime& date);
 // Back to nothing remembered and no watch, as in a new process.
 void reset();
 
+// For copies of files a process keeps in memory (the page store's records):
+// the folder of such a file and every folder above it up to the store are
+// watched, and the copy is trusted without a stat() while both epochs are
+// those it was checked under. The file epoch moves at any change of a file
+// in a folder of kept files, and at the full look each second (what inotify
+// can't report is seen within that second); the folder epoch moves when a
+// watched folder is removed, moved or its watch lost, and when the reports
+// overflowed: the copies' watches must then be made again.
+quint64 fileEpoch();
+quint64 folderEpoch();
+// Watches `dir`, which holds kept files (`files`) or lies above a folder that
+// does; the watch, or -1 where it can't be had: no settle() in this process,
+// no such folder, or the process holds as many watches as it may.
+int watchFolder(const char* dir, bool files);
+// Gives back a watch of watchFolder(); the last one given back is removed.
+void unwatchFolder(int watch, bool files);
+// The watches this process holds, for the tests.
+int watchCount();
+
 } // namespace VFileWatch

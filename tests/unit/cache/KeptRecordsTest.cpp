@@ -1,4 +1,5 @@
 #include "VDiskStorage.h"
+#include "VFileWatch.h"
 
 #include <QFile>
 #include <QTemporaryDir>
@@ -19,7 +20,9 @@ public:
 
 // A worker's store that has read a page (and keeps it), and another
 // process's store over the same root: a worker, a purge, the cleaner or
-// the farm agent, which all reach pages through these operations.
+// the farm agent, which all reach pages through these operations. The
+// worker checks its copies by stat(), or (`watched`) by the reports of its
+// folders' watches, taken in at each request as a worker does.
 class KeptRecords : public ::testing::Test
 {
 protected:
@@ -28,9 +31,19 @@ protected:
         const VDiskStorage::VDiskStorageInit init(2, QFile::encodeName(dir.path()), 1, "HTML-Cache", false);
         worker.reset(new VDiskStorage(init, &env));
         other.reset(new VDiskStorage(init, &env));
+        if (watched)
+            VFileWatch::settle();
+    }
+    void TearDown() override
+    {
+        worker.reset();
+        EXPECT_EQ(0, VFileWatch::watchCount());
+        VFileWatch::reset();
     }
     QByteArray served(const QByteArray& key = "key")
     {
+        if (watched)
+            VFileWatch::settle();
         VDiskStorage::Value value;
         if (!worker->contains("ns", key, false) || !worker->readValue("ns", key, &value))
             return "<none>";
@@ -42,6 +55,7 @@ protected:
         ASSERT_TRUE(store.write("ns", key, value, &flag, 60, 0));
     }
 
+    bool watched = true;
     QTemporaryDir dir;
     LaterEnv env;
     std::unique_ptr<VDiskStorage> worker;
@@ -55,9 +69,28 @@ struct Change
     const char* servedAfter;
 };
 
-class KeptRecordChanges : public KeptRecords, public ::testing::WithParamInterface<Change>
+class KeptRecordChanges : public KeptRecords, public ::testing::WithParamInterface<std::tuple<Change, bool>>
 {
+    void SetUp() override
+    {
+        watched = std::get<1>(GetParam());
+        KeptRecords::SetUp();
+    }
 };
+
+void rename(const QByteArray& from, const QByteArray& to)
+{
+    ASSERT_EQ(0, ::rename(from.constData(), to.constData()));
+}
+
+// Never done by the store, which renames a whole new file over a record.
+void writeInPlace(VDiskStorage& store)
+{
+    QFile file(QString::fromLocal8Bit(store.recordPath("ns", "key")));
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    file.seek(file.size() - 3);
+    file.write("new");
+}
 
 const Change changes[] = {
     {"replaced", [](VDiskStorage& o, LaterEnv&) { char f; o.write("ns", "key", "new page", &f, 60, 0); }, "new page"},
@@ -67,6 +100,9 @@ const Change changes[] = {
     {"all_cleared", [](VDiskStorage& o, LaterEnv&) { o.clearNamespace(QByteArray()); }, "<none>"},
     {"expired", [](VDiskStorage&, LaterEnv& e) { e.clock += 60; }, "<none>"},
     {"evicted", [](VDiskStorage& o, LaterEnv&) { o.setSizeBound(1); o.cleanExpired(); }, "<none>"},
+    {"written_in_place", [](VDiskStorage& o, LaterEnv&) { writeInPlace(o); }, "<none>"},
+    // A clear killed between moving the rule's folder away and deleting it.
+    {"clear_interrupted", [](VDiskStorage& o, LaterEnv&) { rename(o.root() + "/ns", o.root() + "/.trash-1"); }, "<none>"},
 };
 
 } // namespace
@@ -74,15 +110,20 @@ const Change changes[] = {
 TEST_P(KeptRecordChanges, ARecordChangedByAnotherProcessIsNeverServedFromMemory)
 {
     put(*other, "key", "old page");
-    EXPECT_EQ(QByteArray("old page"), served());
-    EXPECT_EQ(QByteArray("old page"), served());
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(QByteArray("old page"), served());
     EXPECT_EQ(1, worker->keptRecords());
-    GetParam().make(*other, env);
-    EXPECT_EQ(QByteArray(GetParam().servedAfter), served());
+    // Its two folders, the namespace's and the store's.
+    EXPECT_EQ(watched ? 4 : 0, VFileWatch::watchCount());
+    std::get<0>(GetParam()).make(*other, env);
+    EXPECT_EQ(QByteArray(std::get<0>(GetParam()).servedAfter), served());
 }
 
-INSTANTIATE_TEST_SUITE_P(Changes, KeptRecordChanges, ::testing::ValuesIn(changes),
-                         [](const ::testing::TestParamInfo<Change>& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Changes, KeptRecordChanges, ::testing::Combine(::testing::ValuesIn(changes), ::testing::Bool()),
+                         [](const ::testing::TestParamInfo<std::tuple<Change, bool>>& info) {
+                             return std::string(std::get<0>(info.param).name)
+                                    + (std::get<1>(info.param) ? "_watched" : "_statted");
+                         });
 
 TEST_F(KeptRecords, MemoryStaysWithinItsBoundsHoweverManyPagesAreRead)
 {
@@ -101,4 +142,24 @@ TEST_F(KeptRecords, MemoryStaysWithinItsBoundsHoweverManyPagesAreRead)
     put(*other, "big", QByteArray(4 << 10, 'b'));
     EXPECT_EQ(4 << 10, served("big").size());
     EXPECT_EQ(before, worker->keptRecords());
+    // The kept records' two folders each and the two above them: the
+    // evicted gave theirs back.
+    EXPECT_LE(VFileWatch::watchCount(), 2 * worker->keptRecords() + 2);
+}
+
+TEST_F(KeptRecords, WatchesStayWithinTheirBoundHoweverManyFoldersHoldPages)
+{
+    for (int i = 0; i < 3000; ++i)
+        put(*other, QByteArray::number(i), "page " + QByteArray::number(i));
+    for (int round = 0; round < 2; ++round)
+        for (int i = 0; i < 3000; ++i)
+            ASSERT_EQ("page " + QByteArray::number(i), served(QByteArray::number(i)));
+    EXPECT_EQ(3000, worker->keptRecords());
+    EXPECT_GE(VFileWatch::watchCount(), 1000);
+    EXPECT_LE(VFileWatch::watchCount(), 1024);
+    // Beyond the watches, a copy is checked by stat(): still never stale.
+    for (int i = 0; i < 3000; i += 100)
+        put(*other, QByteArray::number(i), "new page");
+    for (int i = 0; i < 3000; i += 100)
+        ASSERT_EQ(QByteArray("new page"), served(QByteArray::number(i)));
 }
