@@ -2,16 +2,19 @@
 
 #include "host/vesk_host.h"
 
+#include <QVarLengthArray>
+
 #include <string>
-#include <vector>
 
 namespace {
-std::vector<VeskKey> hostKeys(const QList<QByteArray>& keys)
+// On the stack for the few keys a condition names: asked on every request.
+using HostKeys = QVarLengthArray<VeskKey, 4>;
+
+HostKeys hostKeys(const QList<QByteArray>& keys)
 {
-    std::vector<VeskKey> result;
-    result.reserve(size_t(keys.size()));
+    HostKeys result;
     for (const QByteArray& key : keys)
-        result.push_back(VeskKey{key.constData(), size_t(key.size())});
+        result.append(VeskKey{key.constData(), size_t(key.size())});
     return result;
 }
 } // namespace
@@ -24,9 +27,10 @@ EngineValueSource* EngineValueSource::instance()
 
 QByteArray EngineValueSource::elementValue(const QByteArray& globalName, const QList<QByteArray>& keys)
 {
-    const std::vector<VeskKey> path = hostKeys(keys);
+    const HostKeys path = hostKeys(keys);
     std::string text;
-    vesk_global_element_text(globalName.constData(), size_t(globalName.size()), path.data(), path.size(), &text);
+    vesk_global_element_text(globalName.constData(), size_t(globalName.size()), path.constData(),
+                             size_t(path.size()), &text);
     return QByteArray(text.data(), int(text.size()));
 }
 
@@ -44,6 +48,7 @@ bool EngineValueSource::globalExists(const QByteArray& globalName)
 
 bool EngineValueSource::elementExists(const QByteArray& globalName, const QList<QByteArray>& keys)
 {
-    const std::vector<VeskKey> path = hostKeys(keys);
-    return vesk_global_element_exists(globalName.constData(), size_t(globalName.size()), path.data(), path.size());
+    const HostKeys path = hostKeys(keys);
+    return vesk_global_element_exists(globalName.constData(), size_t(globalName.size()), path.constData(),
+                                      size_t(path.size()));
 }

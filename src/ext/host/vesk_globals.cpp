@@ -28,19 +28,25 @@ zval* fetchGlobal(const char* name, size_t length)
 }
 
 // Walks from `position` along the keys. Values read from properties may live
-// in `scratch`, which the caller keeps until it is done with the result.
+// in `scratch`, which the caller keeps until it is done with the result; a
+// walk through arrays alone (a cookie, a server variable) needs none.
 zval* walk(zval* position, const VeskKey* keys, size_t count, std::vector<zval>& scratch)
 {
-    scratch.resize(count);
     for (size_t i = 0; i < count && position; ++i) {
-        ZVAL_UNDEF(&scratch[i]);
         if (Z_TYPE_P(position) == IS_ARRAY) {
             position = zend_hash_str_find(Z_ARRVAL_P(position), keys[i].data, keys[i].length);
         } else if (Z_TYPE_P(position) == IS_OBJECT) {
             zend_class_entry* ce = Z_OBJCE_P(position);
-            if (strncmp(ZSTR_VAL(ce->name), "stdClass", 8) == 0)
+            if (strncmp(ZSTR_VAL(ce->name), "stdClass", 8) == 0) {
+                // Room for every key at once: `position` may point into scratch,
+                // which must not move.
+                if (scratch.empty())
+                    scratch.reserve(count);
+                scratch.emplace_back();
+                ZVAL_UNDEF(&scratch.back());
                 position = zend_read_property(ce, Z_OBJ_P(position), keys[i].data, keys[i].length, 1,
-                                              &scratch[i]);
+                                              &scratch.back());
+            }
             // An object of another class keeps its place: the keys are used up on it.
         } else {
             position = nullptr;
