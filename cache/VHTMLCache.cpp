@@ -297,8 +297,8 @@ bool VHTMLCache::storeOutput(const QByteArray& ns, const QByteArray& key, const 
     if (!enterUnderTags(*storage, ns, key, url, tags, entered, &m_tagRefusal))
         return false;
     const QByteArray input = QByteArray::fromRawData(data, int(size));
-    // A length can only be right for one of the two bodies, and the server
-    // counts the body it sends anyway: neither copy keeps one.
+    // A length can only be right for one of the two bodies: neither copy
+    // keeps one, and a hit says the length of the copy it sends.
     QLinkedList<QByteArray> clearHeaders = headers;
     VHeaderLines::removeName(clearHeaders, "Content-Length");
     QLinkedList<QByteArray> copyHeaders = clearHeaders;

@@ -137,7 +137,11 @@ std::vector<std::string> vesk_header_lines();
 void vesk_remove_header(const char* name, size_t length);
 // Whether the response's headers have gone out already.
 bool vesk_headers_sent();
-void vesk_output_write(const char* data, size_t length);
+// Writes a stored page's whole body. With `sized`, and where the bytes go
+// to the server unchanged (no output level but the engine's own empty
+// buffer) under a status that has a body, the response says its length
+// first, so the server need not frame the body in chunks.
+void vesk_output_write(const char* data, size_t length, bool sized);
 int vesk_output_get_level();
 void vesk_output_end();
 // Whether an output handler is running right now.

@@ -45,6 +45,7 @@ zend_op_array* compileStub(zend_file_handle* handle, int);
 zend_result primaryScriptUnopened(zend_file_handle* handle);
 size_t countingUbWrite(const char* data, size_t length);
 int headerAwareSendHeaders(sapi_headers_struct* headers);
+void listLine(const char* line, size_t length, size_t nameLength, bool replace);
 
 VeskHook<decltype(sapi_module.header_handler)> headerSlot(headerHook);
 VeskHook<decltype(sapi_module.flush)> flushSlot(flushForwarder);
@@ -282,6 +283,13 @@ int isNamed(void* element, void* name)
            && strncasecmp(header->header, wanted->text, wanted->length) == 0;
 }
 
+// Whether the server takes each line as it is added (Apache), rather than
+// reading the engine's list when the headers go.
+bool serverKeepsLines()
+{
+    return (sapi_module.header_handler == headerHook ? headerSlot.original() : sapi_module.header_handler) != nullptr;
+}
+
 // Lines the engine acts on beyond keeping them (a length, a redirect, a
 // challenge), and lines it would refuse, take its own way.
 bool plainLine(const char* line, size_t length, size_t nameLength)
@@ -324,15 +332,20 @@ bool takeStoredType(const char* line, size_t length, size_t nameLength)
 
 void vesk_add_stored_header(const char* line, size_t length, bool replace)
 {
-    const auto serverHandler =
-        sapi_module.header_handler == headerHook ? headerSlot.original() : sapi_module.header_handler;
     const char* colon = static_cast<const char*>(memchr(line, ':', length));
     const size_t nameLength = colon ? size_t(colon - line) : 0;
-    if (serverHandler || SG(headers_sent) || !plainLine(line, length, nameLength)
+    if (serverKeepsLines() || SG(headers_sent) || !plainLine(line, length, nameLength)
         || !takeStoredType(line, length, nameLength)) {
         vesk_add_header(line, length, replace);
         return;
     }
+    listLine(line, length, nameLength, replace);
+}
+
+namespace {
+
+void listLine(const char* line, size_t length, size_t nameLength, bool replace)
+{
     zend_llist* headers = &SG(sapi_headers).headers;
     if (replace) {
         HeaderName name = {line, nameLength};
@@ -346,6 +359,8 @@ void vesk_add_stored_header(const char* line, size_t length, bool replace)
     header.header_len = length;
     zend_llist_add_element(headers, &header);
 }
+
+} // namespace
 
 std::vector<std::string> vesk_header_lines()
 {
@@ -386,7 +401,30 @@ bool onlyAnEmptyDefaultBuffer()
 
 } // namespace
 
-void vesk_output_write(const char* data, size_t length)
+namespace {
+
+// The body's length, where nothing after this point can change the bytes
+// the server is handed: the hit's stub ends the request before any script
+// or output level could add to them.
+void sayLength(size_t length)
+{
+    const int status = SG(sapi_headers).http_response_code;
+    if (SG(headers_sent) || (status >= 100 && status < 200) || status == 204 || status == 304)
+        return;
+    char line[40];
+    const int written = snprintf(line, sizeof line, "Content-Length: %zu", length);
+    // The engine, told of a length, turns zlib.output_compression off for
+    // the request; none runs here (it would be a level), so the line may
+    // go straight into the list where the server keeps none of its own.
+    if (serverKeepsLines())
+        vesk_add_header(line, size_t(written), true);
+    else
+        listLine(line, size_t(written), 14, true);
+}
+
+} // namespace
+
+void vesk_output_write(const char* data, size_t length, bool sized)
 {
     // A stored page usually goes out while the request is still starting.
     // Were the client gone, the engine's abort handling would bail out of
@@ -398,6 +436,8 @@ void vesk_output_write(const char* data, size_t length)
     // Without an active level the engine sends the headers (none with the
     // body of a HEAD request) and writes the body to the server at once.
     php_output_handler* active = onlyAnEmptyDefaultBuffer() ? OG(active) : nullptr;
+    if (sized && (active || !php_output_get_level()))
+        sayLength(length);
     if (active)
         OG(active) = nullptr;
     php_output_write(data, length);
