@@ -9,6 +9,8 @@
 #include "vesk_hook.h"
 #include "vesk_host.h"
 
+#include <charconv>
+
 namespace {
 
 VeskHeaderCallback headerCallback = nullptr;
@@ -411,15 +413,15 @@ void sayLength(size_t length)
     const int status = SG(sapi_headers).http_response_code;
     if (SG(headers_sent) || (status >= 100 && status < 200) || status == 204 || status == 304)
         return;
-    char line[40];
-    const int written = snprintf(line, sizeof line, "Content-Length: %zu", length);
+    char line[40] = "Content-Length: ";
+    const size_t written = size_t(std::to_chars(line + 16, line + sizeof line, length).ptr - line);
     // The engine, told of a length, turns zlib.output_compression off for
     // the request; none runs here (it would be a level), so the line may
     // go straight into the list where the server keeps none of its own.
     if (serverKeepsLines())
-        vesk_add_header(line, size_t(written), true);
+        vesk_add_header(line, written, true);
     else
-        listLine(line, size_t(written), 14, true);
+        listLine(line, written, 14, true);
 }
 
 } // namespace
