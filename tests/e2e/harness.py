@@ -677,7 +677,9 @@ class Case(unittest.TestCase):
             time.sleep(0.05)
 
     def assertLogged(self, text):
-        self.assertTrue(text in self.workspace.log(), "not in the log: " + text)
+        """A hit says its length, so its client may have it before the
+        worker's end of request writes its lines: they get a moment."""
+        self.wait_until(lambda: text in self.workspace.log(), 5, "not in the log: " + text)
 
     def call(self, port, name, *args):
         """Calls one of the extension's functions from a page: its answer."""
