@@ -112,7 +112,7 @@ QString nginxRuleMaps(const CacheRule& rule, const QByteArray& dir)
     if (blocks.isEmpty())
         return text + QStringLiteral("#   its conditions never hold without a query: nothing to send\n");
     const QString variable = nginxVariable(rule, dir);
-    QString key = QStringLiteral("${vesk_ok}");
+    QString key = QStringLiteral("${vesk_request}${vesk_cookies}");
     for (int b = 0; b < blocks.size(); ++b) {
         const QString block = QStringLiteral("%1_%2").arg(variable).arg(b);
         QString tests;
@@ -127,12 +127,13 @@ QString nginxRuleMaps(const CacheRule& rule, const QByteArray& dir)
                : blocks[b].cookies.size() == 1 ? tests
                                                : QStringLiteral("${%1}").arg(block);
     }
-    // "1" for the request, then one "1" for each block that holds.
+    // "11" for the request (its method and path, its cookies), then one "1"
+    // for each block that holds: one map, no chain of them, for nginx to ask.
     const QString file = QStringLiteral("\"%1/$scheme/$host:$server_port$request_uri\"")
                              .arg(QString::fromLatin1(VHTMLCache::ruleNamespace(rule)));
     text += QStringLiteral("map \"%1\" $%2 {").arg(key, variable);
     for (int holding = 1; holding <= blocks.size(); ++holding)
-        text += QStringLiteral(" %1 %2;").arg(QString(holding + 1, QLatin1Char('1')), file);
+        text += QStringLiteral(" %1 %2;").arg(QString(holding + 2, QLatin1Char('1')), file);
     return text + QStringLiteral(" default \"\"; }\n");
 }
 
@@ -167,13 +168,13 @@ QString nginxPublishMaps(const QList<CacheRule>& rules, const QByteArray& publis
         "# nginx's http block (Debian: /etc/nginx/conf.d/). Made by\n"
         "# 'vesk-pagecache publish-config nginx-maps' for the rules in force: make\n"
         "# it again, with 'publish-config nginx', when they change.\n"
-        "map $request_method $vesk_method { GET 1; HEAD 1; default 0; }\n"
-        // The path as sent, the one PHP keys its page on, whatever location
-        // the server handed it to: no query, escape, empty or dot segment.
-        "map $request_uri $vesk_path { \"~^(/[A-Za-z0-9_~-][A-Za-z0-9._~-]*)*/?$\" 1; default 0; }\n");
+        // A GET or HEAD of the path as sent, the one PHP keys its page on,
+        // whatever location the server handed it to: no query, escape, empty
+        // or dot segment. One regular expression tests both.
+        "map \"$request_method $request_uri\" $vesk_request "
+        "{ \"~^(?:GET|HEAD) (/[A-Za-z0-9_~-][A-Za-z0-9._~-]*)*/?$\" 1; default 0; }\n");
     text += QStringLiteral("map $http_cookie $vesk_cookies { \"\" 1; \"~%1\" 1; default 0; }\n")
                 .arg(QLatin1String(PlainCookies));
-    text += QStringLiteral("map \"$vesk_method$vesk_path$vesk_cookies\" $vesk_ok { 111 1; default 0; }\n");
     for (const CacheRule& rule : rules) {
         if (rule.d->publish && rule.d->enable)
             text += nginxRuleMaps(rule, publishDir);

@@ -228,9 +228,9 @@ include /etc/passwd;</name></url>
     EXPECT_TRUE(maps.contains("map $http_cookie $" + a + "_0_0 { \"\" 1; \"~(^|;)\\s*user=\" \"\"; default 1; }\n"));
     EXPECT_TRUE(maps.contains(" { \"\" \"\"; \"~^(\\s*+(?!lang=)[^;]*;)*\\s*+lang=en\\.gb(;|$)\" 1; default \"\"; }\n"));
     EXPECT_TRUE(maps.contains("map \"${" + a + "_1_0}${" + a + "_1_1}\" $" + a + "_1 { 11 1; default \"\"; }\n"));
-    EXPECT_TRUE(maps.contains("map \"${vesk_ok}${" + a + "_0_0}${" + a + "_1}\" $" + a + " { 11 \"" + ns
-                              + "/$scheme/$host:$server_port$request_uri\"; 111 \"" + ns));
-    EXPECT_TRUE(maps.contains("map \"${vesk_ok}1\" $")); // B, without conditions
+    EXPECT_TRUE(maps.contains("map \"${vesk_request}${vesk_cookies}${" + a + "_0_0}${" + a + "_1}\" $" + a + " { 111 \""
+                              + ns + "/$scheme/$host:$server_port$request_uri\"; 1111 \"" + ns));
+    EXPECT_TRUE(maps.contains("map \"${vesk_request}${vesk_cookies}1\" $")); // B, without conditions
     EXPECT_FALSE(maps.contains("never"));
     // In the workers' order of trial; the rule that doesn't publish is absent.
     EXPECT_LT(maps.indexOf("# Rule \"A\""), maps.indexOf("# Rule \"B include /etc/passwd;\""));
