@@ -127,8 +127,10 @@ QString nginxRuleMaps(const CacheRule& rule, const QByteArray& dir)
                : blocks[b].cookies.size() == 1 ? tests
                                                : QStringLiteral("${%1}").arg(block);
     }
-    // "11" for the request (its method and path, its cookies), then one "1"
-    // for each block that holds: one map, no chain of them, for nginx to ask.
+    // "11" for the request (its method and path, then its cookies), then one
+    // "1" for each block that holds. The request's tests go straight into
+    // each rule's key rather than through a map of their own: every map nginx
+    // asks costs it some 400 instructions a request.
     const QString file = QStringLiteral("\"%1/$scheme/$host:$server_port$request_uri\"")
                              .arg(QString::fromLatin1(VHTMLCache::ruleNamespace(rule)));
     text += QStringLiteral("map \"%1\" $%2 {").arg(key, variable);
