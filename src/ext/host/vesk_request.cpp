@@ -413,15 +413,16 @@ void sayLength(size_t length)
     const int status = SG(sapi_headers).http_response_code;
     if (SG(headers_sent) || (status >= 100 && status < 200) || status == 204 || status == 304)
         return;
+    static constexpr char name[] = "Content-Length";
     char line[40] = "Content-Length: ";
-    const size_t written = size_t(std::to_chars(line + 16, line + sizeof line, length).ptr - line);
+    const size_t written = size_t(std::to_chars(line + sizeof name + 1, line + sizeof line, length).ptr - line);
     // The engine, told of a length, turns zlib.output_compression off for
     // the request; none runs here (it would be a level), so the line may
     // go straight into the list where the server keeps none of its own.
     if (serverKeepsLines())
         vesk_add_header(line, written, true);
     else
-        listLine(line, written, 14, true);
+        listLine(line, written, sizeof name - 1, true);
 }
 
 } // namespace
