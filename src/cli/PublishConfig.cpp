@@ -142,23 +142,49 @@ QString nginxRuleMaps(const CacheRule& rule, const QByteArray& dir)
 // The marker segment of the URI a published request is rewritten to: that
 // URI begins (and ends, but for a directory's) with the request's own, so
 // that it falls again into the location the block is included in, under
-// its access rules, and into the nested location that sends the file.
-const char NginxMarker[] = "/vesk-published/";
+// its access rules, and into the nested location that sends the file. nginx
+// takes the dot segment out of any URI a client sends, so that only the
+// block's rewrite reaches that location and its error_page.
+const char NginxMarker[] = "/./vesk-published/";
+const char NginxMarkerPattern[] = "/\\./vesk-published/";
 
-// A rule's file, when the request may have it and it is there.
-QString nginxRule(const CacheRule& rule, const QByteArray& dir)
+// The variables of the rules whose files nginx may send, in the rules' order.
+QStringList nginxVariables(const QList<CacheRule>& rules, const QByteArray& dir)
 {
-    if (blocksOf(rule).isEmpty())
-        return QString();
+    QStringList variables;
+    for (const CacheRule& rule : rules) {
+        if (rule.d->publish && rule.d->enable && !blocksOf(rule).isEmpty())
+            variables << nginxVariable(rule, dir);
+    }
+    return variables;
+}
+
+// A rule's file, when the request may have it. The first rule's is opened
+// without a test: a request whose file isn't there (or that the location's
+// access rules refuse) comes back, by the nested location's error_page, to
+// the URI it had here. The other rules' files are tested first (a stat each,
+// as try_files makes). A rule's variable, emptied once its file is tried,
+// keeps the request from going round again: once for the first rule, and
+// once at most for all the others.
+QString nginxRule(const QString& variable, const QStringList& variables, const CacheRule& rule,
+                  const QByteArray& dir)
+{
+    const bool first = variable == variables.first();
+    QString text = QStringLiteral("    if (%1) {\n"
+                                  "        expires off;\n"
+                                  "        set $vesk_served $%2;\n")
+                       .arg(first ? QLatin1Char('$') + variable
+                                  : QStringLiteral("-f \"%1/$%2.vesk.html\"").arg(QString::fromLocal8Bit(dir), variable),
+                            variable);
+    for (const QString& tried : first ? QStringList{variable} : variables)
+        text += QStringLiteral("        set $%1 \"\";\n").arg(tried);
     const QString marker = QLatin1String(NginxMarker) + QString::fromLatin1(VHTMLCache::ruleNamespace(rule));
-    return QStringLiteral("    if (-f \"%1/$%2.vesk.html\") {\n"
-                          "        expires off;\n"
-                          "        set $vesk_served \"$%2.vesk.html\";\n"
-                          // Never a URI that ends in '/': the index module would take it.
-                          "        rewrite /$ \"${uri}%3\" last;\n"
-                          "        rewrite ^ \"${uri}/%3${uri}\" last;\n"
-                          "    }\n")
-        .arg(QString::fromLocal8Bit(dir), nginxVariable(rule, dir), marker.mid(1));
+    return text + QStringLiteral("        set $vesk_back \"$uri$is_args$args\";\n"
+                                 // Never a URI that ends in '/': the index module would take it.
+                                 "        rewrite /$ \"${uri}%1\" last;\n"
+                                 "        rewrite ^ \"${uri}/%1${uri}\" last;\n"
+                                 "    }\n")
+                      .arg(marker.mid(1));
 }
 
 } // namespace
@@ -200,16 +226,18 @@ QString nginxPublishConfig(const QList<CacheRule>& rules, const QByteArray& publ
         // A cached descriptor would send a page after its purge, and a cached
         // test would send a request to a file that has gone.
         "    open_file_cache off;\n");
+    const QStringList variables = nginxVariables(rules, publishDir);
     for (const CacheRule& rule : rules) {
-        if (rule.d->publish && rule.d->enable)
-            text += nginxRule(rule, publishDir);
+        const QString variable = nginxVariable(rule, publishDir);
+        if (variables.contains(variable))
+            text += nginxRule(variable, variables, rule, publishDir);
     }
     // Nested, it takes the enclosing location's access rules (auth_basic,
     // allow and deny, satisfy), which run again for the rewritten URI.
     text += QStringLiteral(
                 "    location ~ \"%3[0-9a-f]{32}()\" {\n"
                 "        internal;\n"
-                "        alias %1/$vesk_served$1;\n"
+                "        alias %1/$vesk_served.vesk.html$1;\n"
                 "        types { }\n"
                 "        default_type \"%2\";\n"
                 "        charset off;\n"
@@ -221,9 +249,15 @@ QString nginxPublishConfig(const QList<CacheRule>& rules, const QByteArray& publ
                 "        add_header Cache-Control no-cache;\n"
                 "        if_modified_since before;\n"
                 "        open_file_cache off;\n"
+                // A file that isn't there (or that nginx may not read) sends
+                // the request on as if the block weren't there; the site's
+                // own error pages still apply to what it then answers.
+                "        log_not_found off;\n"
+                "        recursive_error_pages on;\n"
+                "        error_page 403 404 = $vesk_back;\n"
                 "    }\n")
                 .arg(QString::fromLocal8Bit(publishDir), QLatin1String(VPublishedPages::contentType()),
-                     QLatin1String(NginxMarker));
+                     QLatin1String(NginxMarkerPattern));
     return text;
 }
 

@@ -238,9 +238,16 @@ include /etc/passwd;</name></url>
     EXPECT_FALSE(maps.contains("\ninclude"));
     EXPECT_FALSE(maps.contains("# Rule \"C\""));
     const QString nginx = nginxPublishConfig(rules.rules(), "/srv/pub");
-    EXPECT_TRUE(nginx.contains("    if (-f \"/srv/pub/$" + a + ".vesk.html\") {\n"));
-    EXPECT_EQ(2, nginx.count("rewrite ^ \"${uri}/vesk-published/"));
-    EXPECT_TRUE(nginx.contains("        alias /srv/pub/$vesk_served$1;\n"));
+    const QString b = "vesk_" + QString::fromLatin1(VMD5::hash("/srv/pub/" + VHTMLCache::ruleNamespace(
+                                                            rules.rule("http://h/b"))).left(12));
+    // The first rule's file opened untested, the next one's tested; each tried once a request.
+    EXPECT_TRUE(nginx.contains("    if ($" + a + ") {\n        expires off;\n        set $vesk_served $" + a
+                               + ";\n        set $" + a + " \"\";\n        set $vesk_back"));
+    EXPECT_TRUE(nginx.contains("    if (-f \"/srv/pub/$" + b + ".vesk.html\") {\n        expires off;\n        set "
+                               "$vesk_served $" + b + ";\n        set $" + a + " \"\";\n        set $" + b + " \"\";\n"));
+    EXPECT_EQ(2, nginx.count("rewrite ^ \"${uri}/./vesk-published/"));
+    EXPECT_TRUE(nginx.contains("        alias /srv/pub/$vesk_served.vesk.html$1;\n"));
+    EXPECT_TRUE(nginx.contains("        error_page 403 404 = $vesk_back;\n"));
     EXPECT_TRUE(nginx.contains("        default_type \"text/html; charset=UTF-8\";\n"));
 
     const QString apache = apacheRewriteConfig(rules.rules(), "/srv/pub");
