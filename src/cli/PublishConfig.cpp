@@ -222,11 +222,15 @@ QString nginxPublishConfig(const QList<CacheRule>& rules, const QByteArray& publ
         "# through try_files or index are found by their URL as sent; included\n"
         "# in the location of that try_files too, it spares nginx its look-ups. nginx\n"
         "# refuses the block outside a location ('expires' is allowed in a\n"
-        "# location's if only), where no location's access rules would apply.\n"
-        // A cached descriptor would send a page after its purge, and a cached
-        // test would send a request to a file that has gone.
-        "    open_file_cache off;\n");
+        "# location's if only), where no location's access rules would apply.\n");
     const QStringList variables = nginxVariables(rules, publishDir);
+    // Without a rule, the nested location's variables would be set nowhere,
+    // which nginx refuses.
+    if (variables.isEmpty())
+        return text + QStringLiteral("#   no rule in force publishes its pages: nothing to send\n");
+    // A cached descriptor would send a page after its purge, and a cached
+    // test would send a request to a file that has gone.
+    text += QStringLiteral("    open_file_cache off;\n");
     for (const CacheRule& rule : rules) {
         const QString variable = nginxVariable(rule, publishDir);
         if (variables.contains(variable))

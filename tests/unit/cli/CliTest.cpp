@@ -248,6 +248,8 @@ include /etc/passwd;</name></url>
     EXPECT_EQ(2, nginx.count("rewrite ^ \"${uri}/./vesk-published/"));
     EXPECT_TRUE(nginx.contains("        alias /srv/pub/$vesk_served.vesk.html$1;\n"));
     EXPECT_TRUE(nginx.contains("        error_page 403 404 = $vesk_back;\n"));
+    // Without a rule that publishes, no nested location, whose variables nothing would set.
+    EXPECT_FALSE(nginxPublishConfig({rules.rule("http://h/c")}, "/srv/pub").contains("alias"));
     EXPECT_TRUE(nginx.contains("        default_type \"text/html; charset=UTF-8\";\n"));
 
     const QString apache = apacheRewriteConfig(rules.rules(), "/srv/pub");
