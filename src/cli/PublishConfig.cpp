@@ -170,12 +170,12 @@ QString nginxRule(const QString& variable, const QStringList& variables, const C
                   const QByteArray& dir)
 {
     const bool first = variable == variables.first();
+    const QString test = first ? QLatin1Char('$') + variable
+                               : QStringLiteral("-f \"%1/$%2.vesk.html\"").arg(QString::fromLocal8Bit(dir), variable);
     QString text = QStringLiteral("    if (%1) {\n"
                                   "        expires off;\n"
                                   "        set $vesk_served $%2;\n")
-                       .arg(first ? QLatin1Char('$') + variable
-                                  : QStringLiteral("-f \"%1/$%2.vesk.html\"").arg(QString::fromLocal8Bit(dir), variable),
-                            variable);
+                       .arg(test, variable);
     for (const QString& tried : first ? QStringList{variable} : variables)
         text += QStringLiteral("        set $%1 \"\";\n").arg(tried);
     const QString marker = QLatin1String(NginxMarker) + QString::fromLatin1(VHTMLCache::ruleNamespace(rule));

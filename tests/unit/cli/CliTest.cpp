@@ -244,7 +244,8 @@ include /etc/passwd;</name></url>
     EXPECT_TRUE(nginx.contains("    if ($" + a + ") {\n        expires off;\n        set $vesk_served $" + a
                                + ";\n        set $" + a + " \"\";\n        set $vesk_back"));
     EXPECT_TRUE(nginx.contains("    if (-f \"/srv/pub/$" + b + ".vesk.html\") {\n        expires off;\n        set "
-                               "$vesk_served $" + b + ";\n        set $" + a + " \"\";\n        set $" + b + " \"\";\n"));
+                               "$vesk_served $" + b + ";\n        set $" + a + " \"\";\n        set $" + b
+                               + " \"\";\n"));
     EXPECT_EQ(2, nginx.count("rewrite ^ \"${uri}/./vesk-published/"));
     EXPECT_TRUE(nginx.contains("        alias /srv/pub/$vesk_served.vesk.html$1;\n"));
     EXPECT_TRUE(nginx.contains("        error_page 403 404 = $vesk_back;\n"));
