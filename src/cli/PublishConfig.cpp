@@ -148,15 +148,15 @@ QString nginxRuleMaps(const CacheRule& rule, const QByteArray& dir)
 const char NginxMarker[] = "/./vesk-published/";
 const char NginxMarkerPattern[] = "/\\./vesk-published/";
 
-// The variables of the rules whose files nginx may send, in the rules' order.
-QStringList nginxVariables(const QList<CacheRule>& rules, const QByteArray& dir)
+// The rules whose files nginx may send, in the rules' order.
+QList<CacheRule> nginxRules(const QList<CacheRule>& rules)
 {
-    QStringList variables;
+    QList<CacheRule> sending;
     for (const CacheRule& rule : rules) {
         if (rule.d->publish && rule.d->enable && !blocksOf(rule).isEmpty())
-            variables << nginxVariable(rule, dir);
+            sending << rule;
     }
-    return variables;
+    return sending;
 }
 
 // A rule's file, when the request may have it. The first rule's is opened
@@ -166,10 +166,10 @@ QStringList nginxVariables(const QList<CacheRule>& rules, const QByteArray& dir)
 // as try_files makes). A rule's variable, emptied once its file is tried,
 // keeps the request from going round again: once for the first rule, and
 // once at most for all the others.
-QString nginxRule(const QString& variable, const QStringList& variables, const CacheRule& rule,
-                  const QByteArray& dir)
+QString nginxRule(const CacheRule& rule, int index, const QStringList& variables, const QByteArray& dir)
 {
-    const bool first = variable == variables.first();
+    const QString& variable = variables[index];
+    const bool first = index == 0;
     const QString test = first ? QLatin1Char('$') + variable
                                : QStringLiteral("-f \"%1/$%2.vesk.html\"").arg(QString::fromLocal8Bit(dir), variable);
     QString text = QStringLiteral("    if (%1) {\n"
@@ -223,19 +223,19 @@ QString nginxPublishConfig(const QList<CacheRule>& rules, const QByteArray& publ
         "# in the location of that try_files too, it spares nginx its look-ups. nginx\n"
         "# refuses the block outside a location ('expires' is allowed in a\n"
         "# location's if only), where no location's access rules would apply.\n");
-    const QStringList variables = nginxVariables(rules, publishDir);
+    const QList<CacheRule> sending = nginxRules(rules);
     // Without a rule, the nested location's variables would be set nowhere,
     // which nginx refuses.
-    if (variables.isEmpty())
+    if (sending.isEmpty())
         return text + QStringLiteral("#   no rule in force publishes its pages: nothing to send\n");
     // A cached descriptor would send a page after its purge, and a cached
     // test would send a request to a file that has gone.
     text += QStringLiteral("    open_file_cache off;\n");
-    for (const CacheRule& rule : rules) {
-        const QString variable = nginxVariable(rule, publishDir);
-        if (variables.contains(variable))
-            text += nginxRule(variable, variables, rule, publishDir);
-    }
+    QStringList variables;
+    for (const CacheRule& rule : sending)
+        variables << nginxVariable(rule, publishDir);
+    for (int i = 0; i < sending.size(); ++i)
+        text += nginxRule(sending[i], i, variables, publishDir);
     // Nested, it takes the enclosing location's access rules (auth_basic,
     // allow and deny, satisfy), which run again for the rewritten URI.
     text += QStringLiteral(
